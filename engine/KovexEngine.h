@@ -1,0 +1,26 @@
+#pragma once
+
+// The public interface of KovexEngine.
+
+#include "kernel/CharSet.h"
+#include "kernel/Containers.h"
+#include "kernel/CriticalSection.h"
+#include "kernel/Engine.h"
+#include "kernel/Log.h"
+#include "kernel/MemoryTracker.h"
+#include "kernel/RefCount.h"
+#include "kernel/RingBuffer.h"
+#include "kernel/SelfAllocator.h"
+#include "kernel/SharedString.h"
+#include "kernel/StringConv.h"
+#include "kernel/Strings.h"
+#include "kernel/Timer.h"
+#include "kernel/Types.h"
+#include "math/Bounds.h"
+#include "math/Frustum.h"
+#include "math/MathUtil.h"
+#include "math/Matrix.h"
+#include "math/Plane.h"
+#include "math/Quaternion.h"
+#include "math/Transform.h"
+#include "math/Vector.h"

@@ -1,0 +1,140 @@
+#pragma once
+
+#include <atomic>
+#include <type_traits>
+
+#include "kernel/Types.h"
+
+namespace KovexEngine {
+
+// Root of the engine's classes: objects that own their allocation.
+class HeapObject
+{
+};
+
+// An object that counts its own references. A new object has a count of 0
+// and belongs to the first Ptr that takes it.
+class KOVEX_API ReferenceObj : public HeapObject
+{
+public:
+    ReferenceObj() = default;
+    // A copy is a new object: it starts unowned, whatever the source's count.
+    ReferenceObj(const ReferenceObj&) : m_refCount(0) {}
+    // Assignment copies the value of a derived object, never its owners.
+    ReferenceObj& operator=(const ReferenceObj&) { return *this; }
+    virtual ~ReferenceObj();
+
+    void AddRef() const { m_refCount.fetch_add(1, std::memory_order_relaxed); }
+    void Release() const
+    {
+        if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+    int32 GetRefCount() const { return m_refCount.load(std::memory_order_relaxed); }
+
+private:
+    mutable std::atomic<int32> m_refCount{0};
+};
+
+// Intrusive owning pointer. Assignment takes the new reference before it lets
+// the old one go, so assigning an object that only the old one kept alive is
+// safe.
+template <typename T>
+class Ptr
+{
+public:
+    Ptr() = default;
+    Ptr(T* object) : m_object(object) { if (m_object) m_object->AddRef(); }
+    Ptr(const Ptr& other) : Ptr(other.m_object) {}
+    Ptr(Ptr&& other) noexcept : m_object(other.m_object) { other.m_object = nullptr; }
+    template <typename U> requires std::is_convertible_v<U*, T*>
+    Ptr(const Ptr<U>& other) : Ptr(other.Get()) {}
+    ~Ptr() { if (m_object) m_object->Release(); }
+
+    Ptr& operator=(T* object)
+    {
+        if (object != m_object)
+        {
+            if (object)
+                object->AddRef();
+            T* old = m_object;
+            m_object = object;
+            if (old)
+                old->Release();
+        }
+        return *this;
+    }
+    Ptr& operator=(const Ptr& other) { return *this = other.m_object; }
+    Ptr& operator=(Ptr&& other) noexcept
+    {
+        if (this != &other)
+        {
+            T* old = m_object;
+            m_object = other.m_object;
+            other.m_object = nullptr;
+            if (old)
+                old->Release();
+        }
+        return *this;
+    }
+
+    T* Get() const { return m_object; }
+    T* operator->() const { return m_object; }
+    T& operator*() const { return *m_object; }
+    T* operator()() const { return m_object; }
+    operator T*() const { return m_object; }
+
+private:
+    T* m_object = nullptr;
+};
+
+// Owning pointer to an object that is only read through it.
+template <typename T>
+class ConstPtr
+{
+public:
+    ConstPtr() = default;
+    ConstPtr(const T* object) : m_object(object) { if (m_object) m_object->AddRef(); }
+    ConstPtr(const ConstPtr& other) : ConstPtr(other.m_object) {}
+    ConstPtr(const Ptr<T>& other) : ConstPtr(other.Get()) {}
+    ConstPtr(ConstPtr&& other) noexcept : m_object(other.m_object) { other.m_object = nullptr; }
+    ~ConstPtr() { if (m_object) m_object->Release(); }
+
+    ConstPtr& operator=(const T* object)
+    {
+        if (object != m_object)
+        {
+            if (object)
+                object->AddRef();
+            const T* old = m_object;
+            m_object = object;
+            if (old)
+                old->Release();
+        }
+        return *this;
+    }
+    ConstPtr& operator=(const ConstPtr& other) { return *this = other.m_object; }
+    ConstPtr& operator=(ConstPtr&& other) noexcept
+    {
+        if (this != &other)
+        {
+            const T* old = m_object;
+            m_object = other.m_object;
+            other.m_object = nullptr;
+            if (old)
+                old->Release();
+        }
+        return *this;
+    }
+
+    const T* Get() const { return m_object; }
+    const T* operator->() const { return m_object; }
+    const T& operator*() const { return *m_object; }
+    const T* operator()() const { return m_object; }
+    operator const T*() const { return m_object; }
+
+private:
+    const T* m_object = nullptr;
+};
+
+} // namespace KovexEngine

@@ -1,8 +1,9 @@
 // EvalNumber: a small recursive evaluator over a private copy of the text.
 // Its precedence rules are unusual and relied upon: "*" binds tighter than
-// "/" and "%", which bind tighter than "+" and "-"; a lower operator after a
-// higher one ends the expression ("2*3+4" is 6), and a closing bracket ends
-// every level above it ("(1+2)*3" is 3).
+// "/" and "%", which bind tighter than "+" and "-"; a chain of one level runs
+// left to right; a lower operator after a higher one ends the expression
+// ("2*3+4" is 6), and a closing bracket ends every level above it
+// ("(1+2)*3" is 3).
 
 #include "kernel/Log.h"
 #include "kernel/Strings.h"
@@ -30,6 +31,8 @@ public:
 
 private:
     static constexpr int kMaxDepth = 2000;
+    // The level of the operand of a unary "-", "+" or "@".
+    static constexpr int kOperandLevel = 1000;
 
     bool Fail(const char16_t* message, bool log = true)
     {
@@ -49,12 +52,12 @@ private:
         return unsigned(m_text()[m_position++]);
     }
 
-    // Puts ")" back at the front of what remains: the slot of the character
-    // just consumed is always free.
-    void PutBackBracket()
+    // Puts a character back at the front of what remains: the slot of the
+    // character just consumed is always free.
+    void PutBack(unsigned c)
     {
         if (m_position > 0)
-            m_text()[--m_position] = C(')');
+            m_text()[--m_position] = C(c);
     }
 
     static bool IsDigit(unsigned c) { return c >= '0' && c <= '9'; }
@@ -91,16 +94,16 @@ private:
                     return false;
                 break;
             case '-':
-                if (!Evaluate(1000, value))
+                if (!Evaluate(kOperandLevel, value))
                     return false;
                 value = -value;
                 break;
             case '+':
-                if (!Evaluate(1000, value))
+                if (!Evaluate(kOperandLevel, value))
                     return false;
                 break;
             case '@':
-                if (!Evaluate(1000, value))
+                if (!Evaluate(kOperandLevel, value))
                     return false;
                 if (value < 0.0f)
                     return Fail(u"String EvalNumber failed: Can't take square root of negative number\n");
@@ -121,20 +124,20 @@ private:
                 out = value;
                 return true;
             case ')':
-                PutBackBracket();
+                PutBack(')');
                 out = value;
                 return true;
             case '+':
             case '-':
                 if (level > 1)
-                    return End(value, out);
+                    return End(value, out, c, level == 2 || level == kOperandLevel);
                 if (!Evaluate(2, right))
                     return Succeed(value, out);
                 value = c == '+' ? value + right : value - right;
                 break;
             case '/':
                 if (level > 2)
-                    return End(value, out);
+                    return End(value, out, c, level == 3 || level == kOperandLevel);
                 if (!Evaluate(3, right))
                     return Succeed(value, out);
                 if (right == 0.0f)
@@ -144,7 +147,7 @@ private:
             case '%':
             {
                 if (level > 2)
-                    return End(value, out);
+                    return End(value, out, c, level == 3 || level == kOperandLevel);
                 if (!Evaluate(3, right))
                     return Succeed(value, out);
                 if (right == 0.0f)
@@ -160,7 +163,7 @@ private:
             }
             case '*':
                 if (level > 3)
-                    return End(value, out);
+                    return End(value, out, c, level == 4 || level == kOperandLevel);
                 if (!Evaluate(4, right))
                     return Succeed(value, out);
                 value *= right;
@@ -182,10 +185,13 @@ private:
         return int32(v);
     }
 
-    bool End(float value, float& out)
+    // Ends this level. An operator of the caller's own level (or one that
+    // follows a unary operand) goes back to the caller, which carries on the
+    // chain; a lower one puts ")" back instead, which ends every level in turn.
+    bool End(float value, float& out, unsigned op, bool continuesChain)
     {
         out = value;
-        PutBackBracket();
+        PutBack(continuesChain ? op : ')');
         return true;
     }
 

@@ -107,16 +107,14 @@ void EmitInteger(Sink<C>& out, const Spec& spec, uint64 magnitude, bool negative
         prefix[prefixLen++] = '+';
     else if (spec.space && base == 10)
         prefix[prefixLen++] = ' ';
-    if (spec.alt && n > 0 && !(n == 1 && digits[0] == '0'))
+    if (spec.alt && base == 16 && !(n == 0 || (n == 1 && digits[0] == '0')))
     {
-        if (base == 16)
-        {
-            prefix[prefixLen++] = '0';
-            prefix[prefixLen++] = upper ? 'X' : 'x';
-        }
-        else if (base == 8 && (spec.precision <= n))
-            prefix[prefixLen++] = '0';
+        prefix[prefixLen++] = '0';
+        prefix[prefixLen++] = upper ? 'X' : 'x';
     }
+    // "%#o" makes the first digit a zero, adding one only when needed.
+    else if (spec.alt && base == 8 && (n == 0 || digits[n - 1] != '0') && spec.precision <= n)
+        prefix[prefixLen++] = '0';
 
     uint64 precisionZeros = spec.precision > n ? uint64(spec.precision - n) : 0;
     uint64 body = uint64(prefixLen) + precisionZeros + uint64(n);
@@ -230,21 +228,46 @@ void EmitOtherWidth(Sink<C>& out, const Spec& spec, const O* s)
     size_t n = 0;
     if (spec.width)
     {
-        transcode([&](C) { ++n; });
-        if (n > limit)
-            n = limit;
+        size_t units = 0, whole = 0;
+        transcode([&](C c) {
+            bool continues = sizeof(C) == 1 ? (static_cast<unsigned char>(c) & 0xC0) == 0x80
+                                            : (c >= 0xDC00 && c < 0xE000);
+            if (!continues)
+                whole = units;
+            ++units;
+            if (units <= limit)
+                n = units;
+        });
+        // A character cut by the precision does not count.
+        if (units > limit)
+            n = whole <= limit ? whole : limit;
     }
     uint64 pad = spec.width > n ? spec.width - n : 0;
     if (!spec.left)
         out.Pad(C(' '), pad);
+    // A character that does not fit the precision whole is left out whole.
     size_t written = 0;
-    transcode([&](C c) {
-        if (written < limit)
+    C pending[4];
+    size_t pendingCount = 0;
+    auto flush = [&] {
+        if (written + pendingCount <= limit)
         {
-            out.Put(c);
-            ++written;
+            out.Put(pending, pendingCount);
+            written += pendingCount;
         }
+        else
+            written = limit;
+        pendingCount = 0;
+    };
+    transcode([&](C c) {
+        bool continues = sizeof(C) == 1 ? (static_cast<unsigned char>(c) & 0xC0) == 0x80
+                                        : (c >= 0xDC00 && c < 0xE000);
+        if (!continues && pendingCount)
+            flush();
+        pending[pendingCount++] = c;
     });
+    if (pendingCount)
+        flush();
     if (spec.left)
         out.Pad(C(' '), pad);
 }

@@ -1,0 +1,56 @@
+// Runs a fuzz target without libFuzzer: over every file of the corpus
+// directories given, then over a fixed number of generated inputs. This is
+// how the test suite exercises the targets on every build.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+int main(int argc, char** argv)
+{
+    unsigned files = 0;
+    std::vector<std::vector<uint8_t>> seeds;
+    for (int i = 1; i < argc; ++i)
+    {
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(argv[i], error))
+        {
+            if (!entry.is_regular_file())
+                continue;
+            std::ifstream in(entry.path(), std::ios::binary);
+            std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+            seeds.push_back(std::move(bytes));
+            ++files;
+        }
+    }
+    // Mutations of the seeds: flipped, inserted and dropped bytes.
+    std::mt19937 random(12345);
+    unsigned generated = 0;
+    for (; generated < 3000; ++generated)
+    {
+        std::vector<uint8_t> input = seeds.empty() ? std::vector<uint8_t>() : seeds[random() % seeds.size()];
+        unsigned edits = 1 + random() % 8;
+        for (unsigned e = 0; e < edits; ++e)
+        {
+            unsigned kind = random() % 3;
+            size_t at = input.empty() ? 0 : random() % input.size();
+            if (kind == 0 && !input.empty())
+                input[at] = uint8_t(random());
+            else if (kind == 1)
+                input.insert(input.begin() + long(at), uint8_t(random()));
+            else if (!input.empty())
+                input.erase(input.begin() + long(at));
+        }
+        LLVMFuzzerTestOneInput(input.data(), input.size());
+    }
+    std::printf("replayed %u corpus files and %u generated inputs\n", files, generated);
+    return EXIT_SUCCESS;
+}

@@ -90,51 +90,6 @@ private:
 
 // Owning pointer to an object that is only read through it.
 template <typename T>
-class ConstPtr
-{
-public:
-    ConstPtr() = default;
-    ConstPtr(const T* object) : m_object(object) { if (m_object) m_object->AddRef(); }
-    ConstPtr(const ConstPtr& other) : ConstPtr(other.m_object) {}
-    ConstPtr(const Ptr<T>& other) : ConstPtr(other.Get()) {}
-    ConstPtr(ConstPtr&& other) noexcept : m_object(other.m_object) { other.m_object = nullptr; }
-    ~ConstPtr() { if (m_object) m_object->Release(); }
-
-    ConstPtr& operator=(const T* object)
-    {
-        if (object != m_object)
-        {
-            if (object)
-                object->AddRef();
-            const T* old = m_object;
-            m_object = object;
-            if (old)
-                old->Release();
-        }
-        return *this;
-    }
-    ConstPtr& operator=(const ConstPtr& other) { return *this = other.m_object; }
-    ConstPtr& operator=(ConstPtr&& other) noexcept
-    {
-        if (this != &other)
-        {
-            const T* old = m_object;
-            m_object = other.m_object;
-            other.m_object = nullptr;
-            if (old)
-                old->Release();
-        }
-        return *this;
-    }
-
-    const T* Get() const { return m_object; }
-    const T* operator->() const { return m_object; }
-    const T& operator*() const { return *m_object; }
-    const T* operator()() const { return m_object; }
-    operator const T*() const { return m_object; }
-
-private:
-    const T* m_object = nullptr;
-};
+using ConstPtr = Ptr<const T>;
 
 } // namespace KovexEngine

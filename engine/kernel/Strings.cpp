@@ -837,20 +837,19 @@ bool TString<C>::Replace(const C* set, C to)
 }
 
 template <typename C>
-bool TString<C>::Replace(const C* from, const C* const* pieces, unsigned pieceCount, unsigned maxCount)
+template <typename Find, typename Emit>
+bool TString<C>::ReplaceMatches(unsigned maxCount, Find&& find, Emit&& emit)
 {
-    unsigned fromLength = TextLength(from);
-    if (fromLength == 0 || maxCount == 0)
+    if (maxCount == 0)
         return false;
     TString result;
     unsigned count = 0, read = 0;
-    for (unsigned i = IndexOf(from, fromLength, 0); i != kNotFound && count < maxCount;
-         i = IndexOf(from, fromLength, read))
+    unsigned matchLength = 0;
+    for (unsigned at = find(0u, matchLength); at != kNotFound && count < maxCount; at = find(read, matchLength))
     {
-        result.Append((*this)() + read, i - read);
-        for (unsigned p = 0; p < pieceCount; ++p)
-            result.Append(pieces[p]);
-        read = i + fromLength;
+        result.Append((*this)() + read, at - read);
+        emit(result, at, matchLength);
+        read = at + matchLength;
         ++count;
     }
     if (count == 0)
@@ -858,6 +857,24 @@ bool TString<C>::Replace(const C* from, const C* const* pieces, unsigned pieceCo
     result.Append((*this)() + read, m_length - read);
     Swap(result);
     return true;
+}
+
+template <typename C>
+bool TString<C>::Replace(const C* from, const C* const* pieces, unsigned pieceCount, unsigned maxCount)
+{
+    unsigned fromLength = TextLength(from);
+    if (fromLength == 0)
+        return false;
+    return ReplaceMatches(
+        maxCount,
+        [&](unsigned start, unsigned& length) {
+            length = fromLength;
+            return IndexOf(from, fromLength, start);
+        },
+        [&](TString& result, unsigned, unsigned) {
+            for (unsigned p = 0; p < pieceCount; ++p)
+                result.Append(pieces[p]);
+        });
 }
 
 template <typename C>
@@ -870,51 +887,30 @@ bool TString<C>::Replace(const C* from, const C* to, unsigned maxCount)
 template <typename C>
 bool TString<C>::Replace(C open, C close, const C* with, unsigned maxCount)
 {
-    if (maxCount == 0)
-        return false;
-    TString result;
-    unsigned count = 0, read = 0;
-    while (count < maxCount)
-    {
-        unsigned a = IndexOf(open, read);
-        if (a == kNotFound)
-            break;
-        unsigned b = IndexOf(close, a + 1);
-        if (b == kNotFound)
-            break;
-        result.Append((*this)() + read, a - read);
-        result.Append(with);
-        read = b + 1;
-        ++count;
-    }
-    if (count == 0)
-        return false;
-    result.Append((*this)() + read, m_length - read);
-    Swap(result);
-    return true;
+    return ReplaceMatches(
+        maxCount,
+        [&](unsigned start, unsigned& length) {
+            unsigned a = IndexOf(open, start);
+            unsigned b = a == kNotFound ? kNotFound : IndexOf(close, a + 1);
+            length = b == kNotFound ? 0 : b - a + 1;
+            return b == kNotFound ? kNotFound : a;
+        },
+        [&](TString& result, unsigned, unsigned) { result.Append(with); });
 }
 
 template <typename C>
 bool TString<C>::_ReplaceMWW(const C* from, const C* to, const CharSet& separators, unsigned maxCount)
 {
     unsigned fromLength = TextLength(from);
-    if (fromLength == 0 || maxCount == 0)
+    if (fromLength == 0)
         return false;
-    TString result;
-    unsigned count = 0, read = 0;
-    for (unsigned i = _IndexOfMWW(from, fromLength, 0, separators); i != kNotFound && count < maxCount;
-         i = _IndexOfMWW(from, fromLength, read, separators))
-    {
-        result.Append((*this)() + read, i - read);
-        result.Append(to);
-        read = i + fromLength;
-        ++count;
-    }
-    if (count == 0)
-        return false;
-    result.Append((*this)() + read, m_length - read);
-    Swap(result);
-    return true;
+    return ReplaceMatches(
+        maxCount,
+        [&](unsigned start, unsigned& length) {
+            length = fromLength;
+            return _IndexOfMWW(from, fromLength, start, separators);
+        },
+        [&](TString& result, unsigned, unsigned) { result.Append(to); });
 }
 
 template <typename C>
@@ -924,6 +920,20 @@ bool TString<C>::ReplaceMWW(const C* from, const C* to, const char* separators, 
 }
 
 // --- Tokens ---------------------------------------------------------------------------
+
+namespace {
+// Takes the token that runs from `start` up to the next separator.
+template <typename C>
+bool TakeToken(const TString<C>& s, unsigned start, const CharSet& separators, TString<C>& out, unsigned& position)
+{
+    unsigned end = start;
+    while (end < s.Length() && !InSet(separators, s()[end]))
+        ++end;
+    position = start;
+    out.Set(s() + start, end - start);
+    return true;
+}
+} // namespace
 
 template <typename C>
 bool TString<C>::_GetToken(TString& out, unsigned& position, unsigned index, const CharSet& separators) const
@@ -936,15 +946,9 @@ bool TString<C>::_GetToken(TString& out, unsigned& position, unsigned index, con
         ++i;
     if (i >= m_length)
         return false;
-    unsigned start = i;
-    while (start > 0 && !InSet(separators, s[start - 1]))
-        --start;
-    unsigned end = i;
-    while (end < m_length && !InSet(separators, s[end]))
-        ++end;
-    position = start;
-    out.Set(s + start, end - start);
-    return true;
+    while (i > 0 && !InSet(separators, s[i - 1]))
+        --i;
+    return TakeToken(*this, i, separators, out, position);
 }
 
 template <typename C>
@@ -964,12 +968,7 @@ bool TString<C>::_GetNextToken(TString& out, unsigned& position, unsigned index,
         ++i;
     if (i >= m_length)
         return false;
-    unsigned end = i;
-    while (end < m_length && !InSet(separators, s[end]))
-        ++end;
-    position = i;
-    out.Set(s + i, end - i);
-    return true;
+    return TakeToken(*this, i, separators, out, position);
 }
 
 template <typename C>
@@ -992,13 +991,10 @@ bool TString<C>::_GetLastToken(TString& out, unsigned& position, unsigned index,
         --i;
     if (i < 0)
         return false;
-    unsigned end = unsigned(i) + 1;
     unsigned start = unsigned(i);
     while (start > 0 && !InSet(separators, s[start - 1]))
         --start;
-    position = start;
-    out.Set(s + start, end - start);
-    return true;
+    return TakeToken(*this, start, separators, out, position);
 }
 
 template <typename C>

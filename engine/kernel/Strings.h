@@ -331,6 +331,9 @@ private:
     // `capacity` characters, keeping the first `keep` characters.
     bool Regrow(unsigned capacity, unsigned keep);
     template <typename V> void SetFormatted(const V& value, bool append);
+    // Rebuilds the text with each match that `find` reports replaced by what
+    // `emit` appends; swaps the result in when anything was replaced.
+    template <typename Find, typename Emit> bool ReplaceMatches(unsigned maxCount, Find&& find, Emit&& emit);
 
     union
     {

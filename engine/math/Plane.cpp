@@ -72,34 +72,28 @@ bool Frustum::Contains(const Vector3& p) const
     return true;
 }
 
+namespace {
+template <typename Volume>
+Frustum::Result Classify(const Plane (&planes)[Frustum::PLANE_COUNT], const Volume& volume)
+{
+    Frustum::Result result = Frustum::INSIDE;
+    for (const Plane& plane : planes)
+    {
+        int side = plane.Classify(volume);
+        if (side < 0)
+            return Frustum::OUTSIDE;
+        if (side == 0)
+            result = Frustum::INTERSECTS;
+    }
+    return result;
+}
+} // namespace
+
 Frustum::Result Frustum::Test(const Aabb& box) const
 {
-    if (box.IsEmpty())
-        return OUTSIDE;
-    Result result = INSIDE;
-    for (const Plane& plane : planes)
-    {
-        int side = plane.Classify(box);
-        if (side < 0)
-            return OUTSIDE;
-        if (side == 0)
-            result = INTERSECTS;
-    }
-    return result;
+    return box.IsEmpty() ? OUTSIDE : Classify(planes, box);
 }
 
-Frustum::Result Frustum::Test(const Sphere& sphere) const
-{
-    Result result = INSIDE;
-    for (const Plane& plane : planes)
-    {
-        int side = plane.Classify(sphere);
-        if (side < 0)
-            return OUTSIDE;
-        if (side == 0)
-            result = INTERSECTS;
-    }
-    return result;
-}
+Frustum::Result Frustum::Test(const Sphere& sphere) const { return Classify(planes, sphere); }
 
 } // namespace KovexEngine

@@ -8,6 +8,18 @@
 
 using namespace KovexEngine;
 
+namespace {
+void ShutDown()
+{
+    Kovex_Main_Terminate();
+    Kovex_Renderer_Terminate();
+    Kovex_System_Terminate();
+    Kovex_Main_Cleanup();
+    Kovex_Renderer_Cleanup();
+    Kovex_System_Cleanup();
+}
+} // namespace
+
 int main(int argc, char** argv)
 {
     unsigned frames = 300;
@@ -28,12 +40,7 @@ int main(int argc, char** argv)
     if (!Kovex_Main_LoadRequiredData(nullptr))
     {
         std::fprintf(stderr, "No \"Data\" directory was found beside the executable or above it.\n");
-        Kovex_Main_Terminate();
-        Kovex_Renderer_Terminate();
-        Kovex_System_Terminate();
-        Kovex_Main_Cleanup();
-        Kovex_Renderer_Cleanup();
-        Kovex_System_Cleanup();
+        ShutDown();
         return 1;
     }
     std::printf("Data root: %s\n", StringConvFuncs::ToAString(g_kovexRootPath()).c_str());
@@ -57,12 +64,7 @@ int main(int argc, char** argv)
                   g_kovexTimer.GetElapsedTime() * 1e6 / double(frames), shortest * 1e6, longest * 1e6);
     std::fputs(report(), stdout);
 
-    Kovex_Main_Terminate();
-    Kovex_Renderer_Terminate();
-    Kovex_System_Terminate();
-    Kovex_Main_Cleanup();
-    Kovex_Renderer_Cleanup();
-    Kovex_System_Cleanup();
+    ShutDown();
     std::printf("Engine shut down cleanly.\n");
     return EXIT_SUCCESS;
 }

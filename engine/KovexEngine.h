@@ -3,6 +3,7 @@
 // The public interface of KovexEngine.
 
 #include "kernel/CharSet.h"
+#include "kernel/CommandThread.h"
 #include "kernel/Containers.h"
 #include "kernel/CriticalSection.h"
 #include "kernel/Engine.h"
@@ -14,6 +15,8 @@
 #include "kernel/SharedString.h"
 #include "kernel/StringConv.h"
 #include "kernel/Strings.h"
+#include "kernel/Thread.h"
+#include "kernel/TimeAnalyzer.h"
 #include "kernel/Timer.h"
 #include "kernel/Types.h"
 #include "math/Bounds.h"
@@ -24,3 +27,8 @@
 #include "math/Quaternion.h"
 #include "math/Transform.h"
 #include "math/Vector.h"
+#include "reflection/BaseType.h"
+#include "reflection/Class.h"
+#include "reflection/ClassIterator.h"
+#include "reflection/Object.h"
+#include "reflection/ObjectManager.h"

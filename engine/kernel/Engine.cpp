@@ -11,10 +11,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "kernel/CommandThread.h"
 #include "kernel/Log.h"
 #include "kernel/SharedString.h"
 #include "kernel/StringConv.h"
 #include "math/MathUtil.h"
+#include "reflection/ObjectManager.h"
 
 namespace KovexEngine {
 
@@ -96,18 +98,20 @@ void Kovex_System_Initialize()
 {
     if (s_systemInited)
     {
-        // ObjectManager::Ins()->Initialize();  (a no-op while the layer stands)
+        ObjectManager::Ins()->Initialize(); // a no-op while the layer stands
         return;
     }
     g_kovexMainThreadId = Kovex_GetCurrentThreadId();
     Log::Init();
     Math::Init();
-    // Class::Setup();
-    // ObjectManager::Ins()->Initialize();
+    Class::Setup();
+    ObjectManager::Ins()->Initialize();
     // StaticGetClass of the core classes, in this order: Vector2, Vector3,
     // Vector4, Quaternion, Matrix2, Matrix3, Matrix4, Transform, Aabb, Obb,
-    // Sphere, Plane, ThreadCommand2, ScriptEnvironment, ScriptInterpreter,
-    // Serializer, BinSerializer, XmlSerializer.
+    // Sphere, Plane (as reflected structs), then:
+    ThreadCommand2::StaticGetClass();
+    // ScriptEnvironment, ScriptInterpreter, Serializer, BinSerializer,
+    // XmlSerializer.
     g_kovexTimer.Start();
     s_systemInited = true;
 }
@@ -116,7 +120,7 @@ void Kovex_System_Terminate()
 {
     if (!s_systemInited)
         return;
-    // ObjectManager::Ins()->TermFactories();
+    ObjectManager::Ins()->TermFactories();
     // delete the StreamManager singleton
     SharedStringPool::PerformGarbageCollection();
     s_systemInited = false;
@@ -124,7 +128,8 @@ void Kovex_System_Terminate()
 
 void Kovex_System_Cleanup()
 {
-    // delete the ObjectManager singleton; Class::Destroy();
+    ObjectManager::Destroy();
+    Class::Destroy();
     SharedStringPool::Destroy();
     Log::Clear();
 }

@@ -1,15 +1,42 @@
 #include "kernel/Log.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "kernel/Containers.h"
+#include "kernel/Engine.h"
 #include "kernel/StringConv.h"
+#include "kernel/Thread.h"
 
 namespace KovexEngine {
 
 TArray<Ptr<LogProxy>>* Log::ms_proxis = nullptr;
+
+namespace {
+
+bool WriteAll(int fd, const char* data, size_t size)
+{
+    while (size)
+    {
+        ssize_t n = ::write(fd, data, size);
+        if (n < 0)
+        {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += n;
+        size -= size_t(n);
+    }
+    return true;
+}
+
+} // namespace
+
 
 LogProxy::~LogProxy() = default;
 
@@ -37,10 +64,155 @@ void LogProxy_DebugOutput::Print(unsigned int level, const char16_t* text)
         StringConvFuncs::UTF16toUTF8(banner, GetBanner(level));
         utf8 = banner + utf8;
     }
-    ssize_t ignored = ::write(STDERR_FILENO, utf8(), utf8.Length());
-    (void)ignored;
+    WriteAll(STDERR_FILENO, utf8(), utf8.Length());
     m_lastLevel = level;
 }
+
+// --- Console ----------------------------------------------------------------------
+
+Ptr<LogProxy_Console> LogProxy_Console::ms_ptrConsoleProxy;
+
+unsigned int LogProxy_Console::GetTextAttr(unsigned int level) const
+{
+    switch (level)
+    {
+    case LOG_INFO: return 7;
+    case LOG_NOTICE: return 15;
+    case LOG_WARNING: return 6;
+    case LOG_ERROR: return 4;
+    case LOG_CRITICAL: return 12;
+    default: return 1;
+    }
+}
+
+void LogProxy_Console::Init(void* data)
+{
+    if (ms_ptrConsoleProxy)
+        return;
+    ms_ptrConsoleProxy = new LogProxy_Console();
+    // A caller may hand over a descriptor to write to instead of standard error.
+    ms_ptrConsoleProxy->m_handle = data ? int(reinterpret_cast<intptr_t>(data)) : -1;
+    ms_ptrConsoleProxy->CreateConsole();
+}
+
+void LogProxy_Console::CreateConsole()
+{
+    m_created = true;
+    if (m_handle < 0)
+        m_handle = STDERR_FILENO;
+    m_colours = ::isatty(m_handle) == 1;
+}
+
+void LogProxy_Console::Destroy() { ms_ptrConsoleProxy = nullptr; }
+
+void LogProxy_Console::WaitCloseAndDestroy()
+{
+    LogProxy_Console* console = ms_ptrConsoleProxy.Get();
+    if (!console || console->m_closing)
+        return;
+    Semaphore closing(0);
+    console->m_closing = &closing;
+    closing.Wait();
+    console->m_closing = nullptr;
+    Destroy();
+}
+
+void LogProxy_Console::NotifyClose()
+{
+    LogProxy_Console* console = ms_ptrConsoleProxy.Get();
+    if (!console)
+        return;
+    if (console->m_closing)
+        console->m_closing->Release();
+    else
+        Destroy();
+}
+
+void LogProxy_Console::Print(unsigned int level, const char16_t* text)
+{
+    if (!m_created || m_handle < 0)
+        return;
+    AString out;
+    if (level != m_lastLevel && m_colours)
+    {
+        // Windows console attributes to ANSI: bit 0 blue, 1 green, 2 red, 3 bright.
+        unsigned attr = GetTextAttr(level);
+        unsigned colour = ((attr & 4) ? 1 : 0) | ((attr & 2) ? 2 : 0) | ((attr & 1) ? 4 : 0);
+        out.Format("\x1b[%u;%um", (attr & 8) ? 1u : 0u, 30u + colour);
+    }
+    m_lastLevel = level;
+    AString utf8;
+    StringConvFuncs::UTF16toUTF8(utf8, text);
+    out.Append(utf8);
+    WriteAll(m_handle, out(), out.Length());
+}
+
+// --- File ---------------------------------------------------------------------------
+
+LogProxy_File::LogProxy_File(const WString& path)
+{
+    m_buffer.Reserve(kFlushThreshold);
+    WString absolute(path);
+    absolute.ConvertSlashes();
+    bool isAbsolute = absolute.StartsWith(u"/") || (absolute.Length() > 2 && absolute()[1] == u':');
+    if (!isAbsolute)
+        absolute = g_kovexRootPath + absolute;
+    absolute.FormatDir();
+    StringConvFuncs::UTF16toUTF8(m_path, absolute());
+
+    // Create each directory along the path; the last component is the file.
+    for (unsigned i = 1; i < m_path.Length(); ++i)
+        if (m_path[i] == '/')
+        {
+            AString directory(m_path(), i);
+            ::mkdir(directory(), 0777);
+        }
+    int fd = ::open(m_path(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0)
+    {
+        int error = errno;
+        Log::Format(LOG_WARNING, u"Create File %s failed, error = %d.\n", absolute(), error);
+        return;
+    }
+    ::close(fd);
+    m_open = true;
+}
+
+LogProxy_File::~LogProxy_File() { Flush(); }
+
+void LogProxy_File::Print(unsigned int level, const char16_t* text)
+{
+    if (!text || !*text)
+        return;
+    if (const char16_t* banner = GetBanner(level))
+        m_buffer.Append(banner);
+    m_buffer.Append(text);
+    m_buffer.Append(u"\r\n");
+    m_lastLevel = level;
+    if (m_buffer.Length() >= kFlushThreshold)
+        Flush();
+}
+
+bool LogProxy_File::Flush()
+{
+    if (m_buffer.IsEmpty())
+        return true;
+    if (!m_open)
+    {
+        m_buffer.TerminateAtIndex(0);
+        return false;
+    }
+    int fd = ::open(m_path(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    StringConvFuncs::UTF16toUTF8(m_conversion, m_buffer(), m_buffer.Length());
+    bool ok = WriteAll(fd, m_conversion(), m_conversion.Length());
+    ::close(fd);
+    m_buffer.TerminateAtIndex(0);
+    return ok;
+}
+
+// --- Log ----------------------------------------------------------------------------
 
 void Log::Init()
 {

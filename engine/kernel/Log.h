@@ -44,6 +44,69 @@ public:
     void Print(unsigned int level, const char16_t* text) override;
 };
 
+class Semaphore;
+
+// A console: standard error, with the level shown in colour (ANSI escapes
+// when standard error is a terminal). One per process.
+class KOVEX_API LogProxy_Console : public LogProxy
+{
+public:
+    void Print(unsigned int level, const char16_t* text) override;
+    // The console attribute of a level: 7, 15, 6, 4, 12 for levels 1 to 5,
+    // 1 otherwise (bit 0 blue, 1 green, 2 red, 3 bright).
+    virtual unsigned int GetTextAttr(unsigned int level) const;
+
+    static LogProxy_Console* Get() { return ms_ptrConsoleProxy.Get(); }
+    // Creates the console proxy if there is none.
+    static void Init(void* data = nullptr);
+    static void Destroy();
+    // Blocks until the console is closed (NotifyClose), then destroys it.
+    static void WaitCloseAndDestroy();
+    // The console's close event: wakes a waiter, or destroys the proxy.
+    static void NotifyClose();
+
+    static Ptr<LogProxy_Console> ms_ptrConsoleProxy;
+
+private:
+    LogProxy_Console() = default;
+    void CreateConsole();
+
+    int m_handle = -1;
+    bool m_created = false;
+    bool m_colours = false;
+    Semaphore* m_closing = nullptr;
+};
+
+// Buffers messages and appends them to a file in runs of at least 1024
+// characters: each run opens the file, writes at its end and closes it
+// again, so the file is never held open between runs.
+class KOVEX_API LogProxy_File : public LogProxy
+{
+public:
+    // Makes the path absolute (relative paths are taken from the root path),
+    // creates its directory and creates the file empty. When that fails it
+    // logs "Create File %s failed, error = %d.\n" at level 3 and IsOpen is
+    // false.
+    explicit LogProxy_File(const WString& path);
+    // Writes what is still buffered, so that the end of a run is not lost.
+    ~LogProxy_File() override;
+
+    void Print(unsigned int level, const char16_t* text) override;
+    bool IsOpen() const { return m_open; }
+    const AString& GetPath() const { return m_path; }
+    unsigned int GetBufferedLength() const { return m_buffer.Length(); }
+    // Writes the buffer out now.
+    bool Flush();
+
+    static constexpr unsigned kFlushThreshold = 1024;
+
+private:
+    WString m_buffer;
+    AString m_path;
+    AString m_conversion;
+    bool m_open = false;
+};
+
 // Static front to the list of proxies. The list changes only while the engine
 // starts and stops, so printing takes no lock.
 class KOVEX_API Log

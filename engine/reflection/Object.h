@@ -1,0 +1,98 @@
+#pragma once
+
+#include "reflection/Class.h"
+
+namespace KovexEngine {
+
+class ScriptObject;
+
+// The root of the reflected, reference-counted classes.
+class KOVEX_API Object : public ReferenceObj
+{
+public:
+    Object() = default;
+    Object(const Object& other) : ReferenceObj(other) {}
+    Object& operator=(const Object&) { return *this; }
+    ~Object() override;
+
+    static const Class* StaticGetClass();
+    static bool _InitClass();
+    virtual const Class* GetNativeClass() const;
+    virtual const void* GetNativeClassPointer(const Class* target) const;
+    virtual void* GetNativeClassPointer(const Class* target);
+    // A copy made by the class's creator and filled by Duplicate; null when
+    // the class is abstract or the copy fails.
+    virtual Ptr<Object> Clone(unsigned int flags) const;
+    virtual bool Duplicate(Object* destination, unsigned int flags) const;
+    virtual void PostLoad();
+    virtual void PostSave();
+    // True when `other` has exactly this object's class.
+    virtual bool SupportSerializeDiff(const Object* other) const;
+    virtual bool ToString(WString& out) const;
+    virtual bool FromString(const WString& text);
+    virtual bool IsClonable() const;
+    virtual Ptr<Object> InternalCreateRefObjFromThis(const Class* cls);
+
+    // The script side's class when there is one, else the native class.
+    const Class* GetClass() const;
+    ScriptObject* GetScriptObject() const { return m_scriptObject; }
+
+    const WString& GetClassNameW() const { return GetClass()->GetName(); }
+    void* GetClassPointer(const Class* target) { return GetClass()->GetClassPointer(static_cast<void*>(this), target); }
+    const void* GetClassPointer(const Class* target) const
+    {
+        return GetClass()->GetClassPointer(static_cast<const void*>(this), target);
+    }
+    bool IsKindOf(const Class* cls) const { return GetClass()->IsKindOf(cls); }
+    bool IsKindOf(const WString& name) const { return GetClass()->IsKindOf(name); }
+    // The exact class, by name (the spelling is the interface's).
+    bool IsExtractKindOf(const WString& name) const { return GetClass()->IsExactKindOf(name); }
+    // Copies the reflected properties into an object of the same class.
+    bool CopyProperties(Object* destination, unsigned int flags) const;
+
+    static void* CreateClassInstance();
+
+private:
+    static void StaticConstructor(Class* cls);
+    static const Class* ms_pClass;
+    static bool ms_bClassInited;
+
+    ScriptObject* m_scriptObject = nullptr;
+};
+
+// An object with a name and a pointer for its client's use.
+class KOVEX_API NamedObject : public Object
+{
+    KOVEX_CLASS(NamedObject)
+
+    NamedObject() = default;
+    explicit NamedObject(const WString& name) : m_name(name) {}
+
+    const WString& GetName() const { return m_name; }
+    void SetName(const WString& name);
+    void* GetClientData() const { return m_clientData; }
+    void SetClientData(void* data) { m_clientData = data; }
+
+    // Called after the name has changed, with the old name.
+    virtual void OnNameChanged(const WString& oldName);
+
+private:
+    WString m_name;
+    void* m_clientData = nullptr;
+};
+
+// Casts a reflected object to a class by its registry, with pointer
+// adjustment under multiple inheritance; null when it is no such class.
+template <typename T>
+T* DynamicCast(Object* object)
+{
+    return object ? static_cast<T*>(object->GetNativeClassPointer(T::StaticGetClass())) : nullptr;
+}
+
+template <typename T>
+const T* DynamicCast(const Object* object)
+{
+    return object ? static_cast<const T*>(object->GetNativeClassPointer(T::StaticGetClass())) : nullptr;
+}
+
+} // namespace KovexEngine

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <mutex>
 
 #include "kernel/Containers.h"
 #include "kernel/Engine.h"
@@ -105,20 +106,32 @@ void LogProxy_Console::CreateConsole()
 
 void LogProxy_Console::Destroy() { ms_ptrConsoleProxy = nullptr; }
 
+namespace {
+// Guards the hand-over between a thread waiting for the close and the one
+// that reports it.
+std::mutex s_consoleClosing;
+} // namespace
+
 void LogProxy_Console::WaitCloseAndDestroy()
 {
-    LogProxy_Console* console = ms_ptrConsoleProxy.Get();
-    if (!console || console->m_closing)
-        return;
     Semaphore closing(0);
-    console->m_closing = &closing;
+    {
+        std::lock_guard<std::mutex> guard(s_consoleClosing);
+        LogProxy_Console* console = ms_ptrConsoleProxy.Get();
+        if (!console || console->m_closing)
+            return;
+        console->m_closing = &closing;
+    }
     closing.Wait();
-    console->m_closing = nullptr;
+    std::lock_guard<std::mutex> guard(s_consoleClosing);
+    if (ms_ptrConsoleProxy)
+        ms_ptrConsoleProxy->m_closing = nullptr;
     Destroy();
 }
 
 void LogProxy_Console::NotifyClose()
 {
+    std::lock_guard<std::mutex> guard(s_consoleClosing);
     LogProxy_Console* console = ms_ptrConsoleProxy.Get();
     if (!console)
         return;

@@ -7,7 +7,7 @@ namespace {
 std::atomic<size_t> s_mallocs{0};
 }
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizer owns malloc; it reports each allocation through this hook.
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void*, size_t),
                                                           void (*)(const volatile void*));

@@ -50,10 +50,8 @@ bool CommandList::PushBack(ThreadCommand* command)
     return true;
 }
 
-void CommandList::Remove(ThreadCommand* command)
+ThreadCommand* CommandList::Unlink(ThreadCommand* command)
 {
-    if (!command || !command->m_linked)
-        return;
     if (command->m_previous)
         command->m_previous->m_next = command->m_next;
     else
@@ -65,15 +63,19 @@ void CommandList::Remove(ThreadCommand* command)
     command->m_previous = command->m_next = nullptr;
     command->m_linked = false;
     m_count.fetch_sub(1, std::memory_order_release);
-    command->Release();
+    return command;
+}
+
+void CommandList::Remove(ThreadCommand* command)
+{
+    if (command && command->m_linked)
+        Unlink(command)->Release();
 }
 
 Ptr<ThreadCommand> CommandList::PopFront()
 {
-    Ptr<ThreadCommand> first(m_head);
-    if (m_head)
-        Remove(m_head);
-    return first;
+    // The list's reference passes to the caller as it is.
+    return m_head ? Ptr<ThreadCommand>::Adopt(Unlink(m_head)) : Ptr<ThreadCommand>();
 }
 
 void CommandList::Swap(CommandList& other)

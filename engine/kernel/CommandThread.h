@@ -84,6 +84,9 @@ public:
     void Clear();
 
 private:
+    // Takes a command out of the chain and keeps its reference for the caller.
+    ThreadCommand* Unlink(ThreadCommand* command);
+
     ThreadCommand* m_head = nullptr;
     ThreadCommand* m_tail = nullptr;
     std::atomic<unsigned> m_count{0};

@@ -78,6 +78,21 @@ public:
         return *this;
     }
 
+    // Takes over a reference that the caller already holds, without adding one.
+    static Ptr Adopt(T* object)
+    {
+        Ptr p;
+        p.m_object = object;
+        return p;
+    }
+    // Gives up the reference without releasing it; the caller now holds it.
+    T* Detach()
+    {
+        T* object = m_object;
+        m_object = nullptr;
+        return object;
+    }
+
     T* Get() const { return m_object; }
     T* operator->() const { return m_object; }
     T& operator*() const { return *m_object; }

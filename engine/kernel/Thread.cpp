@@ -13,28 +13,50 @@ namespace KovexEngine {
 
 // --- Mutex --------------------------------------------------------------------------
 
-Mutex::Mutex()
+namespace {
+// The calling thread's identifier, read once per thread.
+uint32 CurrentThread()
 {
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&m_mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
+    static thread_local uint32 id = Kovex_GetCurrentThreadId();
+    return id;
 }
-
-Mutex::~Mutex() { pthread_mutex_destroy(&m_mutex); }
+} // namespace
 
 void Mutex::Lock()
 {
-    for (unsigned i = 0; i < kSpinCount; ++i)
+    uint32 self = CurrentThread();
+    if (m_owner.load(std::memory_order_relaxed) == self)
     {
-        if (pthread_mutex_trylock(&m_mutex) == 0)
-            return;
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#endif
+        ++m_depth;
+        return;
     }
-    pthread_mutex_lock(&m_mutex);
+    m_section.Enter();
+    m_owner.store(self, std::memory_order_relaxed);
+    m_depth = 1;
+}
+
+bool Mutex::TryLock()
+{
+    uint32 self = CurrentThread();
+    if (m_owner.load(std::memory_order_relaxed) == self)
+    {
+        ++m_depth;
+        return true;
+    }
+    if (!m_section.TryEnter())
+        return false;
+    m_owner.store(self, std::memory_order_relaxed);
+    m_depth = 1;
+    return true;
+}
+
+void Mutex::Unlock()
+{
+    if (--m_depth == 0)
+    {
+        m_owner.store(0, std::memory_order_relaxed);
+        m_section.Leave();
+    }
 }
 
 // --- Semaphore ----------------------------------------------------------------------

@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "kernel/Containers.h"
+#include "kernel/CriticalSection.h"
 #include "kernel/RefCount.h"
 #include "kernel/Strings.h"
 
@@ -27,22 +28,23 @@ public:
     }
 };
 
-// A recursive lock that spins a while before it sleeps.
+// A recursive lock that spins briefly before it sleeps (an adaptive mutex
+// with an owner and a depth on top).
 class KOVEX_API Mutex
 {
 public:
-    Mutex();
-    ~Mutex();
+    Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
     void Lock();
-    bool TryLock() { return pthread_mutex_trylock(&m_mutex) == 0; }
-    void Unlock() { pthread_mutex_unlock(&m_mutex); }
+    bool TryLock();
+    void Unlock();
 
 private:
-    static constexpr unsigned kSpinCount = 1024;
-    pthread_mutex_t m_mutex;
+    CriticalSection m_section;
+    std::atomic<uint32> m_owner{0};
+    uint32 m_depth = 0;
 };
 
 class MutexLock

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "reflection/ReflectedStruct.h"
+
 #include "math/Matrix.h"
 
 namespace KovexEngine {
@@ -9,6 +11,8 @@ class Transform;
 // Axis-aligned box. An empty box has max below min.
 class KOVEX_API Aabb
 {
+    KOVEX_STRUCT(Aabb)
+
 public:
     Vector3 min{3.402823466e+38f, 3.402823466e+38f, 3.402823466e+38f};
     Vector3 max{-3.402823466e+38f, -3.402823466e+38f, -3.402823466e+38f};
@@ -33,6 +37,8 @@ public:
 
 class KOVEX_API Sphere
 {
+    KOVEX_STRUCT(Sphere)
+
 public:
     Vector3 center{0, 0, 0};
     float radius = 0;
@@ -49,6 +55,8 @@ public:
 // half sizes along them.
 class KOVEX_API Obb
 {
+    KOVEX_STRUCT(Obb)
+
 public:
     Vector3 center{0, 0, 0};
     Matrix3 axes;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "reflection/ReflectedStruct.h"
+
 #include "math/Vector.h"
 
 namespace KovexEngine {
@@ -9,6 +11,8 @@ namespace KovexEngine {
 
 class KOVEX_API Matrix2
 {
+    KOVEX_STRUCT(Matrix2)
+
 public:
     float m[2][2] = {{1, 0}, {0, 1}};
 
@@ -32,6 +36,8 @@ class Quaternion;
 
 class KOVEX_API Matrix3
 {
+    KOVEX_STRUCT(Matrix3)
+
 public:
     float m[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
 
@@ -80,6 +86,8 @@ public:
 
 class KOVEX_API Matrix4
 {
+    KOVEX_STRUCT(Matrix4)
+
 public:
     float m[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
 

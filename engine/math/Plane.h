@@ -1,5 +1,7 @@
 #pragma once
 
+#include "reflection/ReflectedStruct.h"
+
 #include "math/Vector.h"
 
 namespace KovexEngine {
@@ -10,6 +12,8 @@ class Sphere;
 // The points p with normal · p + d = 0; the normal points to the front.
 class KOVEX_API Plane
 {
+    KOVEX_STRUCT(Plane)
+
 public:
     Vector3 normal{0, 1, 0};
     float d = 0;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "reflection/ReflectedStruct.h"
+
 #include "math/Vector.h"
 
 namespace KovexEngine {
@@ -10,6 +12,8 @@ class Matrix3;
 // first, as matrices do.
 class KOVEX_API Quaternion
 {
+    KOVEX_STRUCT(Quaternion)
+
 public:
     float x = 0, y = 0, z = 0, w = 1;
 

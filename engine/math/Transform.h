@@ -1,5 +1,7 @@
 #pragma once
 
+#include "reflection/ReflectedStruct.h"
+
 #include "math/Matrix.h"
 
 namespace KovexEngine {
@@ -9,6 +11,8 @@ namespace KovexEngine {
 // uniform scale and the usual approximation otherwise.
 class KOVEX_API Transform
 {
+    KOVEX_STRUCT(Transform)
+
 public:
     enum : uint32
     {

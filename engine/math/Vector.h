@@ -1,5 +1,7 @@
 #pragma once
 
+#include "reflection/ReflectedStruct.h"
+
 #include <cmath>
 
 #include "kernel/Types.h"
@@ -8,6 +10,8 @@ namespace KovexEngine {
 
 class KOVEX_API Vector2
 {
+    KOVEX_STRUCT(Vector2)
+
 public:
     float x = 0, y = 0;
 
@@ -43,6 +47,8 @@ public:
 
 class KOVEX_API Vector3
 {
+    KOVEX_STRUCT(Vector3)
+
 public:
     float x = 0, y = 0, z = 0;
 
@@ -90,6 +96,8 @@ inline constexpr Vector3 operator*(float s, const Vector3& v) { return v * s; }
 
 class KOVEX_API Vector4
 {
+    KOVEX_STRUCT(Vector4)
+
 public:
     float x = 0, y = 0, z = 0, w = 0;
 

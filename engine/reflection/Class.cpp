@@ -1,6 +1,8 @@
 #include "reflection/Class.h"
 
 #include "kernel/Log.h"
+#include "reflection/Function.h"
+#include "reflection/Property.h"
 
 namespace KovexEngine {
 
@@ -52,8 +54,80 @@ Class::Class(const char16_t* name, Creator creator, unsigned int size, const cha
 
 Class::~Class()
 {
-    if (m_slot)
-        *m_slot = nullptr;
+    for (auto& entry : m_functions)
+        delete entry.value;
+    for (const Property* property : m_propertyArray)
+        delete property;
+    for (const Class** slot : m_slots)
+        *slot = nullptr;
+}
+
+void Class::AddProperty(Property* property)
+{
+    if (!property)
+        return;
+    property->SetOwnerClass(this);
+    m_propertyArray.Add(property);
+    m_properties.Insert(property->GetName(), property);
+}
+
+void Class::AddFunction(Function* function)
+{
+    if (!function)
+        return;
+    function->SetOwnerClass(this);
+    m_functions.Insert(function->GetName(), function);
+}
+
+const Property* Class::FindProperty(const WString& name, bool inherited) const
+{
+    if (const Property* const* own = m_properties.FindValue(name))
+        return *own;
+    if (inherited)
+        for (const auto& base : m_allBases)
+            if (const Property* const* found = base.key->m_properties.FindValue(name))
+                return *found;
+    return nullptr;
+}
+
+const Function* Class::FindFunction(const WString& name, bool inherited) const
+{
+    if (const Function* const* own = m_functions.FindValue(name))
+        return *own;
+    if (inherited)
+        for (const auto& base : m_allBases)
+            if (const Function* const* found = base.key->m_functions.FindValue(name))
+                return *found;
+    return nullptr;
+}
+
+void Class::FindFunctions(TArray<const Function*>& out, uint32 mask, bool inherited) const
+{
+    for (const auto& entry : m_functions)
+        if (entry.value->GetFlags() & mask)
+            out.Add(entry.value);
+    if (inherited)
+        for (const auto& base : m_allBases)
+            for (const auto& entry : base.key->m_functions)
+                if (entry.value->GetFlags() & mask)
+                    out.Add(entry.value);
+}
+
+void Class::GetAllProperties(TArray<const Property*>& out) const
+{
+    for (const Property* property : m_propertyArray)
+        out.Add(property);
+    for (const auto& base : m_allBases)
+        for (const Property* property : base.key->m_propertyArray)
+            out.Add(property);
+}
+
+bool Class::StaticInvoke(const WString& name, FunctionStack* stack, bool inherited) const
+{
+    if (!stack)
+        return false;
+    const Function* function = FindFunction(name, inherited);
+    return function && function->Invoke(nullptr, stack);
 }
 
 void Class::RegisterClassName()

@@ -10,6 +10,8 @@
 namespace KovexEngine {
 
 class Function;
+class FunctionStack;
+class Property;
 
 // The run-time description of a reflected type. Classes form a registry with
 // a name index; each is built on the first call of its StaticGetClass and
@@ -42,6 +44,9 @@ public:
     virtual void* Create() const;
     virtual bool IsAbstract() const;
     virtual const Function* FindOverrideFunc(const WString& name) const;
+    // Takes ownership; records this class as the owner.
+    virtual void AddProperty(Property* property);
+    virtual void AddFunction(Function* function);
     virtual bool IsBaseType() const;
     virtual bool IsStruct() const;
     virtual bool IsDelegate() const;
@@ -69,6 +74,21 @@ public:
     const TMap<const Class*, int>& GetBaseClasses() const { return m_bases; }
     // Every base, each with depth << 16 | accumulated offset.
     const TMap<const Class*, int>& GetAllBaseClasses() const { return m_allBases; }
+
+    const TMap<WString, const Function*>& GetFunctionMap() const { return m_functions; }
+    const TMap<WString, const Property*>& GetPropertyMap() const { return m_properties; }
+    // The properties in the order they were registered.
+    const TArray<const Property*>& GetPropertyArray() const { return m_propertyArray; }
+    // Own members first; with `inherited`, those of every base in the order
+    // of the all-bases table. The first match or null.
+    const Property* FindProperty(const WString& name, bool inherited) const;
+    const Function* FindFunction(const WString& name, bool inherited) const;
+    // Appends each function whose flags share a bit with `mask`.
+    void FindFunctions(TArray<const Function*>& out, uint32 mask, bool inherited) const;
+    // Own properties, then those of every base.
+    void GetAllProperties(TArray<const Property*>& out) const;
+    // Calls a static function by name; false when it is missing or there is no stack.
+    bool StaticInvoke(const WString& name, FunctionStack* stack, bool inherited) const;
 
     bool IsRoot() const { return m_bases.IsEmpty(); }
     // True for this class and each of its bases. A binary search on
@@ -102,14 +122,30 @@ public:
     static bool GetTypeShortName(WString& out, const Class* cls);
     static const char16_t* GetTypeName(KOVEX_BASE_TYPE type);
 
-    // Where the class's StaticGetClass keeps it, cleared by Destroy.
-    void SetRegistrySlot(const Class** slot) { m_slot = slot; }
+    // The classes of plain values, built on first use.
+    static const Class* GetVoidClass();
+    static const Class* GetBoolClass();
+    static const Class* GetInt32Class();
+    static const Class* GetUInt32Class();
+    static const Class* GetFloatClass();
+    static const Class* GetAStringClass();
+    static const Class* GetWStringClass();
+
+    // Where a StaticGetClass keeps the class; each is cleared by Destroy.
+    // (A template's class may be kept by one slot in each module using it.)
+    void SetRegistrySlot(const Class** slot) { m_slots.Add(slot); }
 
     static TArray<const Class*>* ms_pClassArray;
     static TMap<WString, const Class*>* ms_pClassNameMap;
 
 protected:
     void RegisterClassName();
+    // For classes named only once built (delegate classes).
+    void SetNameAndRegister(const WString& name)
+    {
+        m_name = name;
+        RegisterClassName();
+    }
 
     uint32 m_flags = 0;
     uint32 m_size = 0;
@@ -120,8 +156,11 @@ protected:
     TMap<const Class*, int> m_bases;
     TMap<const Class*, int> m_allBases;
     Creator m_creator = nullptr;
+    TMap<WString, const Function*> m_functions;
+    TMap<WString, const Property*> m_properties;
+    TArray<const Property*> m_propertyArray;
     void* m_scriptTypeInfo = nullptr;
-    const Class** m_slot = nullptr;
+    TArray<const Class**> m_slots{2};
 };
 
 // The byte offset of the Base part within a Derived object (no virtual bases).

@@ -1,5 +1,11 @@
 #include "reflection/Object.h"
 
+#include "kernel/Log.h"
+#include "reflection/Function.h"
+#include "reflection/FunctionRegistration.h"
+#include "reflection/PropertyRegistration.h"
+#include "reflection/Variable.h"
+
 namespace KovexEngine {
 
 // Object is the root: its pattern is written out, with no base to register.
@@ -19,7 +25,14 @@ const Class* Object::StaticGetClass()
 bool Object::_InitClass() { return StaticGetClass() != nullptr; }
 bool Object::ms_bClassInited = Object::_InitClass();
 void* Object::CreateClassInstance() { return new Object(); }
-void Object::StaticConstructor(Class* cls) { cls->ProcessClass(); }
+void Object::StaticConstructor(Class* cls)
+{
+    Function* clone = AddFunction(cls, u"Clone", &Object::Clone, {u"flags"});
+    clone->SetParamDefault(0, new Variable(0u));
+    AddFunction(cls, u"IsKindOf", static_cast<bool (Object::*)(const WString&) const>(&Object::IsKindOf), {u"name"});
+    AddFunction(cls, u"IsExtractKindOf", &Object::IsExtractKindOf, {u"name"});
+    cls->ProcessClass();
+}
 
 Object::~Object() = default;
 
@@ -61,10 +74,71 @@ bool Object::CopyProperties(Object* destination, unsigned int flags) const
 {
     if (!destination || destination->GetClass() != GetClass())
         return false;
-    // The properties of the class and its bases are copied here once
-    // reflected properties exist.
-    (void)flags;
+    TArray<const Property*> properties;
+    GetClass()->GetAllProperties(properties);
+    const Class* lastOwner = nullptr;
+    const void* source = nullptr;
+    void* target = nullptr;
+    Variable value;
+    for (const Property* property : properties)
+    {
+        KOVEX_BASE_TYPE type = property->GetType();
+        uint32 pflags = property->GetFlags();
+        if (type == KOVEX_TYPE_UNKNOWN || type > KOVEX_TYPE_ENUM || (pflags & Property::FLAG_NO_COPY) ||
+            (pflags & (Property::FLAG_GETTER | Property::FLAG_SETTER)) != (Property::FLAG_GETTER | Property::FLAG_SETTER))
+            continue;
+        if (property->GetOwnerClass() != lastOwner)
+        {
+            lastOwner = property->GetOwnerClass();
+            source = GetClassPointer(lastOwner);
+            target = destination->GetClassPointer(lastOwner);
+        }
+        if (!value.GetPropertyValue(property, source))
+            continue;
+        if (type == KOVEX_TYPE_OBJECT)
+        {
+            Object* object = value.GetObject();
+            bool share = !object || (pflags & Property::FLAG_SHARE_ON_CLONE) ||
+                         ((pflags & Property::FLAG_CLONE_IF_CLONABLE) && !object->IsClonable());
+            if (!share)
+                value = object->Clone(flags);
+        }
+        value.SetPropertyValue(property, target);
+    }
     return true;
+}
+
+const Property* Object::FindProperty(const WString& name) const { return GetClass()->FindProperty(name, true); }
+
+bool Object::GetProperty(const Property* property, Variable& out) const
+{
+    if (!property)
+        return false;
+    return out.GetPropertyValue(property, GetClassPointer(property->GetOwnerClass()));
+}
+
+bool Object::SetProperty(const Property* property, const Variable& value)
+{
+    if (!property)
+        return false;
+    return value.SetPropertyValue(property, GetClassPointer(property->GetOwnerClass()));
+}
+
+bool Object::GetProperty(const WString& name, Variable& out) const { return GetProperty(FindProperty(name), out); }
+
+bool Object::SetProperty(const WString& name, const Variable& value) { return SetProperty(FindProperty(name), value); }
+
+bool Object::Invoke(const WString& name, FunctionStack* stack)
+{
+    if (!stack)
+        return false;
+    const Function* function = GetClass()->FindFunction(name, true);
+    if (!function)
+    {
+        Log::Format(LOG_WARNING, u"Can't invoke function [%s], because it does not exist !\n", name());
+        return false;
+    }
+    return function->Invoke(static_cast<void*>(this), stack);
 }
 
 void Object::PostLoad() {}
@@ -91,7 +165,16 @@ Ptr<Object> Object::InternalCreateRefObjFromThis(const Class* cls)
     return Ptr<Object>(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())));
 }
 
-KOVEX_REGISTER_CLASS(NamedObject, u"Engine", Object)
+KOVEX_REGISTER_CLASS_EX(NamedObject, u"Engine")
+
+void NamedObject::StaticConstructor(Class* cls)
+{
+    RegisterBases<NamedObject, Object>(cls);
+    AddAccessor(cls, u"Name", &NamedObject::GetName, &NamedObject::SetName);
+    AddFunction(cls, u"GetName", &NamedObject::GetName);
+    AddFunction(cls, u"SetName", &NamedObject::SetName, {u"name"});
+    cls->ProcessClass();
+}
 
 void NamedObject::SetName(const WString& name)
 {

@@ -4,7 +4,10 @@
 
 namespace KovexEngine {
 
+class FunctionStack;
+class Property;
 class ScriptObject;
+class Variable;
 
 // The root of the reflected, reference-counted classes.
 class KOVEX_API Object : public ReferenceObj
@@ -47,8 +50,20 @@ public:
     bool IsKindOf(const WString& name) const { return GetClass()->IsKindOf(name); }
     // The exact class, by name (the spelling is the interface's).
     bool IsExtractKindOf(const WString& name) const { return GetClass()->IsExactKindOf(name); }
-    // Copies the reflected properties into an object of the same class.
+    // Copies the reflected properties into an object of the same class:
+    // objects are shared with property flag 0x100, kept when 0x200 is set and
+    // they are not clonable, and cloned otherwise.
     bool CopyProperties(Object* destination, unsigned int flags) const;
+
+    const Property* FindProperty(const WString& name) const;
+    // False for an unknown property; reads through the owning class's part.
+    bool GetProperty(const WString& name, Variable& out) const;
+    bool SetProperty(const WString& name, const Variable& value);
+    bool GetProperty(const Property* property, Variable& out) const;
+    bool SetProperty(const Property* property, const Variable& value);
+    // Calls a reflected function by name. A missing function logs
+    // "Can't invoke function [%s], because it does not exist !\n" at level 3.
+    bool Invoke(const WString& name, FunctionStack* stack);
 
     static void* CreateClassInstance();
 

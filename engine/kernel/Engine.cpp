@@ -15,7 +15,11 @@
 #include "kernel/Log.h"
 #include "kernel/SharedString.h"
 #include "kernel/StringConv.h"
+#include "math/Bounds.h"
 #include "math/MathUtil.h"
+#include "math/Plane.h"
+#include "math/Quaternion.h"
+#include "math/Transform.h"
 #include "reflection/ObjectManager.h"
 
 namespace KovexEngine {
@@ -106,9 +110,19 @@ void Kovex_System_Initialize()
     Math::Init();
     Class::Setup();
     ObjectManager::Ins()->Initialize();
-    // StaticGetClass of the core classes, in this order: Vector2, Vector3,
-    // Vector4, Quaternion, Matrix2, Matrix3, Matrix4, Transform, Aabb, Obb,
-    // Sphere, Plane (as reflected structs), then:
+    // The core classes, in this order.
+    Vector2::StaticGetClass();
+    Vector3::StaticGetClass();
+    Vector4::StaticGetClass();
+    Quaternion::StaticGetClass();
+    Matrix2::StaticGetClass();
+    Matrix3::StaticGetClass();
+    Matrix4::StaticGetClass();
+    Transform::StaticGetClass();
+    Aabb::StaticGetClass();
+    Obb::StaticGetClass();
+    Sphere::StaticGetClass();
+    Plane::StaticGetClass();
     ThreadCommand2::StaticGetClass();
     // ScriptEnvironment, ScriptInterpreter, Serializer, BinSerializer,
     // XmlSerializer.

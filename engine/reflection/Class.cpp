@@ -10,6 +10,11 @@ TArray<const Class*>* Class::ms_pClassArray = nullptr;
 TMap<WString, const Class*>* Class::ms_pClassNameMap = nullptr;
 
 namespace {
+// A hash index beside the name map, for creation by name.
+TNameIndex<Class>* s_classIndex = nullptr;
+} // namespace
+
+namespace {
 
 struct TypeNames
 {
@@ -69,6 +74,7 @@ void Class::AddProperty(Property* property)
     property->SetOwnerClass(this);
     m_propertyArray.Add(property);
     m_properties.Insert(property->GetName(), property);
+    m_propertyIndex.Add(property);
 }
 
 void Class::AddFunction(Function* function)
@@ -77,27 +83,28 @@ void Class::AddFunction(Function* function)
         return;
     function->SetOwnerClass(this);
     m_functions.Insert(function->GetName(), function);
+    m_functionIndex.Add(function);
 }
 
 const Property* Class::FindProperty(const WString& name, bool inherited) const
 {
-    if (const Property* const* own = m_properties.FindValue(name))
-        return *own;
+    if (const Property* own = m_propertyIndex.Find(name))
+        return own;
     if (inherited)
         for (const auto& base : m_allBases)
-            if (const Property* const* found = base.key->m_properties.FindValue(name))
-                return *found;
+            if (const Property* found = base.key->m_propertyIndex.Find(name))
+                return found;
     return nullptr;
 }
 
 const Function* Class::FindFunction(const WString& name, bool inherited) const
 {
-    if (const Function* const* own = m_functions.FindValue(name))
-        return *own;
+    if (const Function* own = m_functionIndex.Find(name))
+        return own;
     if (inherited)
         for (const auto& base : m_allBases)
-            if (const Function* const* found = base.key->m_functions.FindValue(name))
-                return *found;
+            if (const Function* found = base.key->m_functionIndex.Find(name))
+                return found;
     return nullptr;
 }
 
@@ -140,6 +147,7 @@ void Class::RegisterClassName()
         return;
     }
     ms_pClassNameMap->Insert(m_name, this);
+    s_classIndex->Add(this);
 }
 
 void Class::SetBaseClass(const Class* base, unsigned int offset)
@@ -219,6 +227,7 @@ void Class::Setup()
         return;
     ms_pClassArray = new TArray<const Class*>(16);
     ms_pClassNameMap = new TMap<WString, const Class*>();
+    s_classIndex = new TNameIndex<Class>();
 }
 
 void Class::Destroy()
@@ -231,6 +240,8 @@ void Class::Destroy()
     ms_pClassArray = nullptr;
     delete ms_pClassNameMap;
     ms_pClassNameMap = nullptr;
+    delete s_classIndex;
+    s_classIndex = nullptr;
 }
 
 const TArray<const Class*>& Class::GetClassArray()
@@ -243,10 +254,9 @@ bool Class::ClassExists(const WString& name) { return GetClass(name) != nullptr;
 
 const Class* Class::GetClass(const WString& name)
 {
-    if (name.IsEmpty() || !ms_pClassNameMap)
+    if (name.IsEmpty() || !s_classIndex)
         return nullptr;
-    const Class* const* found = ms_pClassNameMap->FindValue(name);
-    return found ? *found : nullptr;
+    return s_classIndex->Find(name);
 }
 
 void* Class::Create(const WString& name)

@@ -6,6 +6,7 @@
 #include "kernel/RefCount.h"
 #include "kernel/Strings.h"
 #include "reflection/BaseType.h"
+#include "reflection/NameIndex.h"
 
 namespace KovexEngine {
 
@@ -158,6 +159,8 @@ protected:
     Creator m_creator = nullptr;
     TMap<WString, const Function*> m_functions;
     TMap<WString, const Property*> m_properties;
+    TNameIndex<Function> m_functionIndex;
+    TNameIndex<Property> m_propertyIndex;
     TArray<const Property*> m_propertyArray;
     void* m_scriptTypeInfo = nullptr;
     TArray<const Class**> m_slots{2};

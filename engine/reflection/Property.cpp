@@ -4,7 +4,10 @@
 
 namespace KovexEngine {
 
-Property::Property(const WString& name, const Class* type, uint32 flags) : m_type(type), m_flags(flags), m_name(name) {}
+Property::Property(const WString& name, const Class* type, uint32 flags)
+    : m_type(type), m_baseType(type ? type->GetType() : KOVEX_TYPE_UNKNOWN), m_flags(flags), m_name(name)
+{
+}
 
 Property::~Property() = default;
 

@@ -45,7 +45,7 @@ public:
     const Class* GetOwnerClass() const { return m_owner; }
     void SetOwnerClass(const Class* owner) { m_owner = owner; }
     const Class* GetClass() const { return m_type; }
-    KOVEX_BASE_TYPE GetType() const { return m_type ? m_type->GetType() : KOVEX_TYPE_UNKNOWN; }
+    KOVEX_BASE_TYPE GetType() const { return m_baseType; }
     uint32 GetFlags() const { return m_flags; }
     void SetFlags(uint32 flags) { m_flags = flags; }
     bool HasFlag(uint32 mask) const { return (m_flags & mask) != 0; }
@@ -69,6 +69,7 @@ public:
 protected:
     const Class* m_owner = nullptr;
     const Class* m_type;
+    KOVEX_BASE_TYPE m_baseType; // the type class's, asked once
     uint32 m_flags;
     WString m_name;
     WString m_metadata;

@@ -581,11 +581,11 @@ bool Variable::GetPropertyValue(const Property* property, const void* object)
 {
     if (!property || !object)
         return false;
-    Clear();
     KOVEX_BASE_TYPE type = property->GetType();
     const Class* cls = property->GetClass();
     if (IsStructLike(type))
     {
+        Clear();
         if (type == KOVEX_TYPE_CUSTOM && property->IsPointer())
         {
             // The getter hands out the address of the struct: refer to it.
@@ -596,7 +596,29 @@ bool Variable::GetPropertyValue(const Property* property, const void* object)
         SetDefaultValue(cls);
         return property->GetPropertyValue(object, GetStructMem());
     }
-    SetDefaultValue(cls);
+    // Plain values are written whole by the getter; only the types that own
+    // something need a constructed empty value to be assigned to.
+    Destroy();
+    switch (type)
+    {
+    case KOVEX_TYPE_ASTRING: new (m_storage) AString(); break;
+    case KOVEX_TYPE_WSTRING: new (m_storage) WString(); break;
+    case KOVEX_TYPE_OBJECT: new (m_storage) Ptr<Object>(); break;
+    case KOVEX_TYPE_BOOL:
+    case KOVEX_TYPE_INT32:
+    case KOVEX_TYPE_UINT32:
+    case KOVEX_TYPE_FLOAT:
+    case KOVEX_TYPE_VECTOR2:
+    case KOVEX_TYPE_VECTOR3:
+    case KOVEX_TYPE_VECTOR4:
+    case KOVEX_TYPE_QUATERNION:
+    case KOVEX_TYPE_MATRIX2:
+    case KOVEX_TYPE_MATRIX3:
+    case KOVEX_TYPE_MATRIX4: break;
+    default:
+        std::memset(m_storage, 0, sizeof m_storage);
+        return false;
+    }
     m_tag = uint32(type);
     m_class = cls;
     return property->GetPropertyValue(object, m_storage);

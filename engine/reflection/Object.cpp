@@ -153,6 +153,30 @@ bool Object::ToString(WString& out) const
 }
 
 bool Object::FromString(const WString&) { return false; }
+
+bool Object::IsDifferent(const Object* other) const { return HasDiffProps(other); }
+
+bool Object::HasDiffProps(const Object* other) const
+{
+    if (!other || other->GetClass() != GetClass())
+        return true;
+    TArray<const Property*> properties;
+    GetClass()->GetAllProperties(properties);
+    Variable mine, theirs;
+    for (const Property* property : properties)
+    {
+        KOVEX_BASE_TYPE type = property->GetType();
+        if (type == KOVEX_TYPE_UNKNOWN || type > KOVEX_TYPE_ENUM || !property->CanGetProperty())
+            continue;
+        const void* a = GetClassPointer(property->GetOwnerClass());
+        const void* b = other->GetClassPointer(property->GetOwnerClass());
+        if (!mine.GetPropertyValue(property, a) || !theirs.GetPropertyValue(property, b))
+            continue;
+        if (mine != theirs)
+            return true;
+    }
+    return false;
+}
 bool Object::IsClonable() const { return true; }
 
 Ptr<Object> Object::InternalCreateRefObjFromThis(const Class* cls)

@@ -31,6 +31,8 @@ public:
     virtual void PostSave();
     // True when `other` has exactly this object's class.
     virtual bool SupportSerializeDiff(const Object* other) const;
+    // True when some reflected property differs from `other`'s.
+    virtual bool IsDifferent(const Object* other) const;
     virtual bool ToString(WString& out) const;
     virtual bool FromString(const WString& text);
     virtual bool IsClonable() const;
@@ -54,6 +56,10 @@ public:
     // objects are shared with property flag 0x100, kept when 0x200 is set and
     // they are not clonable, and cloned otherwise.
     bool CopyProperties(Object* destination, unsigned int flags) const;
+
+    // Compares every readable property of types 1 to 16 with `other`'s (of
+    // the same class); true when one differs or the classes do.
+    bool HasDiffProps(const Object* other) const;
 
     const Property* FindProperty(const WString& name) const;
     // False for an unknown property; reads through the owning class's part.

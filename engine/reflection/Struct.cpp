@@ -45,6 +45,12 @@ void Struct::ProcessClass()
         m_flags |= FLAG_CONTIGUOUS_STRUCT;
 }
 
+bool Struct::GetDefaultVariable(Variable& out) const
+{
+    out.SetDefaultValue(this);
+    return true;
+}
+
 bool Struct::IsFieldStringable(const Property* field)
 {
     KOVEX_BASE_TYPE type = field->GetType();

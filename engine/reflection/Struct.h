@@ -7,6 +7,8 @@
 
 namespace KovexEngine {
 
+class Variable;
+
 // A plain value type described by its fields.
 class KOVEX_API Struct : public ValueClass
 {
@@ -19,6 +21,8 @@ public:
     // Sorts the fields by offset and finds out whether they lie contiguously.
     void ProcessClass() override;
 
+    // The default value of the struct, in a Variable.
+    virtual bool GetDefaultVariable(Variable& out) const;
     virtual void* NewArray(unsigned int count) const = 0;
     virtual void DeleteArray(void* array) const = 0;
 

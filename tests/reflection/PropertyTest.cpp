@@ -322,3 +322,21 @@ TEST(Mirror, ArraysAndMapsThroughVariables)
     Ptr<ArrayMirror> standalone = static_cast<const ArrayClass*>(property->GetClass())->CreateMirror();
     EXPECT_TRUE(standalone->Insert(0, Variable(1)));
 }
+
+TEST(Property, ObjectsCompareByTheirProperties)
+{
+    Ptr<Gadget> a(new Gadget()), b(new Gadget());
+    EXPECT_FALSE(a->IsDifferent(b.Get()));
+    b->weight = 7;
+    EXPECT_TRUE(a->IsDifferent(b.Get()));
+    b->weight = a->weight;
+    b->SetName(WString(u"other"));
+    EXPECT_TRUE(a->HasDiffProps(b.Get())) << "inherited properties count";
+    Ptr<Part> part(new Part());
+    EXPECT_TRUE(a->HasDiffProps(part.Get())) << "another class always differs";
+    EXPECT_TRUE(a->HasDiffProps(nullptr));
+
+    Variable defaults;
+    ASSERT_TRUE(static_cast<const Struct*>(Transform::StaticGetClass())->GetDefaultVariable(defaults));
+    EXPECT_EQ(static_cast<const Transform*>(defaults.GetStructMem())->scale, Vector3(1, 1, 1));
+}

@@ -12,6 +12,10 @@
 #include "math/Matrix.h"
 #include "math/MathUtil.h"
 #include "math/Quaternion.h"
+#include "math/Transform.h"
+#include "math/Bounds.h"
+#include "reflection/Struct.h"
+#include "reflection/Variable.h"
 
 using namespace KovexEngine;
 
@@ -81,6 +85,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     AString narrow(bytes, unsigned(size));
     Exercise(narrow);
+
+    // Property values arrive as text: every conversion of the table, and
+    // structs read field by field.
+    Variable text(narrow);
+    for (int type = KOVEX_TYPE_BOOL; type <= KOVEX_TYPE_WSTRING; ++type)
+    {
+        Variable converted;
+        converted.Change(KOVEX_BASE_TYPE(type), text);
+    }
+    WString wideText;
+    StringConvFuncs::UTF8toUTF16(wideText, bytes, unsigned(size));
+    Aabb box;
+    static_cast<const Struct*>(Aabb::StaticGetClass())->FromString(wideText, &box);
+    Sphere sphere;
+    static_cast<const Struct*>(Sphere::StaticGetClass())->FromString(wideText, &sphere);
 
     WString wide;
     StringConvFuncs::UTF8toUTF16(wide, bytes, unsigned(size));

@@ -2,6 +2,10 @@
 
 // The public interface of KovexEngine.
 
+#include "io/FileStream.h"
+#include "io/FindFile.h"
+#include "io/MemoryStream.h"
+#include "io/Stream.h"
 #include "kernel/CharSet.h"
 #include "kernel/CommandThread.h"
 #include "kernel/Containers.h"

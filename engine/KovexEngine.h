@@ -2,9 +2,11 @@
 
 // The public interface of KovexEngine.
 
+#include "io/Compressor.h"
 #include "io/FileStream.h"
 #include "io/FindFile.h"
 #include "io/MemoryStream.h"
+#include "io/Package.h"
 #include "io/Stream.h"
 #include "kernel/CharSet.h"
 #include "kernel/CommandThread.h"

@@ -367,6 +367,14 @@ inline TString<C> operator+(const TString<C>& a, const C* b)
 }
 
 template <typename C>
+inline TString<C> operator+(const C* a, const TString<C>& b)
+{
+    TString<C> result(a);
+    result.Append(b);
+    return result;
+}
+
+template <typename C>
 inline bool operator!=(const TString<C>& a, const TString<C>& b) { return !(a == b); }
 
 // The formatter behind every Format: writes at most size - 1 characters and a

@@ -95,10 +95,19 @@ struct ValueTraits<Ptr<T>>
 template <typename T>
 using StorageOf = typename ValueTraits<T>::Storage;
 
+// Whether a type is known to reflection at all.
+template <typename T>
+concept Reflected = requires { ValueTraits<T>::GetClass(); };
+
+// The class of a native type; null for a type reflection does not know
+// (such a type may still appear in a delegate's signature).
 template <typename T>
 const Class* ClassOf()
 {
-    return ValueTraits<T>::GetClass();
+    if constexpr (Reflected<T>)
+        return ValueTraits<T>::GetClass();
+    else
+        return nullptr;
 }
 
 } // namespace KovexEngine

@@ -1,0 +1,1076 @@
+#include "io/Package.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "io/FileStream.h"
+#include "kernel/Log.h"
+#include "kernel/StringConv.h"
+
+namespace KovexEngine {
+namespace {
+
+// Limits that keep a corrupt or hostile file from asking for absurd memory.
+constexpr uint64 kMaxTableSize = 256ull << 20;
+// Deflate cannot expand data by more than about 1032 to 1.
+constexpr uint64 kMaxInflateRatio = 1032;
+constexpr unsigned kMinRecordSize = Package::kRecordSize + 4;
+
+template <typename T>
+void PutLE(uint8* p, T value)
+{
+    for (unsigned i = 0; i < sizeof(T); ++i)
+        p[i] = uint8(uint64(value) >> (8 * i));
+}
+
+template <typename T>
+T GetLE(const uint8* p)
+{
+    uint64 v = 0;
+    for (unsigned i = 0; i < sizeof(T); ++i)
+        v |= uint64(p[i]) << (8 * i);
+    return T(v);
+}
+
+uint64 InflateLimit(uint64 compressed) { return compressed * kMaxInflateRatio + 1024; }
+
+// --- Proxies ----------------------------------------------------------------------------------
+
+class FileUncompressProxy final : public Package::IUncompressProxy
+{
+public:
+    Ptr<Stream> CreateMemberStream(const ConstPtr<Package::File>& file, Stream* package) override
+    {
+        // A stream object of its own over the same descriptor: its views and
+        // position are this reader's alone.
+        Ptr<Stream> source(new FileStream(static_cast<FileStream*>(package)->GetHandle(), true, false));
+        return Ptr<Stream>(new PackageStream(file, source, true));
+    }
+    Stream* GetReadStream(Stream* package) override
+    {
+        return new FileMappingStream(static_cast<FileStream*>(package)->GetHandle(), true, false);
+    }
+};
+
+class StreamUncompressProxy final : public Package::IUncompressProxy
+{
+public:
+    Ptr<Stream> CreateMemberStream(const ConstPtr<Package::File>& file, Stream* package) override
+    {
+        return Ptr<Stream>(new PackageStream(file, Ptr<Stream>(package), false));
+    }
+    Stream* GetReadStream(Stream* package) override { return package; }
+};
+
+FileUncompressProxy s_fileUncompress;
+StreamUncompressProxy s_streamUncompress;
+
+AString Native(const WString& path)
+{
+    AString out;
+    StringConvFuncs::UTF16toUTF8(out, path(), path.Length());
+    return out;
+}
+
+class FilePackageProxy final : public Package::IPackageProxy
+{
+public:
+    explicit FilePackageProxy(const WString& path) : m_path(path) {}
+    const WString& GetPath() override { return m_path; }
+    Stream* CreateStream() override { return m_path.IsEmpty() ? nullptr : new FileStream(m_path); }
+    Stream* CreateTempStream() override { return m_path.IsEmpty() ? nullptr : new FileStream(m_path + u".tmp"); }
+    bool DeleteStream(Stream* stream) override { return stream && ::unlink(Native(stream->GetPath())()) == 0; }
+    bool ReplaceStream(Stream* from, Stream* to) override
+    {
+        return from && to && ::rename(Native(from->GetPath())(), Native(to->GetPath())()) == 0;
+    }
+    bool SetEndOfStream(Stream* stream) override
+    {
+        if (!stream || !stream->IsFileStream())
+            return false;
+        int fd = int(reinterpret_cast<intptr_t>(static_cast<FileStream*>(stream)->GetHandle()));
+        return fd >= 0 && ::ftruncate(fd, off_t(stream->GetPosition())) == 0;
+    }
+    Package::IUncompressProxy* GetUncompressProxy() override { return &s_fileUncompress; }
+
+private:
+    WString m_path;
+};
+
+class StreamPackageProxy final : public Package::IPackageProxy
+{
+public:
+    StreamPackageProxy(const Ptr<Stream>& stream, const WString& name) : m_stream(stream), m_path(name) {}
+    const WString& GetPath() override { return m_path; }
+    Stream* CreateStream() override { return m_stream.Get(); }
+    Stream* CreateTempStream() override { return new MemoryStream(0u); }
+    bool DeleteStream(Stream*) override { return true; }
+    // The rebuilt data becomes the package. (Holding the old stream instead
+    // would keep the package as it was before the rebuild.)
+    bool ReplaceStream(Stream* from, Stream*) override
+    {
+        m_stream = from;
+        return from != nullptr;
+    }
+    bool SetEndOfStream(Stream*) override { return false; }
+    Package::IUncompressProxy* GetUncompressProxy() override { return &s_streamUncompress; }
+
+private:
+    Ptr<Stream> m_stream;
+    WString m_path;
+};
+
+} // namespace
+
+Package::State::~State() = default;
+void Package::State::OnProcessFile(const File*) {}
+Package::IUncompressProxy::~IUncompressProxy() = default;
+Package::IPackageProxy::~IPackageProxy() = default;
+
+// --- Header and records --------------------------------------------------------------------
+
+void Package::HEADER::Write(uint8 (&b)[kHeaderSize]) const
+{
+    std::memset(b, 0, sizeof b);
+    PutLE<uint32>(b + 0, version);
+    PutLE<uint32>(b + 4, magic);
+    PutLE<uint64>(b + 8, numFiles & 0xFFFFFFFFull);
+    PutLE<uint32>(b + 16, tableSize);
+    PutLE<uint32>(b + 20, tableCompressedSize);
+    b[24] = compressionType;
+    b[25] = compressionLevel;
+}
+
+void Package::HEADER::Read(const uint8 (&b)[kHeaderSize])
+{
+    version = GetLE<uint32>(b + 0);
+    magic = GetLE<uint32>(b + 4);
+    numFiles = GetLE<uint64>(b + 8);
+    tableSize = GetLE<uint32>(b + 16);
+    tableCompressedSize = GetLE<uint32>(b + 20);
+    compressionType = b[24];
+    compressionLevel = b[25];
+}
+
+bool Package::File::Load(Stream* stream, const WString& mountDir)
+{
+    uint8 record[kRecordSize + 4];
+    if (!stream || !stream->Read(record, sizeof record))
+        return false;
+    offset = GetLE<uint64>(record + 8);
+    size = GetLE<uint64>(record + 16);
+    compressedSize = GetLE<uint64>(record + 24);
+    compressionType = record[32];
+    compressionLevel = record[33];
+    date.low = GetLE<uint32>(record + 56);
+    date.high = GetLE<uint32>(record + 60);
+    uint32 length = GetLE<uint32>(record + 64);
+    if (length > 0x7FFFFFFFu || int64(length) > stream->GetSize() - stream->GetPosition())
+        return false;
+    if (length == 0)
+        name.Clear();
+    else
+    {
+        AString utf8;
+        if (!utf8.SetLength(length) || !stream->Read(utf8(), int(length)))
+            return false;
+        StringConvFuncs::UTF8toUTF16(name, utf8(), length);
+        name.Replace(u'\\', u'/');
+    }
+    path = mountDir.IsValid() ? mountDir + name : name;
+    return true;
+}
+
+bool Package::File::Save(Stream* stream) const
+{
+    if (!stream || offset == ~0ull || size == ~0ull || compressedSize == ~0ull)
+        return false;
+    AString utf8;
+    StringConvFuncs::UTF16toUTF8(utf8, name(), name.Length());
+    uint8 record[kRecordSize + 4] = {};
+    PutLE<uint64>(record + 8, offset);
+    PutLE<uint64>(record + 16, size);
+    PutLE<uint64>(record + 24, compressedSize);
+    record[32] = compressionType;
+    record[33] = compressionLevel;
+    PutLE<uint32>(record + 56, date.low);
+    PutLE<uint32>(record + 60, date.high);
+    PutLE<uint32>(record + 64, utf8.Length());
+    return stream->Write(record, sizeof record) && (utf8.IsEmpty() || stream->Write(utf8(), int(utf8.Length())));
+}
+
+bool Package::IsSafeName(const WString& name)
+{
+    if (name.IsEmpty() || name.StartsWith(u"/") || (name.Length() > 1 && name()[1] == u':'))
+        return false;
+    unsigned start = 0;
+    for (unsigned i = 0; i <= name.Length(); ++i)
+    {
+        char16_t c = i < name.Length() ? name()[i] : u'/';
+        if (c < 0x20)
+            return false;
+        if (c != u'/')
+            continue;
+        unsigned length = i - start;
+        if (length == 0)
+            return false;
+        if (length == 2 && name()[start] == u'.' && name()[start + 1] == u'.')
+            return false;
+        start = i + 1;
+    }
+    return true;
+}
+
+// --- Construction and mounting -------------------------------------------------------------
+
+Package::Package(const WString& path) : m_proxy(new FilePackageProxy(path)), m_path(path) {}
+
+Package::Package(const Ptr<Stream>& stream, const WString& name) : m_proxy(new StreamPackageProxy(stream, name)), m_path(name)
+{
+}
+
+Package::~Package()
+{
+    Unmount();
+    delete m_proxy;
+}
+
+ConstPtr<Package::File> Package::GetFile(const WString& name) const
+{
+    const ConstPtr<File>* found = m_files.FindValue(name);
+    return found ? *found : ConstPtr<File>();
+}
+
+bool Package::Mount(const WString& mountDir)
+{
+    if (m_stream)
+        return true;
+    Ptr<Stream> stream(m_proxy->CreateStream());
+    if (!stream)
+    {
+        Log::Format(LOG_WARNING, u"Package: Mount package %s failed.\n", m_path());
+        return false;
+    }
+    stream->SetReadable(true);
+    stream->SetWriteable(m_writable);
+    if (!stream->IsOpenned() && !stream->Open())
+    {
+        Log::Format(LOG_WARNING, u"Package: Mount package %s failed.\n", m_path());
+        return false;
+    }
+    int64 fileSize = stream->GetSize();
+    auto invalid = [&]() {
+        Log::Format(LOG_WARNING, u"Package: %s is not a valid package.\n", m_path());
+        stream->Close();
+        return false;
+    };
+    if (fileSize < int64(kHeaderSize))
+        return invalid();
+    uint8 bytes[kHeaderSize];
+    stream->Seek(fileSize - kHeaderSize, Stream::Begin);
+    HEADER header;
+    if (!stream->Read(bytes, kHeaderSize))
+        return invalid();
+    header.Read(bytes);
+    uint64 tableInPackage = header.GetSizeInPackage();
+    if (tableInPackage > uint64(fileSize - kHeaderSize) || header.magic != kMagic || header.version > kVersion)
+        return invalid();
+    if (header.tableSize > kMaxTableSize ||
+        (header.compressionType && header.tableSize > InflateLimit(header.tableCompressedSize)) ||
+        header.numFiles > header.tableSize / kMinRecordSize)
+        return invalid();
+
+    WString dir(mountDir);
+    if (dir.IsValid() && !dir.EndsWith(u"/") && !dir.EndsWith(u"\\"))
+        dir.Append(u'/');
+
+    // The whole table comes into memory: its size is bounded by the file's.
+    uint64 tableStart = uint64(fileSize) - kHeaderSize - tableInPackage;
+    stream->Seek(int64(tableStart), Stream::Begin);
+    auto* table = new DataStream();
+    Ptr<MemoryStream> reader(new MemoryStream(table, true));
+    bool ok = table->SetLength(header.tableSize, false);
+    if (ok && header.tableSize)
+    {
+        if (header.compressionType == 0)
+            ok = stream->Read(table->GetPointer(), int(header.tableSize));
+        else
+        {
+            Ptr<Compressor> compressor = Compressor::CreateCompressor(Compressor::TYPE(header.compressionType));
+            std::unique_ptr<uint8[]> packed(new (std::nothrow) uint8[header.tableCompressedSize ? header.tableCompressedSize : 1]);
+            unsigned length = header.tableSize;
+            if (!compressor)
+                Log::Print(LOG_ERROR, u"Mount package failed, can't create compressor !");
+            ok = compressor && packed && stream->Read(packed.get(), int(header.tableCompressedSize)) &&
+                 compressor->Uncompress(table->GetPointer(), length, packed.get(), header.tableCompressedSize);
+            if (ok)
+                table->SetLength(length, true);
+        }
+    }
+    if (ok)
+        ok = reader->Open() && ReadTable(reader.Get(), dir, header.numFiles);
+    if (!ok)
+    {
+        Log::Format(LOG_WARNING, u"Package: %s load package file table failed.\n", m_path());
+        m_files.Clear();
+        stream->Close();
+        return false;
+    }
+    // Every member must lie in the data area, before the table.
+    for (const auto& pair : m_files)
+    {
+        const File* file = pair.value.Get();
+        uint64 inPackage = file->GetSizeInPackage();
+        bool inflateOk = !file->IsCompressed() ||
+                         (file->size <= DataStream::kMaxSize && file->size <= InflateLimit(file->compressedSize));
+        if (file->offset > tableStart || inPackage > tableStart - file->offset || !inflateOk)
+        {
+            Log::Format(LOG_WARNING, u"Package: %s load package file table failed.\n", m_path());
+            m_files.Clear();
+            stream->Close();
+            return false;
+        }
+    }
+    m_header = header;
+    m_mountDir = dir;
+    m_stream = stream;
+    return true;
+}
+
+bool Package::ReadTable(Stream* reader, const WString& mountDir, uint64 count)
+{
+    m_files.Clear();
+    m_files.Reserve(unsigned(count));
+    // Appended as read, sorted once at the end: mounting is O(n log n).
+    m_files.SetUnsorted(true);
+    bool ok = true;
+    for (uint64 i = 0; i < count; ++i)
+    {
+        Ptr<File> file(new File());
+        file->owner = this;
+        if (!file->Load(reader, mountDir) || !IsSafeName(file->name))
+        {
+            ok = false;
+            break;
+        }
+        m_files.Insert(file->name, ConstPtr<File>(file.Get()));
+    }
+    std::stable_sort(m_files.begin(), m_files.end(),
+                     [](const TPair<WString, ConstPtr<File>>& a, const TPair<WString, ConstPtr<File>>& b) {
+                         return a.key < b.key;
+                     });
+    m_files.SetUnsorted(false);
+    return ok;
+}
+
+void Package::Unmount()
+{
+    for (auto& pair : m_files)
+        const_cast<File*>(pair.value.Get())->owner = nullptr;
+    m_files.Clear();
+    m_mountDir.Clear();
+    if (m_stream)
+        m_stream->Close();
+    m_stream = nullptr;
+}
+
+// --- Member streams ---------------------------------------------------------------------------
+
+const Stream::DateTime& Package::GetFileDateTime(const WString& path) const
+{
+    WString name;
+    if (m_mountDir.IsEmpty())
+        name = path;
+    else if (path.Length() > m_mountDir.Length() && path.StartsWith(m_mountDir()))
+        path.SubString(name, m_mountDir.Length());
+    else
+        return Stream::DateTime::Invalid;
+    const ConstPtr<File>* found = m_files.FindValue(name);
+    return found ? (*found)->date : Stream::DateTime::Invalid;
+}
+
+Ptr<Stream> Package::CreateStream(const WString& path)
+{
+    WString name(path);
+    if (m_mountDir.IsValid() && path.StartsWith(m_mountDir()))
+        path.SubString(name, m_mountDir.Length());
+    const ConstPtr<File>* found = m_files.FindValue(name);
+    if (!found || !m_stream)
+    {
+        Log::Format(LOG_INFO, 256u, u"Package::CreateStream failed, path=%s\n", path());
+        return Ptr<Stream>();
+    }
+    return UncompressStream(found->Get(), m_stream.Get(), m_proxy->GetUncompressProxy());
+}
+
+Ptr<Stream> Package::UncompressStream(const File* file, Stream* package)
+{
+    if (!package)
+        return Ptr<Stream>();
+    IUncompressProxy* proxy = package->IsFileStream() ? static_cast<IUncompressProxy*>(&s_fileUncompress)
+                                                      : static_cast<IUncompressProxy*>(&s_streamUncompress);
+    return UncompressStream(file, package, proxy);
+}
+
+Ptr<Stream> Package::UncompressStream(const File* file, Stream* package, IUncompressProxy* proxy)
+{
+    if (!file || !proxy || !package || file->GetSizeInPackage() == 0)
+        return Ptr<Stream>();
+    Ptr<Compressor> compressor = Compressor::CreateCompressor(Compressor::TYPE(file->compressionType));
+    if (!compressor)
+        return proxy->CreateMemberStream(ConstPtr<File>(file), package);
+
+    // A compressed member is inflated whole into memory.
+    if (file->size > DataStream::kMaxSize || file->compressedSize > 0x7FFFFFFFull)
+    {
+        Log::Format(LOG_INFO, 512u, u"Decompress stream failed, internal error, %s\n", file->path());
+        return Ptr<Stream>();
+    }
+    Ptr<Stream> reader(proxy->GetReadStream(package));
+    bool openedHere = false;
+    if (!reader->IsOpenned())
+    {
+        if (!reader->Open())
+        {
+            Log::Format(LOG_INFO, 512u, u"Decompress stream failed, can't open a temp stream, %s\n", file->path());
+            return Ptr<Stream>();
+        }
+        openedHere = true;
+    }
+    unsigned packed = unsigned(file->compressedSize);
+    const uint8* source = nullptr;
+    std::unique_ptr<uint8[]> block;
+    if (reader->IsMappable())
+    {
+        source = static_cast<const uint8*>(reader->Map(int64(file->offset), packed));
+        if (!source)
+        {
+            Log::Format(LOG_INFO, 512u, u"Decompress stream failed, can't map temp stream, %s\n", file->path());
+            if (openedHere)
+                reader->Close();
+            return Ptr<Stream>();
+        }
+    }
+    else
+    {
+        block.reset(new (std::nothrow) uint8[packed ? packed : 1]);
+        reader->SetPosition(int64(file->offset));
+        if (!block || reader->GetPosition() != int64(file->offset) || !reader->Read(block.get(), int(packed)))
+        {
+            if (openedHere)
+                reader->Close();
+            return Ptr<Stream>();
+        }
+        source = block.get();
+    }
+    auto* data = new DataStream();
+    unsigned length = unsigned(file->size);
+    bool ok = data->SetLength(length, false) &&
+              (length == 0 || compressor->Uncompress(data->GetPointer(), length, source, packed)) &&
+              length == file->size;
+    if (reader->IsMapped())
+        reader->Unmap();
+    if (openedHere)
+        reader->Close();
+    if (!ok)
+    {
+        delete data;
+        Log::Format(LOG_INFO, 512u, u"Decompress stream failed, internal error, %s\n", file->path());
+        return Ptr<Stream>();
+    }
+    Ptr<MemoryStream> memory(new MemoryStream(data, true));
+    memory->SetPath(file->path);
+    return Ptr<Stream>(memory.Get());
+}
+
+PackageStream::PackageStream(const ConstPtr<Package::File>& file, const Ptr<Stream>& package, bool privateSource)
+    : ProxyStream(package, file && !file->IsCompressed() ? int64(file->offset) : 0, file ? int64(file->size) : 0),
+      m_file(file), m_privateSource(privateSource)
+{
+    m_flags &= ~uint32(Writeable);
+    if (file)
+        m_path = file->path;
+}
+
+PackageStream::~PackageStream()
+{
+    if (IsOpenned())
+        PackageStream::InternalClose();
+}
+
+bool PackageStream::InternalOpen()
+{
+    if (!m_file || !m_file->owner)
+        return false;
+    if (!ProxyStream::InternalOpen())
+        return false;
+    m_owner = m_file->owner;
+    m_owner->AddFileRef();
+    if (m_privateSource && m_source->IsMappable() && m_size > 0 && m_size <= 0x7FFFFFFF)
+        m_view = static_cast<const uint8*>(m_source->Map(m_offset, unsigned(m_size)));
+    return true;
+}
+
+void PackageStream::InternalClose()
+{
+    if (m_view)
+    {
+        m_source->Unmap();
+        m_view = nullptr;
+    }
+    ProxyStream::InternalClose();
+    if (m_owner)
+        m_owner->DelFileRef();
+    m_owner = nullptr;
+}
+
+bool PackageStream::InternalRead(void* data, int size)
+{
+    if (!m_view)
+        return ProxyStream::InternalRead(data, size);
+    if (!data || size < 0 || m_position < 0 || m_position + size > m_size)
+        return false;
+    std::memcpy(data, m_view + m_position, size_t(size));
+    m_position += size;
+    return true;
+}
+
+bool PackageStream::InternalWrite(const void*, int) { return false; }
+
+void* PackageStream::InternalMap(int64 offset, unsigned int size)
+{
+    if (m_view)
+        return offset >= 0 && offset + int64(size) <= m_size ? const_cast<uint8*>(m_view + offset) : nullptr;
+    return ProxyStream::InternalMap(offset, size);
+}
+
+void PackageStream::InternalUnmap()
+{
+    if (!m_view)
+        ProxyStream::InternalUnmap();
+}
+
+// --- Building ----------------------------------------------------------------------------------
+
+unsigned int Package::GetGranularity() { return FileStream::GetAllocationGranularity(); }
+
+bool Package::CopyStream(Stream* destination, Stream* source, State* state, DataStream* buffer)
+{
+    if (!destination || !source)
+        return false;
+    int64 remaining = source->GetSize() - source->GetPosition();
+    if (remaining < 0)
+        return false;
+    if (state && state->total == 0)
+        state->total = uint64(remaining);
+    DataStream local;
+    DataStream* block = buffer ? buffer : &local;
+    if (block->GetLength() == 0 && !block->SetLength(GetGranularity(), false))
+        return false;
+    unsigned blockSize = block->GetLength();
+    while (remaining >= int64(blockSize))
+    {
+        if (!source->Read(block->GetPointer(), int(blockSize)) ||
+            !destination->Write(block->GetPointer(), int(blockSize)))
+            return false;
+        remaining -= blockSize;
+        if (state)
+        {
+            if (state->cancel)
+                return false;
+            state->done += blockSize;
+        }
+    }
+    if (remaining > 0)
+    {
+        if (!source->Read(block->GetPointer(), int(remaining)) ||
+            !destination->Write(block->GetPointer(), int(remaining)))
+            return false;
+        if (state)
+            state->done += uint64(remaining);
+    }
+    return true;
+}
+
+Ptr<Stream> Package::CompressStream(File* file)
+{
+    Ptr<FileStream> source(new FileStream(file->path));
+    source->SetReadOnly();
+    Ptr<Compressor> compressor = Compressor::CreateCompressor(Compressor::TYPE(file->compressionType));
+    if (compressor && source->Open())
+    {
+        int64 size = source->GetSize();
+        file->size = uint64(size);
+        unsigned bound = size >= 0 && size < 0x7FFF0000 ? compressor->CompressBound(unsigned(size)) : 0;
+        const uint8* data = size > 0 && bound ? static_cast<const uint8*>(source->Map(0, unsigned(size))) : nullptr;
+        if (data || (size == 0 && bound))
+        {
+            Ptr<MemoryStream> memory(new MemoryStream(bound));
+            unsigned length = bound;
+            bool ok = memory->Open() &&
+                      compressor->Compress(memory->GetDataStream()->GetPointer(), length, data, unsigned(size),
+                                           file->compressionLevel);
+            if (data)
+                source->Unmap();
+            source->Close();
+            if (ok)
+            {
+                file->compressedSize = length;
+                memory->GetDataStream()->SetLength(length, true);
+                memory->GetDataStream()->SetPosition(0);
+                return Ptr<Stream>(memory.Get());
+            }
+        }
+        else
+            source->Close();
+    }
+    // Stored raw.
+    file->compressionType = 0;
+    file->compressedSize = 0;
+    return Ptr<Stream>(source.Get());
+}
+
+DataStream* Package::MakeTableData(HEADER& header, const TArray<Ptr<File>>& files)
+{
+    auto* raw = new DataStream();
+    raw->SetAutoExtend(true);
+    {
+        Ptr<MemoryStream> writer(new MemoryStream(raw, false));
+        writer->SetReadWrite();
+        writer->Open();
+        raw->SetAutoExtend(true);
+        for (const Ptr<File>& file : files)
+            if (!file->Save(writer.Get()))
+            {
+                delete raw;
+                return nullptr;
+            }
+    }
+    header.numFiles = files.Count();
+    header.tableSize = raw->GetLength();
+    header.version = kVersion;
+    header.magic = kMagic;
+    Ptr<Compressor> compressor = Compressor::CreateCompressor(Compressor::TYPE(header.compressionType));
+    if (raw->GetLength() && compressor)
+    {
+        auto* packed = new DataStream(compressor->CompressBound(raw->GetLength()));
+        unsigned length = packed->GetLength();
+        if (packed->GetPointer() &&
+            compressor->Compress(packed->GetPointer(), length, raw->GetPointer(), raw->GetLength(), header.compressionLevel))
+        {
+            packed->SetLength(length, true);
+            header.tableCompressedSize = length;
+            delete raw;
+            return packed;
+        }
+        delete packed;
+    }
+    header.tableCompressedSize = 0;
+    header.compressionType = 0;
+    header.compressionLevel = 0;
+    return raw;
+}
+
+bool Package::WriteTableAndHeader(HEADER& header, const TArray<Ptr<File>>& files, Stream* stream)
+{
+    std::unique_ptr<DataStream> table(MakeTableData(header, files));
+    if (!table || !stream)
+        return false;
+    unsigned size = header.GetSizeInPackage();
+    if (size && !stream->Write(table->GetPointer(), int(size)))
+        return false;
+    uint8 bytes[kHeaderSize];
+    header.Write(bytes);
+    return stream->Write(bytes, kHeaderSize);
+}
+
+void Package::Convert(TArray<Ptr<File>>& out, const TArray<Ptr<KovexEngine::FindFile::File>>& found,
+                      const DelegateC<bool(File*)>& filter)
+{
+    for (const auto& source : found)
+    {
+        Ptr<File> file(new File());
+        file->path = source->fullPath;
+        file->name = source->relativePath;
+        file->size = source->size;
+        file->date = source->lastWrite;
+        if (filter(file.Get()))
+            out.Add(file);
+    }
+}
+
+bool Package::MakeNewPackage(const WString& path, KovexEngine::FindFile& find, const DelegateC<bool(File*)>& filter,
+                             State* state)
+{
+    find.Execute();
+    TArray<Ptr<KovexEngine::FindFile::File>> found;
+    find.GetResults(found);
+    if (found.IsEmpty())
+    {
+        Log::Print(LOG_WARNING, u"Package: Make new package failed, because there're no files included.\n");
+        return false;
+    }
+    if (filter.IsEmpty())
+        return false;
+    if (state)
+        state->phase = 1;
+    TArray<Ptr<File>> files;
+    Convert(files, found, filter);
+    return MakeNewPackage(path, files, state);
+}
+
+bool Package::MakeNewPackage(const WString& path, const TArray<Ptr<File>>& files, State* state)
+{
+    if (state)
+        state->phase = 1;
+    uint64 total = 0;
+    for (const Ptr<File>& file : files)
+    {
+        file->offset = ~0ull;
+        if (file->size != ~0ull)
+            total += file->size;
+    }
+    if (state && state->total == 0)
+    {
+        state->total = total;
+        state->done = 0;
+    }
+    // Written beside the target and moved over it only when complete.
+    WString temporary = path + u".tmp";
+    Ptr<FileStream> package(new FileStream(temporary));
+    package->SetWriteOnly();
+    if (!package->Open())
+        return false;
+    DataStream buffer(GetGranularity() * 10);
+    if (state)
+        state->phase = 2;
+    uint64 position = 0;
+    for (const Ptr<File>& file : files)
+    {
+        if (state)
+            state->OnProcessFile(file.Get());
+        Ptr<Stream> source = CompressStream(file.Get());
+        if (!source->IsOpenned() && !source->Open())
+        {
+            Log::Format(LOG_WARNING, u"Package: Open File %s failed.\n", file->path());
+            continue;
+        }
+        if (!file->IsCompressed())
+            file->size = uint64(source->GetSize()); // what is really copied
+
+        if (CopyStream(package.Get(), source.Get(), state, &buffer))
+        {
+            file->offset = position;
+            position += file->GetSizeInPackage();
+            // Progress counts what the member is, not what it packed down to.
+            if (state && file->IsCompressed())
+                state->done = state->done - file->compressedSize + file->size;
+        }
+        else
+        {
+            package->Seek(int64(position), Stream::Begin);
+            Log::Format(LOG_WARNING, u"Package: Copy File %s failed.\n", file->path());
+        }
+        source->Close();
+    }
+    if (state)
+        state->phase = 3;
+    HEADER header;
+    bool ok = WriteTableAndHeader(header, files, package.Get());
+    package->Close();
+    if (state)
+        state->phase = 0;
+    AString from = Native(temporary), to = Native(path);
+    if (!ok || ::rename(from(), to()) != 0)
+    {
+        ::unlink(from());
+        return false;
+    }
+    return true;
+}
+
+// --- Changing a mounted package ------------------------------------------------------------------
+
+bool Package::AddFiles(const TArray<Ptr<File>>& files, State* state)
+{
+    if (!IsMounted() || !m_writable)
+    {
+        WString dir(m_mountDir);
+        Unmount();
+        m_writable = true;
+        if (!Mount(dir))
+        {
+            Log::Print(LOG_INFO, u"Package: Add files failed.\n");
+            return false;
+        }
+    }
+    uint64 position = uint64(m_stream->GetSize()) - kHeaderSize - m_header.GetSizeInPackage();
+    DataStream buffer(GetGranularity() * 10);
+    for (const Ptr<File>& file : files)
+    {
+        if (state)
+            state->OnProcessFile(file.Get());
+        Ptr<Stream> source = CompressStream(file.Get());
+        if (!source->IsOpenned() && !source->Open())
+        {
+            Log::Format(LOG_WARNING, u"Package: Open %s failed.\n", file->path());
+            continue;
+        }
+        if (!file->IsCompressed())
+            file->size = uint64(source->GetSize());
+        ConstPtr<File> existing = GetFile(file->name);
+        bool inPlace = existing && existing->GetSizeInPackage() >= file->GetSizeInPackage();
+        int64 target = inPlace ? int64(existing->offset) : int64(position);
+        if (target <= m_stream->GetSize())
+            m_stream->Seek(target, Stream::Begin);
+        bool copied = CopyStream(m_stream.Get(), source.Get(), state, &buffer);
+        source->Close();
+        if (inPlace)
+        {
+            File* member = const_cast<File*>(existing.Get());
+            if (!copied)
+            {
+                Log::Format(LOG_WARNING, u"Package: Copy file %s failed.\n", file->path());
+                member->owner = nullptr;
+                m_files.Remove(file->name);
+                continue;
+            }
+            member->size = file->size;
+            member->compressedSize = file->compressedSize;
+            member->compressionType = file->compressionType;
+            member->compressionLevel = file->compressionLevel;
+            continue;
+        }
+        if (!copied)
+        {
+            Log::Format(LOG_WARNING, u"Package: Copy file %s failed.\n", file->path());
+            continue;
+        }
+        // The member is recorded at the start of its block.
+        Ptr<File> member(new File(*file));
+        member->offset = position;
+        member->owner = this;
+        member->path = m_mountDir + member->name;
+        position += member->GetSizeInPackage();
+        if (existing)
+        {
+            const_cast<File*>(existing.Get())->owner = nullptr;
+            m_files.Remove(file->name);
+        }
+        m_files.Insert(member->name, ConstPtr<File>(member.Get()));
+    }
+    m_stream->Seek(int64(position), Stream::Begin);
+    TArray<Ptr<File>> all;
+    for (auto& pair : m_files)
+        all.Add(Ptr<File>(const_cast<File*>(pair.value.Get())));
+    HEADER header = m_header;
+    if (!WriteTableAndHeader(header, all, m_stream.Get()))
+    {
+        Log::Print(LOG_INFO, u"Package: write file header failed.\n");
+        return false;
+    }
+    m_header = header;
+    return true;
+}
+
+bool Package::Rename(const ConstPtr<File>& file, const WString& newName)
+{
+    if (!file || file->owner != this || !m_stream || m_stream->IsReadOnly())
+    {
+        Log::Format(LOG_WARNING, u"Package: Rename file '%s' failed.\n", file ? file->name() : u"");
+        return false;
+    }
+    if (m_files.Contains(newName))
+    {
+        Log::Format(LOG_WARNING, u"Package: Rename file '%s' failed, new name '%s' has already exist.\n", file->name(),
+                    newName());
+        return false;
+    }
+    ConstPtr<File> keep(file);
+    m_files.Remove(file->name);
+    File* member = const_cast<File*>(file.Get());
+    member->path = m_mountDir + newName;
+    member->name = newName;
+    m_files.Insert(newName, keep);
+    return true;
+}
+
+bool Package::Delete(const ConstPtr<File>& file)
+{
+    if (!file || file->owner != this || !m_stream || m_stream->IsReadOnly())
+    {
+        Log::Format(LOG_WARNING, u"Package: Rename file %s failed.\n", file ? file->name() : u"");
+        return false;
+    }
+    unsigned index = m_files.Find(file->name);
+    if (index == kNotFound || m_files[index].value.Get() != file.Get())
+        return false;
+    ConstPtr<File> keep(file);
+    m_files.RemoveAt(index);
+    File* member = const_cast<File*>(file.Get());
+    member->owner = nullptr;
+    member->offset = member->size = member->compressedSize = ~0ull;
+    return true;
+}
+
+bool Package::RebuildFileTable()
+{
+    if (!m_stream || m_stream->IsReadOnly())
+    {
+        Log::Print(LOG_INFO, u"Package: Rebuild File Table failed.\n");
+        return false;
+    }
+    int64 size = m_stream->GetSize();
+    uint8 bytes[kHeaderSize];
+    HEADER old;
+    m_stream->Seek(size - kHeaderSize, Stream::Begin);
+    if (!m_stream->Read(bytes, kHeaderSize))
+    {
+        Log::Print(LOG_INFO, u"Package: Rebuild File Table failed.\n");
+        return false;
+    }
+    old.Read(bytes);
+    m_stream->Seek(size - kHeaderSize - int64(old.GetSizeInPackage()), Stream::Begin);
+    TArray<Ptr<File>> all;
+    for (auto& pair : m_files)
+        all.Add(Ptr<File>(const_cast<File*>(pair.value.Get())));
+    HEADER header;
+    if (!WriteTableAndHeader(header, all, m_stream.Get()))
+        return false;
+    m_proxy->SetEndOfStream(m_stream.Get());
+    m_header = header;
+    return true;
+}
+
+bool Package::RebuildPackage(State* state)
+{
+    auto fail = [&]() {
+        Log::Format(LOG_WARNING, u"Package: Rebuild Package %s failed.\n", m_path());
+        return false;
+    };
+    if (!IsMounted())
+    {
+        m_writable = true;
+        if (!Mount(WString()))
+            return fail();
+    }
+    if (m_stream->IsReadOnly())
+    {
+        m_stream->Close();
+        m_stream->SetReadWrite();
+        if (!m_stream->Open())
+        {
+            m_stream = nullptr;
+            return fail();
+        }
+    }
+    if (state)
+        state->phase = 1;
+    Ptr<Stream> temp(m_proxy->CreateTempStream());
+    if (!temp)
+        return fail();
+    temp->SetWriteOnly();
+    if (!temp->Open())
+        return fail();
+
+    TArray<ConstPtr<File>> ordered;
+    for (auto& pair : m_files)
+        ordered.Add(pair.value);
+    std::stable_sort(ordered.begin(), ordered.end(),
+                     [](const ConstPtr<File>& a, const ConstPtr<File>& b) { return a->offset < b->offset; });
+    TArray<Ptr<File>> copies;
+    uint64 position = 0;
+    for (const ConstPtr<File>& file : ordered)
+    {
+        Ptr<File> copy(new File(*file));
+        copy->offset = position;
+        position += copy->GetSizeInPackage();
+        copies.Add(copy);
+    }
+    if (state && state->total == 0)
+        state->total = position;
+
+    auto abandon = [&]() {
+        temp->Close();
+        m_proxy->DeleteStream(temp.Get());
+        return fail();
+    };
+    if (state)
+        state->phase = 2;
+    DataStream buffer(GetGranularity() * 10);
+    for (unsigned i = 0; i < ordered.Count(); ++i)
+    {
+        Ptr<ProxyStream> block(new ProxyStream(m_stream, int64(ordered[i]->offset), int64(ordered[i]->GetSizeInPackage())));
+        if (!block->Open() || !CopyStream(temp.Get(), block.Get(), state, &buffer))
+            return abandon();
+        block->Close();
+    }
+    if (state)
+        state->phase = 3;
+    HEADER header;
+    if (!WriteTableAndHeader(header, copies, temp.Get()))
+        return abandon();
+    temp->Close();
+    if (state)
+        state->phase = 4;
+    uint32 access = m_stream->GetFlags() & (Stream::Readable | Stream::Writeable);
+    m_stream->Close();
+    // Only a complete new file replaces the old one.
+    if (!m_proxy->ReplaceStream(temp.Get(), m_stream.Get()))
+    {
+        Log::Format(LOG_WARNING, u"Package: Rebuild Package %s failed, package is openned by another process.\n", m_path());
+        m_stream->Open();
+        return false;
+    }
+    m_header = header;
+    Ptr<Stream> fresh(m_proxy->CreateStream());
+    if (!fresh)
+        return fail();
+    fresh->SetReadable((access & Stream::Readable) != 0);
+    fresh->SetWriteable((access & Stream::Writeable) != 0);
+    for (unsigned i = 0; i < ordered.Count(); ++i)
+    {
+        File* member = const_cast<File*>(ordered[i].Get());
+        Package* owner = member->owner;
+        *member = *copies[i];
+        member->owner = owner;
+    }
+    m_stream = fresh;
+    if (state)
+        state->phase = 0;
+    return m_stream->IsOpenned() || m_stream->Open();
+}
+
+bool Package::File::Extract(const Ptr<Stream>& target, State* state) const
+{
+    if (!target || target->IsOpenned() || !owner || !owner->GetPackage())
+        return false;
+    target->SetWriteOnly();
+    if (GetSizeInPackage() == 0)
+    {
+        // An empty member has no stream: the target is simply made empty.
+        bool ok = target->Open();
+        target->Close();
+        return ok;
+    }
+    Ptr<Stream> source = UncompressStream(this, owner->m_stream.Get(), owner->m_proxy->GetUncompressProxy());
+    if (!source || !source->Open())
+        return false;
+    if (!target->Open())
+    {
+        source->Close();
+        return false;
+    }
+    if (state)
+        state->phase = 2;
+    bool ok = CopyStream(target.Get(), source.Get(), state, nullptr);
+    target->Close();
+    source->Close();
+    return ok;
+}
+
+} // namespace KovexEngine

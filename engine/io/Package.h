@@ -12,7 +12,7 @@ namespace KovexEngine {
 
 // One file that holds many: the data blocks first, then the table of
 // members, then a 64-byte header at the very end.
-class KOVEX_API Package : public HeapObject
+class KOVEX_API Package : public ReferenceObj
 {
 public:
     static constexpr uint32 kVersion = 1000;

@@ -11,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "io/StreamManager.h"
 #include "kernel/CommandThread.h"
 #include "kernel/Log.h"
 #include "kernel/SharedString.h"
@@ -135,7 +136,7 @@ void Kovex_System_Terminate()
     if (!s_systemInited)
         return;
     ObjectManager::Ins()->TermFactories();
-    // delete the StreamManager singleton
+    StreamManager::Destroy();
     SharedStringPool::PerformGarbageCollection();
     s_systemInited = false;
 }

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "kernel/Containers.h"
+#include "io/StreamManager.h"
 #include "kernel/Engine.h"
 #include "kernel/StringConv.h"
 #include "kernel/Thread.h"
@@ -166,11 +167,11 @@ LogProxy_File::LogProxy_File(const WString& path)
 {
     m_buffer.Reserve(kFlushThreshold);
     WString absolute(path);
-    absolute.ConvertSlashes();
-    bool isAbsolute = absolute.StartsWith(u"/") || (absolute.Length() > 2 && absolute()[1] == u':');
-    if (!isAbsolute)
-        absolute = g_kovexRootPath + absolute;
-    absolute.FormatDir();
+    if (!StreamManager::Ins()->MakeAbsolutePath(absolute, nullptr))
+    {
+        Log::Format(LOG_WARNING, u"Create File %s failed, error = %d.\n", path(), ENOENT);
+        return;
+    }
     StringConvFuncs::UTF16toUTF8(m_path, absolute());
 
     // Create each directory along the path; the last component is the file.

@@ -9,6 +9,8 @@
 namespace KovexEngine {
 
 template <typename T> class TArray;
+class DataStream;
+class Stream;
 
 // Owned, always terminated text of 8-bit (`AString`) or 16-bit UTF-16
 // (`WString`) characters. Short texts live in a 24-byte inline buffer and
@@ -321,7 +323,14 @@ public:
     bool operator<(const TString& other) const { return Compare(other) < 0; }
 
     // --- Persistence ----------------------------------------------------------
-    unsigned GetSerializeSize() const { return m_length + 4; }
+    // A 32-bit count of characters, then the characters (UTF-16LE for a
+    // WString: every unit is written). A negative count fails to load; a
+    // count beyond what the source holds fails rather than allocating.
+    bool Load(Stream& stream);
+    bool Save(Stream& stream) const;
+    bool Load(DataStream& stream);
+    bool Save(DataStream& stream) const;
+    unsigned GetSerializeSize() const { return unsigned(m_length * sizeof(C) + 4); }
 
     // Length of a terminated text, 0 for null.
     static unsigned TextLength(const C* text);

@@ -1,0 +1,53 @@
+// Fuzz target: bytes from outside mounted as a package, and every member
+// read. A hostile file may fail to mount, but never crash, hang or ask for
+// memory out of proportion to its size.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "io/MemoryStream.h"
+#include "io/Package.h"
+#include "kernel/Log.h"
+
+using namespace KovexEngine;
+
+namespace {
+struct Quiet : LogProxy
+{
+    void Print(unsigned, const char16_t*) override {}
+};
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static bool quiet = (Log::AddProxy(Ptr<LogProxy>(new Quiet())), true);
+    (void)quiet;
+    if (size > (1u << 20))
+        return 0;
+    auto* bytes = new DataStream(unsigned(size));
+    if (size)
+        std::memcpy(bytes->GetPointer(), data, size);
+    Ptr<Stream> stream(new MemoryStream(bytes, true));
+    Package package(stream, WString(u"fuzz.kpk"));
+    if (!package.Mount(WString(u"mount/")))
+        return 0;
+    uint8_t buffer[4096];
+    for (const auto& pair : package.GetFiles())
+    {
+        Ptr<Stream> member = package.CreateStream(pair.value->path);
+        if (!member || !member->Open())
+            continue;
+        int64 remaining = member->GetSize();
+        while (remaining > 0)
+        {
+            int chunk = remaining < int64(sizeof buffer) ? int(remaining) : int(sizeof buffer);
+            if (!member->Read(buffer, chunk))
+                break;
+            remaining -= chunk;
+        }
+        member->Close();
+        (void)package.GetFileDateTime(pair.value->path);
+    }
+    return 0;
+}

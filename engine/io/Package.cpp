@@ -1,5 +1,6 @@
 #include "io/Package.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -510,49 +511,48 @@ bool PackageStream::InternalOpen()
         return false;
     m_owner = m_file->owner;
     m_owner->AddFileRef();
-    if (m_privateSource && m_source->IsMappable() && m_size > 0 && m_size <= 0x7FFFFFFF)
-        m_view = static_cast<const uint8*>(m_source->Map(m_offset, unsigned(m_size)));
+    // A file read with positioned reads: no shared file pointer, no page
+    // faults of a view, and as fast as reading the file itself.
+    m_fd = m_privateSource && m_source->IsFileStream()
+               ? int(reinterpret_cast<intptr_t>(static_cast<FileStream*>(m_source.Get())->GetHandle()))
+               : -1;
     return true;
 }
 
 void PackageStream::InternalClose()
 {
-    if (m_view)
-    {
-        m_source->Unmap();
-        m_view = nullptr;
-    }
     ProxyStream::InternalClose();
     if (m_owner)
         m_owner->DelFileRef();
     m_owner = nullptr;
+    m_fd = -1;
 }
 
 bool PackageStream::InternalRead(void* data, int size)
 {
-    if (!m_view)
+    if (m_fd < 0)
         return ProxyStream::InternalRead(data, size);
     if (!data || size < 0 || m_position < 0 || m_position + size > m_size)
         return false;
-    std::memcpy(data, m_view + m_position, size_t(size));
+    auto* p = static_cast<uint8*>(data);
+    int64 offset = m_offset + m_position;
+    size_t left = size_t(size);
+    while (left)
+    {
+        ssize_t n = ::pread(m_fd, p, left, off_t(offset));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        offset += n;
+        left -= size_t(n);
+    }
     m_position += size;
     return true;
 }
 
 bool PackageStream::InternalWrite(const void*, int) { return false; }
-
-void* PackageStream::InternalMap(int64 offset, unsigned int size)
-{
-    if (m_view)
-        return offset >= 0 && offset + int64(size) <= m_size ? const_cast<uint8*>(m_view + offset) : nullptr;
-    return ProxyStream::InternalMap(offset, size);
-}
-
-void PackageStream::InternalUnmap()
-{
-    if (!m_view)
-        ProxyStream::InternalUnmap();
-}
 
 // --- Building ----------------------------------------------------------------------------------
 

@@ -165,13 +165,12 @@ private:
 };
 
 // A member of a package, as a stream: raw members read straight from the
-// package file through one view of the member; compressed ones are inflated
-// into memory by the package.
+// package file; compressed ones are inflated into memory by the package.
 class KOVEX_API PackageStream : public ProxyStream
 {
 public:
-    // With `privateSource` the package stream object is this member's alone,
-    // and the whole member stays mapped while the stream is open.
+    // With `privateSource` the package stream object is this member's alone
+    // (an attached FileStream): reads then go to the file at their offset.
     PackageStream(const ConstPtr<Package::File>& file, const Ptr<Stream>& package, bool privateSource);
     ~PackageStream() override;
 
@@ -184,14 +183,12 @@ protected:
     void InternalClose() override;
     bool InternalRead(void* data, int size) override;
     bool InternalWrite(const void* data, int size) override;
-    void* InternalMap(int64 offset, unsigned int size) override;
-    void InternalUnmap() override;
 
 private:
     ConstPtr<Package::File> m_file;
     Package* m_owner = nullptr;
     bool m_privateSource;
-    const uint8* m_view = nullptr; // the whole member, while open
+    int m_fd = -1; // the package file's descriptor, while open
 };
 
 } // namespace KovexEngine

@@ -378,3 +378,36 @@ TEST(Package, ConcurrentReadersShareOnePackage)
         r.join();
     EXPECT_EQ(good.load(), 80);
 }
+
+TEST(Package, AFailedRebuildLeavesTheOriginalWhole)
+{
+    TempDir dir;
+    dir.Write("src/a.bin", "original a");
+    dir.Write("src/b.txt", std::string(4000, 'b'));
+    FindFile find;
+    find.AddInclude(WString(u"*"), dir.W("src"), 0);
+    ASSERT_TRUE(Package::MakeNewPackage(dir.W("p.kpk"), find, DelegateC<bool(Package::File*)>(&Takes), nullptr));
+    std::string before = Bytes(dir.path + "/p.kpk");
+    // The temporary file cannot be made: a directory stands in its place.
+    fs::create_directories(dir.path + "/p.kpk.tmp");
+    {
+        KovexTest::LogCapture log;
+        Package package(dir.W("p.kpk"));
+        package.SetWritable(true);
+        ASSERT_TRUE(package.Mount(WString()));
+        EXPECT_FALSE(package.RebuildPackage(nullptr));
+        EXPECT_EQ(ReadMember(package, WString(u"a.bin")), "original a") << "still readable after the failure";
+    }
+    EXPECT_EQ(Bytes(dir.path + "/p.kpk"), before) << "not one byte of the original changed";
+
+    // A new package that cannot be completed leaves an old one in place.
+    TArray<Ptr<Package::File>> broken;
+    Ptr<Package::File> missing(new Package::File());
+    missing->name = u"gone.bin";
+    missing->path = dir.W("src/does-not-exist.bin");
+    broken.Add(missing);
+    fs::remove_all(dir.path + "/p.kpk.tmp");
+    EXPECT_FALSE(Package::MakeNewPackage(dir.W("p.kpk"), broken, nullptr));
+    EXPECT_EQ(Bytes(dir.path + "/p.kpk"), before);
+    EXPECT_FALSE(fs::exists(dir.path + "/p.kpk.tmp"));
+}

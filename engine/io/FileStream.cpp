@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "io/FileIo.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
 
@@ -20,55 +21,6 @@ AString NativePath(const WString& path)
     AString utf8;
     StringConvFuncs::UTF16toUTF8(utf8, path(), path.Length());
     return utf8;
-}
-
-bool ReadFully(int fd, void* data, size_t size)
-{
-    auto* p = static_cast<uint8*>(data);
-    while (size)
-    {
-        ssize_t n = ::read(fd, p, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-    }
-    return true;
-}
-
-bool WriteFully(int fd, const void* data, size_t size)
-{
-    auto* p = static_cast<const uint8*>(data);
-    while (size)
-    {
-        ssize_t n = ::write(fd, p, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-    }
-    return true;
-}
-
-bool PWriteFully(int fd, const void* data, size_t size, int64 offset)
-{
-    auto* p = static_cast<const uint8*>(data);
-    while (size)
-    {
-        ssize_t n = ::pwrite(fd, p, size, off_t(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-        offset += n;
-    }
-    return true;
 }
 
 // Maps [offset, offset + size) of a descriptor: the view starts at the
@@ -196,14 +148,14 @@ bool FileStream::InternalRead(void* data, int size)
 {
     if (size <= 0 || !data || m_fd < 0)
         return false;
-    return ReadFully(m_fd, data, size_t(size));
+    return FileIo::ReadFully(m_fd, data, size_t(size));
 }
 
 bool FileStream::InternalWrite(const void* data, int size)
 {
     if (size <= 0 || !data || m_fd < 0)
         return false;
-    return WriteFully(m_fd, data, size_t(size));
+    return FileIo::WriteFully(m_fd, data, size_t(size));
 }
 
 void FileStream::InternalSeek(int64 offset, SeekOrigin origin)
@@ -344,7 +296,7 @@ bool FileMappingStream::InternalWrite(const void* data, int size)
     }
     // Beyond the end the file grows by a direct write at the logical
     // position (never at the descriptor's own, which this stream does not move).
-    return m_position >= 0 && PWriteFully(m_fd, data, size_t(size), m_position);
+    return m_position >= 0 && FileIo::PWriteFully(m_fd, data, size_t(size), m_position);
 }
 
 void FileMappingStream::InternalSeek(int64 offset, SeekOrigin origin)

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "io/FileIo.h"
 #include "io/FileStream.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
@@ -534,20 +535,8 @@ bool PackageStream::InternalRead(void* data, int size)
         return ProxyStream::InternalRead(data, size);
     if (!data || size < 0 || m_position < 0 || m_position + size > m_size)
         return false;
-    auto* p = static_cast<uint8*>(data);
-    int64 offset = m_offset + m_position;
-    size_t left = size_t(size);
-    while (left)
-    {
-        ssize_t n = ::pread(m_fd, p, left, off_t(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n;
-        offset += n;
-        left -= size_t(n);
-    }
+    if (!FileIo::PReadFully(m_fd, data, size_t(size), m_offset + m_position))
+        return false;
     m_position += size;
     return true;
 }

@@ -13,29 +13,14 @@
 #include "io/Package.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
 
 using namespace KovexEngine;
 namespace fs = std::filesystem;
 
 namespace {
 
-class TempDir
-{
-public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/kovex-pkg-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    WString W(const std::string& relative) const { return StringConvFuncs::ToWString((path + "/" + relative).c_str()); }
-    void Write(const std::string& relative, const std::string& content) const
-    {
-        fs::create_directories(fs::path(path + "/" + relative).parent_path());
-        std::ofstream(path + "/" + relative, std::ios::binary) << content;
-    }
-    std::string path;
-};
+using KovexTest::TempDir;
 
 std::string ReadMember(Package& package, const WString& path)
 {

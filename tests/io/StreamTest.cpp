@@ -13,24 +13,14 @@
 #include "io/MemoryStream.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
 
 using namespace KovexEngine;
 namespace fs = std::filesystem;
 
 namespace {
 
-class TempDir
-{
-public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/kovex-io-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    WString W(const std::string& relative) const { return StringConvFuncs::ToWString((path + "/" + relative).c_str()); }
-    std::string path;
-};
+using KovexTest::TempDir;
 
 std::string ReadAll(const std::string& path)
 {

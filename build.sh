@@ -12,7 +12,7 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 mode="${1:-run}"
 
 # Debian packages the build needs; installed only when missing.
-packages=(g++ cmake ninja-build ccache pkg-config libgtest-dev libbenchmark-dev zlib1g-dev)
+packages=(g++ cmake ninja-build ccache pkg-config libgtest-dev libbenchmark-dev zlib1g-dev librapidxml-dev)
 
 install_missing() {
   local missing=()

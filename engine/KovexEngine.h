@@ -51,3 +51,5 @@
 #include "reflection/ValueClass.h"
 #include "reflection/ValueTraits.h"
 #include "reflection/Variable.h"
+#include "serialization/BinSerializer.h"
+#include "serialization/Serializer.h"

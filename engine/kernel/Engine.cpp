@@ -22,6 +22,7 @@
 #include "math/Quaternion.h"
 #include "math/Transform.h"
 #include "reflection/ObjectManager.h"
+#include "serialization/BinSerializer.h"
 
 namespace KovexEngine {
 
@@ -125,8 +126,8 @@ void Kovex_System_Initialize()
     Sphere::StaticGetClass();
     Plane::StaticGetClass();
     ThreadCommand2::StaticGetClass();
-    // ScriptEnvironment, ScriptInterpreter, Serializer, BinSerializer,
-    // XmlSerializer.
+    Serializer::StaticGetClass();
+    BinSerializer::StaticGetClass();
     g_kovexTimer.Start();
     s_systemInited = true;
 }

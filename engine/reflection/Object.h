@@ -7,6 +7,7 @@ namespace KovexEngine {
 class FunctionStack;
 class Property;
 class ScriptObject;
+class Serializer;
 class Variable;
 
 // The root of the reflected, reference-counted classes.
@@ -27,6 +28,9 @@ public:
     // the class is abstract or the copy fails.
     virtual Ptr<Object> Clone(unsigned int flags) const;
     virtual bool Duplicate(Object* destination, unsigned int flags) const;
+    // The object's contents; the base reads and writes its property list.
+    virtual bool Load(Serializer* serializer);
+    virtual bool Save(Serializer* serializer) const;
     virtual void PostLoad();
     virtual void PostSave();
     // True when `other` has exactly this object's class.
@@ -60,6 +64,12 @@ public:
     // Compares every readable property of types 1 to 16 with `other`'s (of
     // the same class); true when one differs or the classes do.
     bool HasDiffProps(const Object* other) const;
+
+    // The saved properties (flag 0x40) as a list: "PRSZ" count, then one
+    // "PROP" section each with "NAME" and the value. An unknown property in
+    // a file is skipped with "Invalid Property '%s' in '%s'.\n".
+    bool LoadProperties(Serializer* serializer);
+    bool SaveProperties(Serializer* serializer) const;
 
     const Property* FindProperty(const WString& name) const;
     // False for an unknown property; reads through the owning class's part.

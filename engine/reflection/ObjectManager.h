@@ -3,6 +3,10 @@
 #include "reflection/Object.h"
 
 namespace KovexEngine {
+class Serializer;
+}
+
+namespace KovexEngine {
 
 // Creates, loads and saves the objects of one class (and, when no closer
 // factory exists, of its subclasses).
@@ -16,6 +20,9 @@ public:
     virtual void OnInitialized() { m_inited = true; }
     virtual void OnTerminated() { m_inited = false; }
     virtual ~ObjectFactory();
+    // Makes an object of `cls` (through `outer` when given) and loads it.
+    virtual Ptr<Object> LoadObject(const Class* cls, Object* outer, Serializer* serializer, unsigned int flags);
+    virtual bool SaveObject(const Object* object, Serializer* serializer, unsigned int flags);
 
     const Class* GetObjClass() const { return m_class; }
     bool IsInited() const { return m_inited; }
@@ -49,6 +56,11 @@ public:
     // among its bases, depth first.
     ObjectFactory* GetFactory(const Class* cls, bool searchBases) const;
     unsigned int GetFactoryCount() const { return m_factories.Count(); }
+
+    // Reads the class name ("CLS") and lets its factory load the object.
+    Ptr<Object> LoadObject(Object* outer, Serializer* serializer, unsigned int flags);
+    // Writes the class name and lets the factory save the object.
+    bool SaveObject(const Object* object, Serializer* serializer, unsigned int flags);
 
     // Brings every factory up; does nothing while the System layer stands.
     void Initialize();

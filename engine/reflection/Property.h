@@ -5,6 +5,7 @@
 namespace KovexEngine {
 
 class EnumClass;
+class Serializer;
 struct EnumMember;
 
 // A reflected field or accessor pair of a class. Values cross it in their
@@ -25,6 +26,8 @@ public:
         FLAG_SHARE_ON_CLONE = 0x100,
         FLAG_CLONE_IF_CLONABLE = 0x200,
         FLAG_READ_ONLY = 0x400,
+        // A path: saved relative to the file, loaded back absolute.
+        FLAG_FILE_PATH = 0x1000,
         FLAG_POINTER = 0x10000,
     };
 
@@ -41,6 +44,9 @@ public:
     virtual bool GetPropertyValue(const void* object, void* out) const;
     virtual bool SetPropertyValue(void* object, const void* value) const;
     virtual void ProcessProperty();
+    // The value of `object`'s property in a "PROP" section, by its type.
+    virtual bool LoadPropertyValue(void* object, Serializer* serializer) const;
+    virtual bool SavePropertyValue(const void* object, Serializer* serializer) const;
 
     const Class* GetOwnerClass() const { return m_owner; }
     void SetOwnerClass(const Class* owner) { m_owner = owner; }

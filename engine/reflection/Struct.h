@@ -7,6 +7,7 @@
 
 namespace KovexEngine {
 
+class Serializer;
 class Variable;
 
 // A plain value type described by its fields.
@@ -23,6 +24,11 @@ public:
 
     // The default value of the struct, in a Variable.
     virtual bool GetDefaultVariable(Variable& out) const;
+    // The struct's own load and save functions, when it has them (a member
+    // `bool Load(Serializer*)` and `bool Save(Serializer*) const`).
+    virtual bool HasOwnSerialization() const { return false; }
+    virtual bool LoadValue(void* value, Serializer* serializer) const;
+    virtual bool SaveValue(const void* value, Serializer* serializer) const;
     virtual void* NewArray(unsigned int count) const = 0;
     virtual void DeleteArray(void* array) const = 0;
 
@@ -86,6 +92,27 @@ public:
     void DefaultConstruct(void* destination) const override { new (destination) T(); }
     void DestroyInPlace(void* data) const override { static_cast<T*>(data)->~T(); }
     void* NewArray(unsigned int count) const override { return new (std::nothrow) T[count]; }
+    bool HasOwnSerialization() const override
+    {
+        return requires(T& t, const T& c, Serializer* s) {
+            { t.Load(s) } -> std::convertible_to<bool>;
+            { c.Save(s) } -> std::convertible_to<bool>;
+        };
+    }
+    bool LoadValue(void* value, Serializer* serializer) const override
+    {
+        if constexpr (requires(T& t, Serializer* s) { { t.Load(s) } -> std::convertible_to<bool>; })
+            return static_cast<T*>(value)->Load(serializer);
+        else
+            return Struct::LoadValue(value, serializer);
+    }
+    bool SaveValue(const void* value, Serializer* serializer) const override
+    {
+        if constexpr (requires(const T& t, Serializer* s) { { t.Save(s) } -> std::convertible_to<bool>; })
+            return static_cast<const T*>(value)->Save(serializer);
+        else
+            return Struct::SaveValue(value, serializer);
+    }
     void DeleteArray(void* array) const override { delete[] static_cast<T*>(array); }
 
 private:

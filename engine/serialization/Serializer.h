@@ -1,0 +1,278 @@
+#pragma once
+
+#include "io/Stream.h"
+#include "kernel/SharedString.h"
+#include "reflection/Object.h"
+
+namespace KovexEngine {
+
+class Aabb;
+class Obb;
+class Sphere;
+class Struct;
+class Serializer;
+
+// Four characters as one word, first character in the most significant byte:
+// "OBID" is 0x4F424944 and "CLS" 0x00434C53.
+namespace FourCCs {
+constexpr FourCC Make(const char (&text)[5])
+{
+    return FourCC(uint8(text[0])) << 24 | FourCC(uint8(text[1])) << 16 | FourCC(uint8(text[2])) << 8 | uint8(text[3]);
+}
+constexpr FourCC Make(const char (&text)[4])
+{
+    return FourCC(uint8(text[0])) << 16 | FourCC(uint8(text[1])) << 8 | uint8(text[2]);
+}
+// The text of a tag: the bytes from the most significant down, zero bytes left out.
+KOVEX_API AString ToString(FourCC tag);
+// False for an empty text or one of more than four characters.
+KOVEX_API bool FromString(const char* text, FourCC& out);
+
+inline constexpr FourCC OBID = Make("OBID");
+inline constexpr FourCC VLD = Make("VLD");
+inline constexpr FourCC CLS = Make("CLS");
+inline constexpr FourCC PRSZ = Make("PRSZ");
+inline constexpr FourCC PROP = Make("PROP");
+inline constexpr FourCC NAME = Make("NAME");
+inline constexpr FourCC VAL = Make("VAL");
+inline constexpr FourCC SKT = Make("SKT");
+inline constexpr FourCC OBJ = Make("OBJ");
+inline constexpr FourCC REF = Make("REF");
+inline constexpr FourCC PATH = Make("PATH");
+inline constexpr FourCC HSPH = Make("HSPH");
+inline constexpr FourCC DATA = Make("DATA");
+} // namespace FourCCs
+
+// The layout of a plain record stored raw (binary) or field by field (XML).
+class KOVEX_API SerializeMemLayout
+{
+public:
+    enum SerializeMemType : uint8
+    {
+        UInt8 = 0,
+        Int16 = 1,
+        UInt16 = 2,
+        Int32 = 3,
+        UInt32 = 4,
+        Int64 = 5,
+        UInt64 = 6,
+        Float = 7,
+        Double = 8,
+    };
+    struct Field
+    {
+        SerializeMemType type;
+        unsigned offset;
+    };
+
+    explicit SerializeMemLayout(unsigned int recordSize) : m_size(recordSize) {}
+    static unsigned GetTypeSize(SerializeMemType type);
+
+    SerializeMemLayout& Add(SerializeMemType type, unsigned offset);
+    SerializeMemLayout& AddVector(unsigned components, unsigned offset);
+    unsigned int GetSize() const { return m_size; }
+    const TArray<Field>& GetFields() const { return m_fields; }
+
+private:
+    unsigned int m_size;
+    TArray<Field> m_fields;
+};
+
+// Decides how referred resources are treated during one save.
+class KOVEX_API SerializerState : public ReferenceObj
+{
+public:
+    ~SerializerState() override;
+    virtual bool allowSaveAsRef(const Object* object);
+    virtual bool needSerialize(const Object* object);
+    virtual void markSerialized(const Object* object);
+    virtual bool canCacheObject(const Object* object);
+};
+
+// Each cached resource is written once in one save run.
+class KOVEX_API DefaultSerailizerState : public SerializerState
+{
+public:
+    bool needSerialize(const Object* object) override;
+    void markSerialized(const Object* object) override;
+
+private:
+    TArray<const Object*> m_written;
+};
+
+// The one interface of all persistent data: a tree of sections entered by
+// tag, holding tagged values. Values are asked for by tag, so a reader that
+// asks for a value an older file lacks gets false and goes on.
+class KOVEX_API Serializer : public Object
+{
+    KOVEX_CLASS(Serializer)
+
+public:
+    enum SerializeMode
+    {
+        MODE_READ = 0,
+        MODE_WRITE = 1,
+    };
+
+    class KOVEX_API _Pos
+    {
+    public:
+        virtual ~_Pos();
+    };
+
+    ~Serializer() override;
+
+    static AString GetSelfHdrCode();
+    virtual const char* GetHdrCode() const;
+
+    virtual _Pos* CreatePos() = 0;
+    virtual void GetPos(_Pos* position) = 0;
+    virtual bool SetPos(const _Pos* position) = 0;
+    virtual bool Open(const Ptr<Stream>& stream, SerializeMode mode) = 0;
+
+    // --- Values (each form implements every overload) -------------------------
+#define KOVEX_SERIALIZER_SCALARS(X) \
+    X(bool) X(uint8) X(int16) X(uint16) X(int32) X(uint32) X(int64) X(uint64) X(float) X(double) \
+    X(Vector2) X(Vector3) X(Vector4) X(Matrix2) X(Matrix3) X(Matrix4)
+#define KOVEX_SERIALIZER_ARRAYS(X) X(uint8) X(int16) X(uint16) X(int32) X(uint32) X(float)
+#define KOVEX_SERIALIZER_DECLARE_SCALAR(T) \
+    virtual bool Read(FourCC tag, T& value) = 0; \
+    virtual bool Write(FourCC tag, const T& value) = 0;
+#define KOVEX_SERIALIZER_DECLARE_ARRAY(T) \
+    virtual bool Read(FourCC tag, T*& values, unsigned int& count, bool allocate) = 0; \
+    virtual bool Write(FourCC tag, const T* values, unsigned int count) = 0;
+    KOVEX_SERIALIZER_SCALARS(KOVEX_SERIALIZER_DECLARE_SCALAR)
+    KOVEX_SERIALIZER_ARRAYS(KOVEX_SERIALIZER_DECLARE_ARRAY)
+    virtual bool Read(FourCC tag, AString& value) = 0;
+    virtual bool Write(FourCC tag, const AString& value) = 0;
+    // A FourCC value travels as an unsigned int.
+    bool ReadTag(FourCC tag, FourCC& value) { return Read(tag, reinterpret_cast<uint32&>(value)); }
+    bool WriteTag(FourCC tag, const FourCC& value) { return Write(tag, static_cast<const uint32&>(value)); }
+    // A new terminated copy, freed by the caller with delete[].
+    bool Read(FourCC tag, char*& value);
+    bool Write(FourCC tag, const char* value);
+    // Plain records.
+    virtual bool Read(FourCC tag, void* record, const SerializeMemLayout& layout) = 0;
+    virtual bool Write(FourCC tag, const void* record, const SerializeMemLayout& layout) = 0;
+    virtual bool Read(FourCC tag, void*& records, unsigned int& count, const SerializeMemLayout& layout, bool allocate) = 0;
+    virtual bool Write(FourCC tag, const void* records, unsigned int count, const SerializeMemLayout& layout) = 0;
+    // Structs, described by their reflected fields.
+    virtual bool Read(FourCC tag, void* value, const Struct* type) = 0;
+    virtual bool Write(FourCC tag, const void* value, const Struct* type) = 0;
+    virtual bool Read(FourCC tag, void*& values, unsigned int& count, const Struct* type, bool allocate) = 0;
+    virtual bool Write(FourCC tag, const void* values, unsigned int count, const Struct* type) = 0;
+
+    // Non-virtual conveniences.
+    bool Read(FourCC tag, WString& value);
+    bool Write(FourCC tag, const WString& value);
+    bool Read(FourCC tag, TSharedString<AString>& value);
+    bool Write(FourCC tag, const TSharedString<AString>& value);
+    bool Read(FourCC tag, TSharedString<WString>& value);
+    bool Write(FourCC tag, const TSharedString<WString>& value);
+    bool Read(FourCC tag, Quaternion& value);
+    bool Write(FourCC tag, const Quaternion& value);
+    bool Read(FourCC tag, Sphere& value);
+    bool Write(FourCC tag, const Sphere& value);
+    bool Read(FourCC tag, Aabb& value);
+    bool Write(FourCC tag, const Aabb& value);
+    bool Read(FourCC tag, Obb& value);
+    bool Write(FourCC tag, const Obb& value);
+#undef KOVEX_SERIALIZER_DECLARE_SCALAR
+#undef KOVEX_SERIALIZER_DECLARE_ARRAY
+
+    // --- Sections ---------------------------------------------------------------
+    bool Enter(FourCC tag) { return InternalEnter(tag); }
+    void Leave() { InternalLeave(); }
+    void Close();
+
+    // --- Objects ----------------------------------------------------------------
+    // An object graph: each object is stored once per file; later references
+    // store only its number. A null pointer is stored as "VLD" false.
+    bool SaveObject(const ConstPtr<Object>& object, unsigned int flags);
+    bool LoadObject(Ptr<Object>& out, Object* outer, unsigned int flags);
+    // Writes the object's number; true when the object was new.
+    bool SaveObjId(const ConstPtr<Object>& object);
+    void ClearSerializedObj();
+
+    // --- Paths ------------------------------------------------------------------
+    // An absolute path in a form relative to a base directory ("./x",
+    // "@rest" in the same package, "[alias]rest" in another), and back.
+    static void MakePath(WString& path, const WString& baseDir);
+    static void UnmakePath(WString& path, const WString& baseDir);
+    void MakePath(WString& path) const;
+    void UnmakePath(WString& path) const;
+
+    // --- Forms --------------------------------------------------------------------
+    static Serializer* OpenReadStream(const Ptr<Stream>& stream);
+    static Serializer* OpenWriteStream(const Ptr<Stream>& stream);
+    static Serializer* CreateDefaultSerialzier();
+    static const Class* GetDefaultSerializer();
+    static void SetDefaultSerializer(const Class* cls);
+    static void SetDefaultSerializer(bool useXml);
+    static const Class* FindSerializer(const AString& code);
+    // The three letters of an 8-byte header "<XYZ />\n", or empty.
+    static AString GetHdrCode(const uint8 (&header)[8]);
+
+    SerializeMode GetMode() const { return m_mode; }
+    const Ptr<Stream>& GetStream() const { return m_stream; }
+    unsigned int GetLoadFlags() const { return m_loadFlags; }
+    void SetLoadFlags(unsigned int flags) { m_loadFlags = flags; }
+    const Ptr<SerializerState>& GetState() const { return m_state; }
+    void SetState(const Ptr<SerializerState>& state) { m_state = state; }
+
+    // Deepest object nesting a load follows before it refuses the file.
+    static constexpr unsigned kMaxObjectDepth = 256;
+
+protected:
+    Serializer() = default;
+    virtual void InternalClose() = 0;
+    virtual bool InternalEnter(FourCC tag) = 0;
+    virtual void InternalLeave() = 0;
+
+    bool PushHdr();
+    bool PopHdr();
+
+    Ptr<SerializerState> m_state;
+    SerializeMode m_mode = MODE_READ;
+    Ptr<Stream> m_stream;
+    unsigned int m_highestId = 0;
+    unsigned int m_loadFlags = 0;
+    TMap<unsigned int, Ptr<Object>> m_readObjects;
+    TMap<const Object*, unsigned int> m_writtenObjects;
+    unsigned m_depth = 0;
+};
+
+// Writes a value that is known only after what follows it: Begin writes a
+// place-holder, End goes back and writes the real value.
+class KOVEX_API Serializer_WriteHeader
+{
+public:
+    explicit Serializer_WriteHeader(Serializer* serializer) : m_serializer(serializer) {}
+    virtual ~Serializer_WriteHeader();
+    Serializer_WriteHeader(const Serializer_WriteHeader&) = delete;
+    Serializer_WriteHeader& operator=(const Serializer_WriteHeader&) = delete;
+
+    virtual bool WriteHeader(Serializer* serializer) const = 0;
+    bool Begin();
+    bool End();
+
+private:
+    Serializer* m_serializer;
+    Serializer::_Pos* m_position = nullptr;
+};
+
+class KOVEX_API Serializer_WriteSize : public Serializer_WriteHeader
+{
+public:
+    Serializer_WriteSize(Serializer* serializer, const unsigned int& size, FourCC tag)
+        : Serializer_WriteHeader(serializer), m_size(size), m_tag(tag)
+    {
+    }
+    bool WriteHeader(Serializer* serializer) const override { return serializer->Write(m_tag, m_size); }
+
+private:
+    const unsigned int& m_size;
+    FourCC m_tag;
+};
+
+} // namespace KovexEngine

@@ -53,3 +53,4 @@
 #include "reflection/Variable.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/Serializer.h"
+#include "serialization/XmlSerializer.h"

@@ -23,6 +23,7 @@
 #include "math/Transform.h"
 #include "reflection/ObjectManager.h"
 #include "serialization/BinSerializer.h"
+#include "serialization/XmlSerializer.h"
 
 namespace KovexEngine {
 
@@ -128,6 +129,7 @@ void Kovex_System_Initialize()
     ThreadCommand2::StaticGetClass();
     Serializer::StaticGetClass();
     BinSerializer::StaticGetClass();
+    XmlSerializer::StaticGetClass();
     g_kovexTimer.Start();
     s_systemInited = true;
 }

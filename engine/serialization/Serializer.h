@@ -15,13 +15,14 @@ class Serializer;
 // Four characters as one word, first character in the most significant byte:
 // "OBID" is 0x4F424944 and "CLS" 0x00434C53.
 namespace FourCCs {
-constexpr FourCC Make(const char (&text)[5])
+template <unsigned N>
+constexpr FourCC Make(const char (&text)[N])
 {
-    return FourCC(uint8(text[0])) << 24 | FourCC(uint8(text[1])) << 16 | FourCC(uint8(text[2])) << 8 | uint8(text[3]);
-}
-constexpr FourCC Make(const char (&text)[4])
-{
-    return FourCC(uint8(text[0])) << 16 | FourCC(uint8(text[1])) << 8 | uint8(text[2]);
+    static_assert(N >= 2 && N <= 5, "a tag has one to four characters");
+    FourCC tag = 0;
+    for (unsigned i = 0; i + 1 < N; ++i)
+        tag = tag << 8 | uint8(text[i]);
+    return tag;
 }
 // The text of a tag: the bytes from the most significant down, zero bytes left out.
 KOVEX_API AString ToString(FourCC tag);

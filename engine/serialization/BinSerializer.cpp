@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cstring>
+#include <type_traits>
 #include <new>
 
 #include "reflection/ContainerClass.h"
@@ -362,7 +363,10 @@ bool BinSerializer::ReadPlain(FourCC tag, T& value)
         m_position = start;
         return false;
     }
-    std::memcpy(&value, m_file.GetPointer(unsigned(m_position)), sizeof(T));
+    if constexpr (std::is_same_v<T, bool>)
+        value = *m_file.GetPointer(unsigned(m_position)) != 0; // any byte a file holds is a valid bool
+    else
+        std::memcpy(&value, m_file.GetPointer(unsigned(m_position)), sizeof(T));
     m_position += sizeof(T);
     return true;
 }

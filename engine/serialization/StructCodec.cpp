@@ -47,6 +47,21 @@ void RefuseField(const Property* field, const Struct* type)
 // before any allocation.
 constexpr uint32 kMaxStringLength = 0x10000000u;
 
+// A byte from a file is made a valid bool before anything reads it as one.
+void NormalizeBools(uint8* data, const Struct* type, unsigned depth)
+{
+    if (depth > kMaxDepth)
+        return;
+    for (const Property* field : type->GetStructFields())
+    {
+        uint8* at = data + field->GetOffset();
+        if (field->GetType() == KOVEX_TYPE_BOOL)
+            *at = *at != 0;
+        else if (field->GetType() == KOVEX_TYPE_CUSTOM && NestedStruct(field))
+            NormalizeBools(at, NestedStruct(field), depth + 1);
+    }
+}
+
 } // namespace
 
 bool IsPlain(const Struct* type)
@@ -102,7 +117,12 @@ bool DecodeBinary(Source& source, uint8* data, const Struct* type, unsigned dept
     if (!type || depth > kMaxDepth)
         return false;
     if ((type->GetFlags() & Class::FLAG_CONTIGUOUS_STRUCT) && IsPlain(type))
-        return source.Take(data + type->GetSerializeOffset(), type->GetSerializeSize());
+    {
+        if (!source.Take(data + type->GetSerializeOffset(), type->GetSerializeSize()))
+            return false;
+        NormalizeBools(data, type, depth);
+        return true;
+    }
     for (const Property* field : type->GetStructFields())
     {
         uint8* at = data + field->GetOffset();
@@ -111,6 +131,8 @@ bool DecodeBinary(Source& source, uint8* data, const Struct* type, unsigned dept
         {
             if (!source.Take(at, field->GetClass()->GetSize()))
                 return false;
+            if (kind == KOVEX_TYPE_BOOL)
+                *at = *at != 0;
         }
         else if (kind == KOVEX_TYPE_ASTRING || kind == KOVEX_TYPE_WSTRING)
         {

@@ -2,9 +2,12 @@
 
 #include <bit>
 #include <cstring>
-#include <type_traits>
+#include <memory>
 #include <new>
+#include <type_traits>
+#include <vector>
 
+#include "kernel/Log.h"
 #include "reflection/ContainerClass.h"
 #include "reflection/FunctionRegistration.h"
 #include "reflection/Struct.h"
@@ -28,18 +31,65 @@ AString BinSerializer::GetSelfHdrCode() { return AString("BIN"); }
 struct BinSerializer::Node
 {
     Node* parent = nullptr;
-    Node* next = nullptr;
-    TArray<Node*> children{4};
+    Node* next = nullptr; // the next sibling
+    Node* firstChild = nullptr;
+    Node* lastChild = nullptr;
+    uint32 childCount = 0;
     FourCC id = 0;
     uint64 offset = 0;
     uint64 end = 0;
     uint64 savedPosition = 0;
     DataStream data;
 
-    ~Node()
+    void Append(Node* child)
     {
-        for (Node* child : children)
-            delete child;
+        child->parent = this;
+        if (lastChild)
+            lastChild->next = child;
+        else
+            firstChild = child;
+        lastChild = child;
+        ++childCount;
+    }
+    // The node after this one in pre-order, or null; `depth` follows the moves.
+    Node* NextInPreOrder(int& depth)
+    {
+        if (firstChild)
+        {
+            ++depth;
+            return firstChild;
+        }
+        Node* node = this;
+        while (node && !node->next)
+        {
+            node = node->parent;
+            --depth;
+        }
+        return node ? node->next : nullptr;
+    }
+};
+
+// A file has a node per section, often a million of them: they come from
+// chunks rather than one allocation each, and go all at once.
+struct BinSerializer::NodePool
+{
+    static constexpr unsigned kChunk = 4096;
+    std::vector<std::unique_ptr<Node[]>> chunks;
+    unsigned used = kChunk;
+
+    Node* New()
+    {
+        if (used == kChunk)
+        {
+            chunks.emplace_back(new Node[kChunk]);
+            used = 0;
+        }
+        return &chunks.back()[used++];
+    }
+    void Clear()
+    {
+        chunks.clear();
+        used = kChunk;
     }
 };
 
@@ -57,19 +107,28 @@ constexpr unsigned kMaxTreeDepth = 1024;
 
 } // namespace
 
-BinSerializer::BinSerializer() : m_root(new Node()), m_current(m_root) {}
+BinSerializer::BinSerializer() : m_nodes(new NodePool()), m_root(nullptr), m_current(nullptr) { ClearTree(); }
 
 BinSerializer::~BinSerializer()
 {
     if (m_stream)
         InternalClose();
-    delete m_root;
+    delete m_nodes;
+}
+
+BinSerializer::Node* BinSerializer::NewNode(Node* parent, FourCC id)
+{
+    Node* node = m_nodes->New();
+    node->id = id;
+    if (parent)
+        parent->Append(node);
+    return node;
 }
 
 void BinSerializer::ClearTree()
 {
-    delete m_root;
-    m_root = new Node();
+    m_nodes->Clear();
+    m_root = NewNode(nullptr, 0);
     m_current = m_root;
     m_lastLeft = nullptr;
 }
@@ -177,11 +236,7 @@ bool BinSerializer::LoadTable()
         --top.remaining;
         if (stack.Count() > kMaxTreeDepth)
             return false;
-        Node* child = new Node();
-        child->parent = top.node;
-        if (!top.node->children.IsEmpty())
-            top.node->children.Last()->next = child;
-        top.node->children.Add(child);
+        Node* child = NewNode(top.node, 0);
         uint32 children = 0;
         if (!readRecord(child, children))
             return false;
@@ -205,38 +260,39 @@ void BinSerializer::InternalClose()
 {
     if (m_mode == MODE_WRITE && m_stream)
     {
-        PushHdr();
-        TArray<Node*> order;
-        TArray<Node*> stack;
-        stack.Add(m_root);
-        while (!stack.IsEmpty())
+        // The whole file is laid out in one block and written at once.
+        uint64 count = 0, dataSize = 0;
+        int depth = 0;
+        for (Node* node = m_root; node; node = node->NextInPreOrder(depth))
         {
-            Node* node = stack.Last();
-            stack.Pop();
-            order.Add(node);
-            for (unsigned i = node->children.Count(); i-- > 0;)
-                stack.Add(node->children[i]);
+            ++count;
+            dataSize += node->data.GetPosition();
         }
-        uint64 offset = 8 + uint64(order.Count()) * 16;
-        for (Node* node : order)
+        uint64 offset = 8 + count * 16;
+        uint64 total = offset + dataSize;
+        DataStream file;
+        if (total <= DataStream::kMaxSize && file.SetLength(unsigned(total), false))
         {
-            node->offset = offset;
-            offset += node->data.GetPosition();
+            uint8* record = file.GetPointer(8);
+            uint8* block = file.GetPointer(unsigned(offset));
+            for (Node* node = m_root; node; node = node->NextInPreOrder(depth))
+            {
+                unsigned size = node->data.GetPosition();
+                node->offset = offset;
+                std::memcpy(record, &node->id, 4);
+                std::memcpy(record + 4, &node->offset, 8);
+                std::memcpy(record + 12, &node->childCount, 4);
+                record += 16;
+                if (size)
+                    std::memcpy(block, node->data.GetPointer(), size);
+                block += size;
+                offset += size;
+            }
+            PushHdr();
+            m_stream->Write(file.GetPointer(8), int(total - 8));
         }
-        DataStream table(order.Count() * 16);
-        uint8* record = table.GetPointer();
-        for (Node* node : order)
-        {
-            uint32 children = node->children.Count();
-            std::memcpy(record, &node->id, 4);
-            std::memcpy(record + 4, &node->offset, 8);
-            std::memcpy(record + 12, &children, 4);
-            record += 16;
-        }
-        bool ok = m_stream->Write(table.GetPointer(), int(table.GetLength()));
-        for (Node* node : order)
-            if (ok && node->data.GetPosition())
-                ok = m_stream->Write(node->data.GetPointer(), int(node->data.GetPosition()));
+        else
+            Log::Print(LOG_ERROR, u"BinSerializer: the file would exceed 2 GiB.\n");
     }
     ClearTree();
     m_file.ReleaseData();
@@ -253,11 +309,8 @@ bool BinSerializer::InternalEnter(FourCC tag)
         return false;
     if (m_mode == MODE_WRITE)
     {
-        Node* child = new Node();
-        child->id = tag;
-        child->parent = m_current;
+        Node* child = NewNode(m_current, tag);
         child->data.SetAutoExtend(true);
-        m_current->children.Add(child);
         m_current = child;
         return true;
     }
@@ -265,7 +318,7 @@ bool BinSerializer::InternalEnter(FourCC tag)
     if (m_lastLeft && m_lastLeft->next && m_lastLeft->next->id == tag)
         found = m_lastLeft->next;
     else
-        for (Node* child : m_current->children)
+        for (Node* child = m_current->firstChild; child; child = child->next)
             if (child->id == tag)
             {
                 found = child;
@@ -299,6 +352,10 @@ bool BinSerializer::BeginWrite(FourCC tag)
 {
     if (m_mode != MODE_WRITE || !m_current || m_current == m_root)
         return false;
+    // Most sections hold a few short values: one block of this size spares
+    // the early regrowths.
+    if (m_current->data.GetCapacity() == 0)
+        m_current->data.Reserve(64, false);
     return m_current->data.Write(&tag, 4);
 }
 
@@ -582,20 +639,11 @@ bool BinSerializer::DumpTree(AString& out) const
 {
     if (m_mode != MODE_READ || !m_stream)
         return false;
-    struct Item
+    int depth = 0;
+    for (Node* node = m_root; node; node = node->NextInPreOrder(depth))
     {
-        const Node* node;
-        unsigned depth;
-    };
-    TArray<Item> stack;
-    stack.Add(Item{m_root, 0});
-    while (!stack.IsEmpty())
-    {
-        Item item = stack.Last();
-        stack.Pop();
-        const Node* node = item.node;
         AString indent;
-        for (unsigned i = 0; i < item.depth; ++i)
+        for (int i = 0; i < depth; ++i)
             indent.Append("  ");
         uint64 size = node->end - node->offset;
         out.AppendFormat("%s%s  (%I64u bytes)", indent(), node == m_root ? "<root>" : FourCCs::ToString(node->id)(),
@@ -607,8 +655,6 @@ bool BinSerializer::DumpTree(AString& out) const
         if (shown < size)
             out.Append(" ...");
         out.Append('\n');
-        for (unsigned i = node->children.Count(); i-- > 0;)
-            stack.Add(Item{node->children[i], item.depth + 1});
     }
     return true;
 }

@@ -53,6 +53,7 @@ public:
     bool DumpTree(AString& out) const;
 
     struct Node;
+    struct NodePool;
     class Cursor;
 
 protected:
@@ -69,7 +70,9 @@ private:
     bool BeginWrite(FourCC tag);
     void ClearTree();
     bool LoadTable();
+    Node* NewNode(Node* parent, FourCC id);
 
+    NodePool* m_nodes;
     Node* m_root;
     Node* m_current;
     Node* m_lastLeft = nullptr;

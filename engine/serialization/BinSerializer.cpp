@@ -166,16 +166,8 @@ bool BinSerializer::SetPos(const _Pos* position)
 
 bool BinSerializer::Open(const Ptr<Stream>& stream, SerializeMode mode)
 {
-    if (!stream)
+    if (!AttachStream(stream, mode))
         return false;
-    if (mode == MODE_READ)
-        stream->SetReadOnly();
-    else
-        stream->SetWriteOnly();
-    if (!stream->IsOpenned() && !stream->Open())
-        return false;
-    m_stream = stream;
-    m_mode = mode;
     ClearTree();
     if (mode == MODE_WRITE)
         return true;

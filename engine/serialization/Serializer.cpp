@@ -143,6 +143,21 @@ bool Serializer::PopHdr()
     return GetHdrCode(header) == GetHdrCode();
 }
 
+bool Serializer::AttachStream(const Ptr<Stream>& stream, SerializeMode mode)
+{
+    if (!stream)
+        return false;
+    if (mode == MODE_READ)
+        stream->SetReadOnly();
+    else
+        stream->SetWriteOnly();
+    if (!stream->IsOpenned() && !stream->Open())
+        return false;
+    m_stream = stream;
+    m_mode = mode;
+    return true;
+}
+
 void Serializer::Close()
 {
     m_highestId = 0;

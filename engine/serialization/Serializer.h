@@ -232,6 +232,8 @@ protected:
 
     bool PushHdr();
     bool PopHdr();
+    // Opens the stream for the mode's access and takes it and the mode.
+    bool AttachStream(const Ptr<Stream>& stream, SerializeMode mode);
 
     Ptr<SerializerState> m_state;
     SerializeMode m_mode = MODE_READ;

@@ -204,6 +204,14 @@ bool ParseCount(Tokens& tokens, unsigned& count)
     return count <= uint64(tokens.end - tokens.at) + 1;
 }
 
+// Opens array text: its count, which must fit a caller's buffer of
+// `capacity` when nothing is allocated.
+bool OpenArray(const char* text, unsigned length, bool allocate, unsigned capacity, Tokens& tokens, unsigned& stored)
+{
+    tokens = Tokens{text, text + length};
+    return text && ParseCount(tokens, stored) && (allocate || stored <= capacity);
+}
+
 // --- Plain records ------------------------------------------------------------------------------
 
 bool AppendField(std::string& out, const uint8* record, const SerializeMemLayout::Field& field)
@@ -387,16 +395,8 @@ bool XmlSerializer::SetPos(const _Pos* position)
 
 bool XmlSerializer::Open(const Ptr<Stream>& stream, SerializeMode mode)
 {
-    if (!stream)
+    if (!AttachStream(stream, mode))
         return false;
-    if (mode == MODE_READ)
-        stream->SetReadOnly();
-    else
-        stream->SetWriteOnly();
-    if (!stream->IsOpenned() && !stream->Open())
-        return false;
-    m_stream = stream;
-    m_mode = mode;
     m_state->Reset();
     m_state->text.clear();
     if (mode == MODE_WRITE)
@@ -585,13 +585,10 @@ bool XmlSerializer::ReadArray(FourCC tag, T*& values, unsigned int& count, bool 
 {
     if (!values && !allocate)
         return false;
-    unsigned length = 0;
+    unsigned length = 0, stored = 0;
     const char* text = FindText(tag, &length);
-    if (!text)
-        return false;
-    Tokens tokens{text, text + length};
-    unsigned stored = 0;
-    if (!ParseCount(tokens, stored) || (!allocate && stored > count))
+    Tokens tokens{};
+    if (!OpenArray(text, length, allocate, count, tokens, stored))
         return false;
     if (stored == 0)
     {
@@ -668,13 +665,10 @@ bool XmlSerializer::Read(FourCC tag, void*& records, unsigned int& count, const 
 {
     if ((!records && !allocate) || !IsUsableLayout(layout))
         return false;
-    unsigned length = 0;
+    unsigned length = 0, stored = 0;
     const char* text = FindText(tag, &length);
-    if (!text)
-        return false;
-    Tokens tokens{text, text + length};
-    unsigned stored = 0;
-    if (!ParseCount(tokens, stored) || (!allocate && stored > count))
+    Tokens tokens{};
+    if (!OpenArray(text, length, allocate, count, tokens, stored))
         return false;
     if (stored == 0)
     {

@@ -289,6 +289,13 @@ public:
     // then meaningless until the map is rebuilt).
     void SetUnsorted(bool unsorted) { m_unsorted = unsorted; }
     bool IsUnsorted() const { return m_unsorted; }
+    void Swap(TMap& other) noexcept
+    {
+        m_pairs.Swap(other.m_pairs);
+        bool unsorted = m_unsorted;
+        m_unsorted = other.m_unsorted;
+        other.m_unsorted = unsorted;
+    }
 
     // Index of a pair with this key, or kNotFound. With a run of equal keys
     // any one of them may be found.

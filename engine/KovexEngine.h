@@ -54,3 +54,5 @@
 #include "serialization/BinSerializer.h"
 #include "serialization/Serializer.h"
 #include "serialization/XmlSerializer.h"
+#include "resources/Resource.h"
+#include "resources/ResourceCache.h"

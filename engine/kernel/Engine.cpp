@@ -22,6 +22,7 @@
 #include "math/Quaternion.h"
 #include "math/Transform.h"
 #include "reflection/ObjectManager.h"
+#include "resources/Resource.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
 
@@ -130,6 +131,9 @@ void Kovex_System_Initialize()
     Serializer::StaticGetClass();
     BinSerializer::StaticGetClass();
     XmlSerializer::StaticGetClass();
+    Resource::StaticGetClass();
+    DefaultResourceFactory::Init();
+    ResourceManager::Ins()->InitFactories();
     g_kovexTimer.Start();
     s_systemInited = true;
 }
@@ -200,8 +204,7 @@ void Kovex_Main_Initialize()
 {
     if (s_mainInited)
     {
-        // ResourceManager: OnInitialized on each factory not yet initialised,
-        // walked from the last to the first.
+        ResourceManager::Ins()->InitFactories();
         Kovex_System_Initialize();
         Kovex_Renderer_Initialize();
         return;
@@ -224,7 +227,7 @@ void Kovex_Main_Terminate()
     // 1. g_ptrRenderer->Cleanup()
     // 2. ScriptEnvironment::Destroy()
     // 3. delete the SinglePassLightingFWBuilder singleton
-    // 4. ResourceManager::Ins()->TermFactories()
+    ResourceManager::Ins()->TermFactories();
     // 5. stop and delete the ResourceThread singleton (OnTerm first)
     // 6. FontFace::Destroy()
     g_kovexRootPath.Clear();
@@ -233,7 +236,8 @@ void Kovex_Main_Terminate()
 
 void Kovex_Main_Cleanup()
 {
-    // delete the ResourceManager singleton; KeyFrame::StaticDestroy();
+    ResourceManager::Destroy();
+    // KeyFrame::StaticDestroy();
 }
 
 bool Kovex_Main_IsInited() { return s_mainInited; }

@@ -31,6 +31,16 @@ public:
             delete this;
     }
     int32 GetRefCount() const { return m_refCount.load(std::memory_order_relaxed); }
+    // Takes a reference only while another still exists: how a weak table
+    // (a cache of raw pointers) hands out an object that may be dying.
+    bool TryAddRef() const
+    {
+        int32 count = m_refCount.load(std::memory_order_relaxed);
+        while (count > 0)
+            if (m_refCount.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel))
+                return true;
+        return false;
+    }
 
 private:
     mutable std::atomic<int32> m_refCount{0};

@@ -1,0 +1,505 @@
+#include "resources/Resource.h"
+
+#include "io/FileStream.h"
+#include "io/StreamManager.h"
+#include "kernel/Engine.h"
+#include "kernel/Log.h"
+#include "reflection/FunctionRegistration.h"
+#include "resources/ResourceCache.h"
+#include "serialization/Serializer.h"
+
+namespace KovexEngine {
+
+namespace {
+ResourceManager* s_resourceManager = nullptr;
+}
+
+// --- Resource -------------------------------------------------------------------------------------
+
+KOVEX_REGISTER_CLASS_EX(Resource, u"Engine")
+
+void Resource::StaticConstructor(Class* cls)
+{
+    RegisterBases<Resource, NamedObject>(cls);
+    AddFunction(cls, u"GetResPath", &Resource::GetResPath);
+    AddFunction(cls, u"GetPath", &Resource::GetPath);
+    AddFunction(cls, u"SetPath", &Resource::SetPath, {u"path"});
+    AddFunction(cls, u"IsCached", &Resource::IsCached);
+    AddFunction(cls, u"IsReference", &Resource::IsReference);
+    AddFunction(cls, u"GetFileExt", &Resource::GetFileExt);
+    AddFunction(cls, u"GetOriginRes", &Resource::GetOriginRes);
+    AddFunction(cls, u"SetOriginRes", &Resource::SetOriginRes, {u"resource"});
+    AddFunction(cls, u"LoadFromPath", &Resource::LoadFromPath, {u"path", u"flags"});
+    cls->ProcessClass();
+}
+
+Resource::~Resource()
+{
+    if (m_factory)
+        m_factory->RemoveCached(this);
+}
+
+WString Resource::GetResPath() const
+{
+    if (!m_path.IsEmpty())
+        return m_path;
+    return m_origin ? m_origin->GetPath() : WString();
+}
+
+void Resource::SetPath(const WString& path)
+{
+    ResourceFactory* factory = m_factory;
+    if (factory)
+        factory->RemoveCached(this);
+    m_path = path;
+    if (!m_path.IsEmpty())
+        StreamManager::Ins()->MakeAbsolutePath(m_path, nullptr);
+    if (factory)
+        factory->AddCached(this, factory->GetResourceDateTime(m_path));
+}
+
+WString Resource::GetFileExt() const { return m_factory ? m_factory->GetExtension() : WString(); }
+
+Ptr<Resource> Resource::LoadFromPath(const WString& path, unsigned int flags)
+{
+    return ResourceManager::Ins()->Load(path, flags);
+}
+
+bool Resource::IsClonable() const { return m_path.IsEmpty() || !m_factory || m_factory->GetMode() != RESOURCE_CACHED; }
+
+bool Resource::Duplicate(Object* destination, unsigned int flags) const
+{
+    auto* target = DynamicCast<Resource>(destination);
+    if (!target || !CopyProperties(destination, flags))
+        return false;
+    target->m_origin = m_origin;
+    if (flags & ResourceLoadFlags::CLONE_KEEPS_PATH)
+        target->m_path = m_path;
+    return true;
+}
+
+bool Resource::SupportSerializeDiff(const Object* other) const
+{
+    return other && other->GetClass() == GetClass() &&
+           (!m_factory || m_factory->GetMode() != RESOURCE_CACHED || m_path.IsEmpty());
+}
+
+// --- ResourceFactory ---------------------------------------------------------------------------------
+
+namespace {
+
+bool CopyResource(Resource* stored, Resource* value) { return value->Duplicate(stored, 0); }
+
+// Takes a reference to a cached resource unless it is already being destroyed.
+Ptr<Resource> Hold(Resource* resource)
+{
+    if (!resource || !resource->TryAddRef())
+        return Ptr<Resource>();
+    Ptr<Resource> held(resource);
+    resource->Release();
+    return held;
+}
+
+WString Absolute(const WString& path)
+{
+    WString absolute(path);
+    StreamManager::Ins()->MakeAbsolutePath(absolute, nullptr);
+    return absolute;
+}
+
+} // namespace
+
+ResourceFactory::ResourceFactory(const Class* cls, ResourceManagementMode mode, const WString& extension, int priority)
+    : ObjectFactory(cls), m_mode(mode), m_extension(extension), m_priority(priority)
+{
+}
+
+ResourceFactory::~ResourceFactory()
+{
+    if (IsInited())
+        ResourceFactory::OnTerminated();
+    if (s_resourceManager)
+        s_resourceManager->Unregister(this);
+}
+
+void ResourceFactory::OnInitialized()
+{
+    if (IsInited())
+        return;
+    ObjectFactory::OnInitialized();
+    if (m_mode == RESOURCE_NOT_MANAGED)
+        return;
+    MutexLock lock(m_lock);
+    if (Kovex_GetCacheStrategy() == KOVEX_CACHE_TIME_MASKED)
+        m_cache = new TimeMaskedCacheInterface<WString, Resource*>();
+    else
+        m_cache = new DefaultCacheInterface<WString, Resource*>();
+    m_cache->SetCopyFunction(&CopyResource);
+}
+
+// Resources still cached at termination belong to their holders: they are
+// detached from the factory rather than deleted under them.
+void ResourceFactory::OnTerminated()
+{
+    ObjectFactory::OnTerminated();
+    MutexLock lock(m_lock);
+    if (!m_cache)
+        return;
+    m_cache->Clear(
+        [](Resource* resource, void* factory) {
+            static_cast<ResourceFactory*>(factory)->OnDeleteResource(resource);
+            resource->m_factory = nullptr;
+        },
+        this);
+    delete m_cache;
+    m_cache = nullptr;
+}
+
+ResourceFactory::DateTime ResourceFactory::GetResourceDateTime(const WString& path)
+{
+    if (m_mode == RESOURCE_NOT_MANAGED || Kovex_GetCacheStrategy() != KOVEX_CACHE_TIME_MASKED)
+        return DateTime::Invalid;
+    return StreamManager::Ins()->GetFileDateTime(path);
+}
+
+void ResourceFactory::AddCached(Resource* resource, const DateTime& date)
+{
+    if (m_mode == RESOURCE_NOT_MANAGED || !resource)
+        return;
+    MutexLock lock(m_lock);
+    if (!m_cache)
+        return;
+    m_cache->Add(resource, resource->m_path, date);
+    resource->m_factory = this;
+}
+
+void ResourceFactory::RemoveCached(Resource* resource)
+{
+    if (m_mode == RESOURCE_NOT_MANAGED || !resource || resource->m_path.IsEmpty())
+        return;
+    MutexLock lock(m_lock);
+    if (m_cache)
+        m_cache->Remove(resource, resource->m_path);
+}
+
+Ptr<Resource> ResourceFactory::InternalFind(const WString& path, const DateTime& date)
+{
+    if (m_mode == RESOURCE_NOT_MANAGED)
+        return Ptr<Resource>();
+    MutexLock lock(m_lock);
+    return m_cache ? Hold(m_cache->Find(path, date)) : Ptr<Resource>();
+}
+
+Ptr<Resource> ResourceFactory::Find(const WString& path) { return InternalFind(Absolute(path), DateTime::Invalid); }
+
+Ptr<Resource> ResourceFactory::Load(const WString& path, unsigned int flags)
+{
+    if (path.GetFileExt() != m_extension)
+        return Ptr<Resource>();
+    WString absolute = Absolute(path);
+    DateTime date = GetResourceDateTime(absolute);
+    Ptr<Resource> resource = InternalFind(absolute, date);
+    if (!resource)
+    {
+        resource = InternalLoad(absolute, flags);
+        if (!resource)
+            return resource;
+        if (!g_IsNullRenderer || (flags & ResourceLoadFlags::GRAPHICS_WITH_NULL_RENDERER))
+            resource->LoadGraphicsObjects(nullptr);
+        AddCached(resource.Get(), date);
+    }
+    else if (m_mode == RESOURCE_CACHED)
+        return resource;
+    PostLoad(resource, flags);
+    return resource;
+}
+
+void ResourceFactory::PostLoad(Ptr<Resource>& resource, unsigned int flags)
+{
+    if (!resource)
+        return;
+    resource->PostLoad();
+    if (m_mode != RESOURCE_INSTANCED || (flags & ResourceLoadFlags::NO_CLONE))
+        return;
+    Ptr<Resource> clone = DynamicCast<Resource>(resource->Clone(flags));
+    if (!clone)
+    {
+        resource = nullptr;
+        return;
+    }
+    clone->SetOriginRes(resource);
+    if (flags & ResourceLoadFlags::CLONE_KEEPS_PATH)
+        clone->m_path = resource->m_path;
+    clone->PostLoad();
+    resource = clone;
+}
+
+Ptr<Resource> ResourceFactory::InternalLoad(const WString& path, unsigned int flags)
+{
+    Ptr<Resource> resource = InternalLoad(StreamManager::Ins()->OpenStream(path), flags);
+    if (resource)
+    {
+        resource->m_path = path;
+        Log::Format(LOG_INFO, u"Resource: %s loaded.\n", path());
+    }
+    return resource;
+}
+
+Ptr<Resource> ResourceFactory::InternalLoad(const Ptr<Stream>& stream, unsigned int flags)
+{
+    if (!stream)
+        return Ptr<Resource>();
+    Serializer* serializer = Serializer::OpenReadStream(stream);
+    if (!serializer)
+        return Ptr<Resource>();
+    Ptr<Resource> resource;
+    if (serializer->Enter(FourCCs::OBJ))
+    {
+        serializer->SetLoadFlags(flags);
+        WString className;
+        const Class* cls = serializer->Read(FourCCs::CLS, className) ? Class::GetClass(className) : nullptr;
+        // Only a class of this factory's kind may come out of its files.
+        if (cls && cls->IsKindOf(GetObjClass()))
+            if (void* created = cls->Create())
+            {
+                Ptr<Object> object(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())));
+                resource = DynamicCast<Resource>(object.Get());
+                if (resource && !resource->Load(serializer))
+                    resource = nullptr;
+            }
+        serializer->Leave();
+    }
+    serializer->ClearSerializedObj();
+    serializer->Close();
+    delete serializer;
+    return resource;
+}
+
+bool ResourceFactory::Save(const Resource* resource, const WString& path, const Ptr<SerializerState>& state)
+{
+    if (!resource || path.IsEmpty())
+        return false;
+    WString absolute = Absolute(path);
+    Ptr<Stream> stream(new FileStream(absolute));
+    stream->SetWriteOnly();
+    // Paths inside are made relative to where the file goes.
+    auto* target = const_cast<Resource*>(resource);
+    WString previous = target->m_path;
+    target->m_path = absolute;
+    bool saved = InternalSave(resource, stream, state);
+    target->m_path = previous;
+    if (saved)
+        Log::Format(LOG_INFO, u"Resource: %s saved.\n", absolute());
+    return saved;
+}
+
+bool ResourceFactory::InternalSave(const Resource* resource, const Ptr<Stream>& stream, const Ptr<SerializerState>& state)
+{
+    if (!resource || !stream)
+        return false;
+    Serializer* serializer = Serializer::OpenWriteStream(stream);
+    if (!serializer)
+        return false;
+    bool saved = false;
+    if (serializer->Enter(FourCCs::OBJ))
+    {
+        serializer->SetState(state ? state : Ptr<SerializerState>(new DefaultSerailizerState()));
+        saved = InternalSaveObject(resource, serializer, true);
+        serializer->Leave();
+    }
+    serializer->ClearSerializedObj();
+    serializer->Close();
+    delete serializer;
+    return saved;
+}
+
+bool ResourceFactory::InternalSaveObject(const Resource* resource, Serializer* serializer, bool writeClass)
+{
+    if (writeClass && !serializer->Write(FourCCs::CLS, resource->GetClass()->GetName()))
+        return false;
+    return resource->Save(serializer);
+}
+
+bool ResourceFactory::Replace(const WString& path, const Resource* resource)
+{
+    if (!resource || m_mode == RESOURCE_NOT_MANAGED || path.IsEmpty() || path.GetFileExt() != m_extension)
+        return false;
+    MutexLock lock(m_lock);
+    return m_cache && m_cache->Replace(Absolute(path), const_cast<Resource*>(resource));
+}
+
+// A resource referred to from another file is stored as its path when it
+// has one, and loaded through its factory; one without a path goes inline.
+bool ResourceFactory::SaveObject(const Object* object, Serializer* serializer, unsigned int flags)
+{
+    const auto* resource = DynamicCast<Resource>(object);
+    if (!resource)
+        return ObjectFactory::SaveObject(object, serializer, flags);
+    if (flags & 1)
+    {
+        bool hasPath = !resource->GetPath().IsEmpty();
+        if (!serializer->Write(FourCCs::HSPH, hasPath))
+            return false;
+        if (hasPath)
+        {
+            const Ptr<SerializerState>& state = serializer->GetState();
+            if (!state || state->needSerialize(resource))
+            {
+                if (!Save(resource, resource->GetPath(), state))
+                    return false;
+                if (state)
+                    state->markSerialized(resource);
+            }
+            WString path = resource->GetPath();
+            serializer->MakePath(path);
+            return serializer->Write(FourCCs::PATH, path);
+        }
+    }
+    return InternalSaveObject(resource, serializer, false);
+}
+
+Ptr<Object> ResourceFactory::LoadObject(const Class* cls, Object* outer, Serializer* serializer, unsigned int flags)
+{
+    bool hasPath = false;
+    if ((flags & 1) && serializer->Read(FourCCs::HSPH, hasPath) && hasPath)
+    {
+        WString path;
+        if (!serializer->Read(FourCCs::PATH, path) || path.IsEmpty())
+            return Ptr<Object>();
+        serializer->UnmakePath(path);
+        return Ptr<Object>(Load(path, serializer->GetLoadFlags()).Get());
+    }
+    return ObjectFactory::LoadObject(cls, outer, serializer, flags);
+}
+
+// --- DefaultResourceFactory ----------------------------------------------------------------------
+
+DefaultResourceFactory::DefaultResourceFactory()
+    : ResourceFactory(Resource::StaticGetClass(), RESOURCE_NOT_MANAGED, WString(u".res"), 100)
+{
+}
+
+void DefaultResourceFactory::Init()
+{
+    // Registered before, perhaps with a manager destroyed since: make sure
+    // the present manager knows it.
+    if (auto* existing = dynamic_cast<ResourceFactory*>(ObjectManager::Ins()->GetFactory(Resource::StaticGetClass(), false)))
+    {
+        if (!ResourceManager::Ins()->GetFactory(existing->GetExtension()))
+            ResourceManager::Ins()->Register(Resource::StaticGetClass(), existing);
+        return;
+    }
+    auto* factory = new DefaultResourceFactory();
+    if (ObjectManager::Ins()->Register(Resource::StaticGetClass(), factory))
+        ResourceManager::Ins()->Register(Resource::StaticGetClass(), factory);
+}
+
+// --- ResourceManager -----------------------------------------------------------------------------
+
+ResourceManager* ResourceManager::Ins()
+{
+    if (!s_resourceManager)
+        s_resourceManager = new ResourceManager();
+    return s_resourceManager;
+}
+
+void ResourceManager::Destroy()
+{
+    delete s_resourceManager;
+    s_resourceManager = nullptr;
+}
+
+bool ResourceManager::Register(const Class* cls, ResourceFactory* factory)
+{
+    if (!cls || !factory)
+        return false;
+    if (m_byExtension.Contains(factory->GetExtension()))
+    {
+        Log::Format(LOG_ERROR, u"[%s] factory has already registered !", factory->GetExtension()());
+        return false;
+    }
+    m_byExtension.Set(factory->GetExtension(), factory);
+    unsigned at = 0;
+    while (at < m_byPriority.Count() && m_byPriority[at]->GetPriority() <= factory->GetPriority())
+        ++at;
+    m_byPriority.Insert(at, factory);
+    return true;
+}
+
+void ResourceManager::Unregister(ResourceFactory* factory)
+{
+    ResourceFactory** registered = m_byExtension.FindValue(factory->GetExtension());
+    if (registered && *registered == factory)
+        m_byExtension.Remove(factory->GetExtension());
+    m_byPriority.Remove(factory);
+}
+
+void ResourceManager::InitFactories()
+{
+    for (unsigned i = m_byPriority.Count(); i-- > 0;)
+        if (!m_byPriority[i]->IsInited())
+            m_byPriority[i]->OnInitialized();
+}
+
+void ResourceManager::TermFactories()
+{
+    for (ResourceFactory* factory : m_byPriority)
+        if (factory->IsInited())
+            factory->OnTerminated();
+}
+
+ResourceFactory* ResourceManager::GetFactory(const Class* cls, bool searchBases) const
+{
+    if (!cls || !cls->IsKindOf(Resource::StaticGetClass()))
+        return nullptr;
+    return dynamic_cast<ResourceFactory*>(ObjectManager::Ins()->GetFactory(cls, searchBases));
+}
+
+ResourceFactory* ResourceManager::GetFactory(const WString& extension) const
+{
+    ResourceFactory* const* factory = m_byExtension.FindValue(extension);
+    return factory ? *factory : nullptr;
+}
+
+const Class* ResourceManager::GetClassByExtension(const WString& extension) const
+{
+    ResourceFactory* factory = GetFactory(extension);
+    return factory ? factory->GetObjClass() : nullptr;
+}
+
+WString ResourceManager::GetExtensionByClass(const Class* cls) const
+{
+    ResourceFactory* factory = GetFactory(cls, true);
+    return factory ? factory->GetExtension() : WString();
+}
+
+Ptr<Resource> ResourceManager::Load(const WString& path, unsigned int flags)
+{
+    ResourceFactory* factory = GetFactory(path.GetFileExt());
+    return factory ? factory->Load(path, flags) : Ptr<Resource>();
+}
+
+Ptr<Resource> ResourceManager::load(const Class* cls, const WString& path, unsigned int flags)
+{
+    ResourceFactory* factory = cls ? GetFactory(path.GetFileExt()) : nullptr;
+    return factory && factory->GetObjClass()->IsKindOf(cls) ? factory->Load(path, flags) : Ptr<Resource>();
+}
+
+bool ResourceManager::Save(const Resource* resource, const WString& path, const Ptr<SerializerState>& state)
+{
+    ResourceFactory* factory = resource ? GetFactory(resource->GetClass(), true) : nullptr;
+    return factory && factory->Save(resource, path, state);
+}
+
+bool ResourceManager::Save(const Resource* resource, const Ptr<SerializerState>& state)
+{
+    return resource && !resource->GetPath().IsEmpty() && Save(resource, resource->GetPath(), state);
+}
+
+bool ResourceManager::Replace(const WString& path, const Resource* resource)
+{
+    ResourceFactory* factory = GetFactory(path.GetFileExt());
+    return factory && factory->Replace(path, resource);
+}
+
+} // namespace KovexEngine

@@ -1,0 +1,207 @@
+#include <gtest/gtest.h>
+
+#include "io/StreamManager.h"
+#include "reflection/PropertyRegistration.h"
+#include "resources/Resource.h"
+#include "serialization/Serializer.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+using namespace KovexEngine;
+using KovexTest::TempDir;
+
+namespace KovexResourceTest {
+
+// A shared resource, and one whose loads are clones of a cached origin.
+class Swatch : public Resource
+{
+    KOVEX_CLASS(Swatch)
+public:
+    Vector4 colour;
+    int32 loads = 0; // PostLoad calls on this object
+    void PostLoad() override { ++loads; }
+};
+class Stamp : public Resource
+{
+    KOVEX_CLASS(Stamp)
+public:
+    int32 serial = 0;
+};
+// A resource that refers to another by property.
+class Palette : public Resource
+{
+    KOVEX_CLASS(Palette)
+public:
+    Ptr<Swatch> main;
+};
+
+KOVEX_REGISTER_CLASS_EX(Swatch, u"Tests")
+void Swatch::StaticConstructor(Class* cls)
+{
+    RegisterBases<Swatch, Resource>(cls);
+    AddField(cls, u"Colour", &Swatch::colour);
+    cls->ProcessClass();
+}
+KOVEX_REGISTER_CLASS_EX(Stamp, u"Tests")
+void Stamp::StaticConstructor(Class* cls)
+{
+    RegisterBases<Stamp, Resource>(cls);
+    AddField(cls, u"Serial", &Stamp::serial);
+    cls->ProcessClass();
+}
+KOVEX_REGISTER_CLASS_EX(Palette, u"Tests")
+void Palette::StaticConstructor(Class* cls)
+{
+    RegisterBases<Palette, Resource>(cls);
+    AddField(cls, u"Main", &Palette::main);
+    cls->ProcessClass();
+}
+
+template <typename T>
+ResourceFactory* MakeFactory(ResourceManagementMode mode, const char16_t* extension, int priority)
+{
+    if (auto* existing = ResourceManager::Ins()->GetFactory(WString(extension)))
+        return existing;
+    auto* factory = new ResourceFactory(T::StaticGetClass(), mode, WString(extension), priority);
+    EXPECT_TRUE(ObjectManager::Ins()->Register(T::StaticGetClass(), factory));
+    EXPECT_TRUE(ResourceManager::Ins()->Register(T::StaticGetClass(), factory));
+    factory->OnInitialized();
+    return factory;
+}
+
+class Resources : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        swatches = MakeFactory<Swatch>(RESOURCE_CACHED, u".swatch", 500);
+        stamps = MakeFactory<Stamp>(RESOURCE_INSTANCED, u".stamp", 510);
+        palettes = MakeFactory<Palette>(RESOURCE_NOT_MANAGED, u".palette", 520);
+    }
+    WString Path(const char* name) const { return dir.W(name); }
+    // A file holding a resource of these contents, in the given form.
+    WString SaveSwatch(const char* name, float red, bool xml)
+    {
+        Ptr<Swatch> swatch(new Swatch());
+        swatch->colour = Vector4(red, 0, 0, 1);
+        Serializer::SetDefaultSerializer(xml);
+        EXPECT_TRUE(ResourceManager::Ins()->Save(swatch.Get(), Path(name), Ptr<SerializerState>()));
+        Serializer::SetDefaultSerializer(false);
+        return Path(name);
+    }
+
+    TempDir dir;
+    ResourceFactory* swatches = nullptr;
+    ResourceFactory* stamps = nullptr;
+    ResourceFactory* palettes = nullptr;
+};
+
+} // namespace KovexResourceTest
+
+using namespace KovexResourceTest;
+
+TEST_F(Resources, OneSharedObjectPerPathInEitherForm)
+{
+    for (bool xml : {false, true})
+    {
+        WString path = SaveSwatch(xml ? "red.swatch.x.swatch" : "red.swatch", 0.5f, xml);
+        KovexTest::LogCapture log;
+        Ptr<Resource> first = Resource::LoadFromPath(path);
+        ASSERT_TRUE(first) << xml;
+        EXPECT_TRUE(log->Contains((u"Resource: " + path + u" loaded.\n")()));
+        auto* swatch = DynamicCast<Swatch>(first.Get());
+        ASSERT_NE(swatch, nullptr);
+        EXPECT_EQ(swatch->colour.x, 0.5f);
+        EXPECT_TRUE(first->IsCached());
+        EXPECT_TRUE(first->GetPath() == path);
+        EXPECT_TRUE(first->GetFileExt() == u".swatch");
+        EXPECT_EQ(swatch->loads, 1);
+
+        Ptr<Resource> second = ResourceManager::Ins()->Load(path, 0);
+        EXPECT_EQ(second.Get(), first.Get());
+        EXPECT_EQ(swatch->loads, 1) << "a cache hit of a shared resource is not post-loaded again";
+        EXPECT_EQ(swatches->Find(path).Get(), first.Get());
+
+        // When the last holder lets go, the cache forgets it.
+        first = nullptr;
+        second = nullptr;
+        EXPECT_FALSE(swatches->Find(path));
+    }
+}
+
+TEST_F(Resources, InstancedLoadsAreClonesOfACachedOrigin)
+{
+    Ptr<Stamp> stamp(new Stamp());
+    stamp->serial = 77;
+    ASSERT_TRUE(ResourceManager::Ins()->Save(stamp.Get(), Path("a.stamp"), Ptr<SerializerState>()));
+
+    Ptr<Resource> a = ResourceManager::Ins()->Load(Path("a.stamp"), 0);
+    Ptr<Resource> b = ResourceManager::Ins()->Load(Path("a.stamp"), 0);
+    ASSERT_TRUE(a && b);
+    EXPECT_NE(a.Get(), b.Get());
+    EXPECT_EQ(static_cast<Stamp*>(b.Get())->serial, 77);
+    ASSERT_TRUE(a->IsReference());
+    EXPECT_EQ(a->GetOriginRes().Get(), b->GetOriginRes().Get());
+    EXPECT_TRUE(a->GetPath().IsEmpty());
+    EXPECT_TRUE(a->GetResPath() == Path("a.stamp")) << "a clone answers with its origin's path";
+
+    Ptr<Resource> origin = ResourceManager::Ins()->Load(Path("a.stamp"), ResourceLoadFlags::NO_CLONE);
+    EXPECT_EQ(origin.Get(), a->GetOriginRes().Get());
+    Ptr<Resource> keeps = ResourceManager::Ins()->Load(Path("a.stamp"), ResourceLoadFlags::CLONE_KEEPS_PATH);
+    EXPECT_TRUE(keeps->GetPath() == Path("a.stamp"));
+}
+
+TEST_F(Resources, ReferencesAreStoredAsPathsAndLoadedThroughTheirFactory)
+{
+    WString swatchPath = SaveSwatch("blue.swatch", 0.25f, false);
+    Ptr<Resource> swatch = Resource::LoadFromPath(swatchPath);
+    ASSERT_TRUE(swatch);
+    Ptr<Palette> palette(new Palette());
+    palette->main = Ptr<Swatch>(static_cast<Swatch*>(swatch.Get()));
+    ASSERT_TRUE(ResourceManager::Ins()->Save(palette.Get(), Path("sub/p.palette"), Ptr<SerializerState>()));
+
+    Ptr<Resource> loaded = Resource::LoadFromPath(Path("sub/p.palette"));
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(static_cast<Palette*>(loaded.Get())->main.Get(), swatch.Get()) << "the shared swatch, not a copy";
+    // Not managed: every load is a new object.
+    EXPECT_NE(Resource::LoadFromPath(Path("sub/p.palette")).Get(), loaded.Get());
+}
+
+TEST_F(Resources, ReplaceGivesEveryHolderTheNewContents)
+{
+    WString path = SaveSwatch("green.swatch", 0.1f, false);
+    Ptr<Resource> held = Resource::LoadFromPath(path);
+    ASSERT_TRUE(held);
+    Ptr<Swatch> edited(new Swatch());
+    edited->colour = Vector4(0, 1, 0, 1);
+    EXPECT_TRUE(ResourceManager::Ins()->Replace(path, edited.Get()));
+    EXPECT_EQ(static_cast<Swatch*>(held.Get())->colour.y, 1.f);
+    EXPECT_FALSE(ResourceManager::Ins()->Replace(Path("green.stamp"), edited.Get()));
+}
+
+TEST_F(Resources, FailuresGiveNullAndCacheNothing)
+{
+    WString path = SaveSwatch("x.swatch", 1, false);
+    EXPECT_FALSE(ResourceManager::Ins()->Load(Path("x.unknown"), 0));
+    EXPECT_FALSE(swatches->Load(Path("x.stamp"), 0)) << "another extension";
+    EXPECT_FALSE(Resource::LoadFromPath(Path("missing.swatch")));
+    EXPECT_FALSE(ResourceManager::Ins()->load(Stamp::StaticGetClass(), path, 0)) << "the factory is not of that class";
+    // A file of another class under this extension.
+    Ptr<Stamp> stamp(new Stamp());
+    ASSERT_TRUE(ResourceManager::Ins()->Save(stamp.Get(), Path("wrong.stamp"), Ptr<SerializerState>()));
+    ASSERT_EQ(std::rename((dir.path + "/wrong.stamp").c_str(), (dir.path + "/wrong.swatch").c_str()), 0);
+    EXPECT_FALSE(Resource::LoadFromPath(Path("wrong.swatch")));
+    EXPECT_FALSE(swatches->Find(Path("wrong.swatch")));
+    dir.Write("bad.swatch", "<BIN />\n garbage");
+    EXPECT_FALSE(Resource::LoadFromPath(Path("bad.swatch")));
+    EXPECT_FALSE(ResourceManager::Ins()->Save(nullptr, path, Ptr<SerializerState>()));
+    Ptr<Swatch> pathless(new Swatch());
+    EXPECT_FALSE(ResourceManager::Ins()->Save(pathless.Get(), Ptr<SerializerState>()));
+
+    KovexTest::LogCapture log;
+    auto* duplicate = new ResourceFactory(Swatch::StaticGetClass(), RESOURCE_CACHED, WString(u".swatch"), 1);
+    EXPECT_FALSE(ResourceManager::Ins()->Register(Swatch::StaticGetClass(), duplicate));
+    EXPECT_TRUE(log->Contains(u"[.swatch] factory has already registered !"));
+    delete duplicate;
+    EXPECT_EQ(ResourceManager::Ins()->GetFactory(WString(u".swatch")), swatches) << "the registered one stays";
+}

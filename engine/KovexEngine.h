@@ -56,3 +56,4 @@
 #include "serialization/XmlSerializer.h"
 #include "resources/Resource.h"
 #include "resources/ResourceCache.h"
+#include "resources/ResourceThread.h"

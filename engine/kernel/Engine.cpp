@@ -23,6 +23,7 @@
 #include "math/Transform.h"
 #include "reflection/ObjectManager.h"
 #include "resources/Resource.h"
+#include "resources/ResourceThread.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
 
@@ -134,6 +135,7 @@ void Kovex_System_Initialize()
     Resource::StaticGetClass();
     DefaultResourceFactory::Init();
     ResourceManager::Ins()->InitFactories();
+    ResourceThread::Ins()->Init();
     g_kovexTimer.Start();
     s_systemInited = true;
 }
@@ -142,6 +144,7 @@ void Kovex_System_Terminate()
 {
     if (!s_systemInited)
         return;
+    ResourceThread::Destroy(); // loads in flight finish or are dropped before factories go
     ObjectManager::Ins()->TermFactories();
     StreamManager::Destroy();
     SharedStringPool::PerformGarbageCollection();
@@ -228,7 +231,7 @@ void Kovex_Main_Terminate()
     // 2. ScriptEnvironment::Destroy()
     // 3. delete the SinglePassLightingFWBuilder singleton
     ResourceManager::Ins()->TermFactories();
-    // 5. stop and delete the ResourceThread singleton (OnTerm first)
+    ResourceThread::Destroy();
     // 6. FontFace::Destroy()
     g_kovexRootPath.Clear();
     s_mainInited = false;
@@ -308,7 +311,8 @@ void Kovex_FrameBegin()
     // 4. GraphicsThread::BeginRender: count a frame to render if started;
     //    ProcessATCommandList; ProcessMTCommandList inline if not started.
     g_GraphicsCommandCounter = 0;
-    // 5. ResourceThread::Ins()->ProcessATCommandList()
+    if (ResourceThread::Exists())
+        ResourceThread::Ins()->ProcessATCommandList();
     // 6. g_ptrRenderer->Tick(delta, elapsed)
 }
 

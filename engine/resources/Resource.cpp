@@ -65,6 +65,12 @@ Ptr<Resource> Resource::LoadFromPath(const WString& path, unsigned int flags)
     return ResourceManager::Ins()->Load(path, flags);
 }
 
+void Resource::AsyncLoadFromPath(const WString& path, const ResourceSucceedDelegate& succeed,
+                                 const ResourceFailedDelegate& failed, unsigned int flags)
+{
+    ResourceManager::Ins()->AsyncLoad(path, succeed, failed, flags);
+}
+
 bool Resource::IsClonable() const { return m_path.IsEmpty() || !m_factory || m_factory->GetMode() != RESOURCE_CACHED; }
 
 bool Resource::Duplicate(Object* destination, unsigned int flags) const
@@ -212,6 +218,35 @@ Ptr<Resource> ResourceFactory::Load(const WString& path, unsigned int flags)
         return resource;
     PostLoad(resource, flags);
     return resource;
+}
+
+void ResourceFactory::AsyncLoad(const WString& path, const ResourceSucceedDelegate& succeed,
+                                const ResourceFailedDelegate& failed, unsigned int flags)
+{
+    if (path.GetFileExt() != m_extension)
+    {
+        ResourceThread::ProcessFailed(path, failed);
+        return;
+    }
+    WString absolute = Absolute(path);
+    DateTime date = GetResourceDateTime(absolute);
+    if (m_mode != RESOURCE_NOT_MANAGED)
+        if (Ptr<Resource> cached = InternalFind(absolute, date))
+        {
+            PostLoad(cached, flags);
+            ResourceThread::ProcessSucceed(cached, succeed);
+            return;
+        }
+    if (!g_kovexAsyncLoading || !ResourceThread::Exists())
+    {
+        Ptr<Resource> loaded = Load(absolute, flags);
+        if (loaded)
+            ResourceThread::ProcessSucceed(loaded, succeed);
+        else
+            ResourceThread::ProcessFailed(absolute, failed);
+        return;
+    }
+    ResourceThread::Ins()->MT_PostCommand(new ResourceThread::LoadingCommand(this, absolute, date, flags, succeed, failed));
 }
 
 void ResourceFactory::PostLoad(Ptr<Resource>& resource, unsigned int flags)
@@ -483,6 +518,15 @@ Ptr<Resource> ResourceManager::load(const Class* cls, const WString& path, unsig
 {
     ResourceFactory* factory = cls ? GetFactory(path.GetFileExt()) : nullptr;
     return factory && factory->GetObjClass()->IsKindOf(cls) ? factory->Load(path, flags) : Ptr<Resource>();
+}
+
+void ResourceManager::AsyncLoad(const WString& path, const ResourceSucceedDelegate& succeed,
+                                const ResourceFailedDelegate& failed, unsigned int flags)
+{
+    if (ResourceFactory* factory = GetFactory(path.GetFileExt()))
+        factory->AsyncLoad(path, succeed, failed, flags);
+    else
+        ResourceThread::ProcessFailed(path, failed);
 }
 
 bool ResourceManager::Save(const Resource* resource, const WString& path, const Ptr<SerializerState>& state)

@@ -3,6 +3,7 @@
 #include "io/Stream.h"
 #include "kernel/Thread.h"
 #include "reflection/ObjectManager.h"
+#include "resources/ResourceThread.h"
 
 namespace KovexEngine {
 
@@ -48,6 +49,8 @@ public:
     ResourceFactory* GetFactory() const { return m_factory; }
 
     static Ptr<Resource> LoadFromPath(const WString& path, unsigned int flags = 0);
+    static void AsyncLoadFromPath(const WString& path, const ResourceSucceedDelegate& succeed,
+                                  const ResourceFailedDelegate& failed, unsigned int flags = 0);
 
     bool IsClonable() const override;
     bool Duplicate(Object* destination, unsigned int flags) const override;
@@ -81,6 +84,10 @@ public:
     bool SaveObject(const Object* object, Serializer* serializer, unsigned int flags) override;
 
     Ptr<Resource> Load(const WString& path, unsigned int flags);
+    // Loads on the resource thread; the delegates run on the main thread,
+    // or at once when the resource is cached or asynchronous loading is off.
+    void AsyncLoad(const WString& path, const ResourceSucceedDelegate& succeed, const ResourceFailedDelegate& failed,
+                   unsigned int flags);
     bool Save(const Resource* resource, const WString& path, const Ptr<SerializerState>& state);
     Ptr<Resource> Find(const WString& path);
     // The cached object of that path takes the contents of `resource`.
@@ -106,6 +113,8 @@ protected:
     bool InternalSaveObject(const Resource* resource, Serializer* serializer, bool writeClass);
 
 private:
+    friend class ResourceThread;
+
     ResourceManagementMode m_mode;
     WString m_extension;
     int m_priority;
@@ -146,6 +155,9 @@ public:
     Ptr<Resource> Load(const WString& path, unsigned int flags);
     // As Load, when the factory's class is `cls` or derives from it.
     Ptr<Resource> load(const Class* cls, const WString& path, unsigned int flags);
+    // A path no factory takes is failed at once.
+    void AsyncLoad(const WString& path, const ResourceSucceedDelegate& succeed, const ResourceFailedDelegate& failed,
+                   unsigned int flags);
     bool Save(const Resource* resource, const WString& path, const Ptr<SerializerState>& state);
     // At the resource's own path; false when it has none.
     bool Save(const Resource* resource, const Ptr<SerializerState>& state);

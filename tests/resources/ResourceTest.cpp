@@ -1,8 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
 #include "io/StreamManager.h"
 #include "reflection/PropertyRegistration.h"
 #include "resources/Resource.h"
+#include "resources/ResourceThread.h"
+#include "kernel/Engine.h"
 #include "serialization/Serializer.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -204,4 +211,124 @@ TEST_F(Resources, FailuresGiveNullAndCacheNothing)
     EXPECT_TRUE(log->Contains(u"[.swatch] factory has already registered !"));
     delete duplicate;
     EXPECT_EQ(ResourceManager::Ins()->GetFactory(WString(u".swatch")), swatches) << "the registered one stays";
+}
+
+namespace KovexResourceTest {
+
+// What the delegates of background loads have received.
+struct Delivered
+{
+    std::vector<Ptr<Resource>> succeeded;
+    std::vector<WString> failed;
+};
+Delivered g_delivered;
+void OnLoaded(const Ptr<Resource>& resource) { g_delivered.succeeded.push_back(resource); }
+void OnFailed(const WString& path) { g_delivered.failed.push_back(path); }
+
+// Holds the resource thread until opened, so that what is posted meanwhile
+// is certainly still queued.
+class Gate : public ThreadCommand
+{
+public:
+    std::atomic<bool> open{false};
+    void Process() override
+    {
+        while (!open.load())
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+};
+
+const ResourceSucceedDelegate kSucceed(&OnLoaded);
+const ResourceFailedDelegate kFailed(&OnFailed);
+
+class BackgroundLoads : public Resources
+{
+protected:
+    void SetUp() override
+    {
+        Resources::SetUp();
+        g_delivered = Delivered();
+        ASSERT_TRUE(ResourceThread::Ins()->Init());
+    }
+    void TearDown() override
+    {
+        ResourceThread::Destroy();
+        g_delivered = Delivered();
+    }
+    // Runs frames' AT lists until `count` results came back, or gives up.
+    bool Pump(size_t count)
+    {
+        for (int i = 0; i < 5000; ++i)
+        {
+            ResourceThread::Ins()->ProcessATCommandList();
+            if (g_delivered.succeeded.size() + g_delivered.failed.size() >= count)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return false;
+    }
+};
+
+} // namespace KovexResourceTest
+
+TEST_F(BackgroundLoads, ResultsArriveOnTheMainThreadAtAFrameStart)
+{
+    WString path = SaveSwatch("async.swatch", 0.75f, false);
+    Ptr<Gate> gate(new Gate());
+    ASSERT_TRUE(ResourceThread::Ins()->MT_PostCommand(gate.Get()));
+    Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+    Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+    gate->open = true;
+    EXPECT_TRUE(g_delivered.succeeded.empty()) << "nothing is delivered before a frame runs the AT list";
+    ASSERT_TRUE(Pump(2));
+    ASSERT_EQ(g_delivered.succeeded.size(), 2u);
+    EXPECT_EQ(static_cast<Swatch*>(g_delivered.succeeded[0].Get())->colour.x, 0.75f);
+    // Two loads of an uncached path make two objects; look-ups find the later.
+    EXPECT_NE(g_delivered.succeeded[0].Get(), g_delivered.succeeded[1].Get());
+    EXPECT_EQ(swatches->Find(path).Get(), g_delivered.succeeded[1].Get());
+
+    // Now cached: delivered before AsyncLoad returns.
+    Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+    EXPECT_EQ(g_delivered.succeeded.size(), 3u);
+    EXPECT_EQ(g_delivered.succeeded[2].Get(), g_delivered.succeeded[1].Get());
+}
+
+TEST_F(BackgroundLoads, FailuresReachTheFailedDelegate)
+{
+    // Another extension fails at once with the path as given, and posts nothing.
+    ResourceManager::Ins()->GetFactory(WString(u".swatch"))->AsyncLoad(WString(u"x.stamp"), kSucceed, kFailed, 0);
+    ASSERT_EQ(g_delivered.failed.size(), 1u);
+    EXPECT_TRUE(g_delivered.failed[0] == u"x.stamp");
+    EXPECT_EQ(ResourceThread::Ins()->MT_GetCommandCount(), 0u);
+    // A missing file fails on the thread route with the absolute path.
+    Resource::AsyncLoadFromPath(Path("missing.swatch"), kSucceed, kFailed);
+    ASSERT_TRUE(Pump(2));
+    EXPECT_TRUE(g_delivered.failed[1] == Path("missing.swatch"));
+    KovexTest::LogCapture log;
+    Resource::AsyncLoadFromPath(Path("missing.nothing"), ResourceSucceedDelegate(), ResourceFailedDelegate());
+    EXPECT_TRUE(log->Contains((u"Warning: Async load resource [" + Path("missing.nothing") + u"] failed.\n")()));
+}
+
+TEST_F(BackgroundLoads, WithAsynchronousLoadingOffTheLoadHappensInTheCall)
+{
+    WString path = SaveSwatch("sync.swatch", 0.5f, false);
+    g_kovexAsyncLoading = false;
+    Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+    g_kovexAsyncLoading = true;
+    ASSERT_EQ(g_delivered.succeeded.size(), 1u);
+    EXPECT_EQ(static_cast<Swatch*>(g_delivered.succeeded[0].Get())->colour.x, 0.5f);
+}
+
+TEST_F(BackgroundLoads, StoppingWithLoadsInFlightLosesNothingAndLeaksNothing)
+{
+    WString path = SaveSwatch("many.swatch", 0.5f, false);
+    Ptr<Gate> gate(new Gate());
+    ASSERT_TRUE(ResourceThread::Ins()->MT_PostCommand(gate.Get()));
+    for (int i = 0; i < 200; ++i)
+        Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+    gate->open = true;
+    ResourceThread::Destroy(); // the command under way finishes; the queued ones are dropped
+    EXPECT_FALSE(ResourceThread::Exists());
+    EXPECT_TRUE(g_delivered.succeeded.empty()) << "no delegate runs after the thread is gone";
+    ASSERT_TRUE(ResourceThread::Ins()->Init()); // for TearDown
 }

@@ -1,8 +1,12 @@
-// The engine's demo: brings the engine up, finds its data root, runs frames
-// on the null path and reports what the frame clock measured.
+// The engine's demo: brings the engine up, finds its data root, loads assets
+// from it in the calling thread and in the background, saves one in both
+// serializer forms, runs frames on the null path and reports what the frame
+// clock measured.
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <string>
 
 #include "KovexEngine.h"
 
@@ -17,6 +21,65 @@ void ShutDown()
     Kovex_Main_Cleanup();
     Kovex_Renderer_Cleanup();
     Kovex_System_Cleanup();
+}
+
+std::string Utf8(const WString& text) { return StringConvFuncs::ToAString(text()).c_str(); }
+
+Ptr<Resource> g_background;
+bool g_backgroundDone = false;
+void BackgroundLoaded(const Ptr<Resource>& resource)
+{
+    g_background = resource;
+    g_backgroundDone = true;
+}
+void BackgroundFailed(const WString& path)
+{
+    std::printf("Background load of %s failed.\n", Utf8(path).c_str());
+    g_backgroundDone = true;
+}
+
+// Loads the sample assets, one here and one on the resource thread, and
+// saves the first in both forms to a temporary directory. False when an
+// asset is missing or does not come back.
+bool ShowResources()
+{
+    Ptr<Resource> greeting = Resource::LoadFromPath(WString(u"Samples/greeting.res"));
+    if (!greeting)
+        return false;
+    std::printf("Loaded: \"%s\" from %s\n", Utf8(greeting->GetName()).c_str(), Utf8(greeting->GetPath()).c_str());
+
+    Resource::AsyncLoadFromPath(WString(u"Samples/banner.res"), ResourceSucceedDelegate(&BackgroundLoaded),
+                                ResourceFailedDelegate(&BackgroundFailed));
+    unsigned frames = 0;
+    for (; !g_backgroundDone && frames < 100000; ++frames)
+    {
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+    }
+    if (!g_background)
+        return false;
+    std::printf("Loaded in the background: \"%s\" (delivered after %u frames)\n", Utf8(g_background->GetName()).c_str(),
+                frames);
+    g_background = nullptr;
+
+    char pattern[] = "/tmp/kovex-demo-XXXXXX";
+    if (!mkdtemp(pattern))
+        return false;
+    bool saved = true;
+    for (bool xml : {false, true})
+    {
+        std::string file = std::string(pattern) + (xml ? "/greeting-copy.res" : "/greeting-copy-bin.res");
+        Serializer::SetDefaultSerializer(xml);
+        WString path = StringConvFuncs::ToWString(file.c_str());
+        saved = saved && ResourceManager::Ins()->Save(greeting.Get(), path, Ptr<SerializerState>());
+        Ptr<Resource> back = Resource::LoadFromPath(path);
+        saved = saved && back && back->GetName() == greeting->GetName();
+        std::printf("Saved and reloaded as %s: %ju bytes\n", xml ? "XML" : "binary",
+                    std::uintmax_t(std::filesystem::file_size(file)));
+    }
+    Serializer::SetDefaultSerializer(false);
+    std::filesystem::remove_all(pattern);
+    return saved;
 }
 } // namespace
 
@@ -44,6 +107,12 @@ int main(int argc, char** argv)
         return 1;
     }
     std::printf("Data root: %s\n", StringConvFuncs::ToAString(g_kovexRootPath()).c_str());
+    if (!ShowResources())
+    {
+        std::fprintf(stderr, "The sample assets under Data/Samples could not be loaded and saved.\n");
+        ShutDown();
+        return 1;
+    }
 
     double shortest = 1e30, longest = 0;
     for (unsigned i = 0; i < frames; ++i)
@@ -61,7 +130,7 @@ int main(int argc, char** argv)
     AString report;
     report.Format("Frames: %I64u in %.3f ms (%.3f us a frame; shortest %.3f us, longest %.3f us)\n",
                   (unsigned long long)g_FrameIndex, g_kovexTimer.GetElapsedTime() * 1e3,
-                  g_kovexTimer.GetElapsedTime() * 1e6 / double(frames), shortest * 1e6, longest * 1e6);
+                  g_kovexTimer.GetElapsedTime() * 1e6 / double(g_FrameIndex ? g_FrameIndex : 1), shortest * 1e6, longest * 1e6);
     std::fputs(report(), stdout);
 
     ShutDown();

@@ -136,7 +136,8 @@ void ResourceFactory::OnInitialized()
     if (m_mode == RESOURCE_NOT_MANAGED)
         return;
     MutexLock lock(m_lock);
-    if (Kovex_GetCacheStrategy() == KOVEX_CACHE_TIME_MASKED)
+    m_timeMasked = Kovex_GetCacheStrategy() == KOVEX_CACHE_TIME_MASKED;
+    if (m_timeMasked)
         m_cache = new TimeMaskedCacheInterface<WString, Resource*>();
     else
         m_cache = new DefaultCacheInterface<WString, Resource*>();
@@ -163,7 +164,8 @@ void ResourceFactory::OnTerminated()
 
 ResourceFactory::DateTime ResourceFactory::GetResourceDateTime(const WString& path)
 {
-    if (m_mode == RESOURCE_NOT_MANAGED || Kovex_GetCacheStrategy() != KOVEX_CACHE_TIME_MASKED)
+    // The strategy the cache was made for, which cannot change under it.
+    if (m_mode == RESOURCE_NOT_MANAGED || !m_timeMasked)
         return DateTime::Invalid;
     return StreamManager::Ins()->GetFileDateTime(path);
 }
@@ -269,9 +271,22 @@ void ResourceFactory::PostLoad(Ptr<Resource>& resource, unsigned int flags)
     resource = clone;
 }
 
+namespace {
+// The paths this thread is loading, innermost last: a file that refers back
+// to one of them would otherwise be loaded without end.
+thread_local TArray<WString> t_loading;
+} // namespace
+
 Ptr<Resource> ResourceFactory::InternalLoad(const WString& path, unsigned int flags)
 {
+    if (t_loading.Find(path) != kNotFound)
+    {
+        Log::Format(LOG_ERROR, u"Resource: %s refers to itself.\n", path());
+        return Ptr<Resource>();
+    }
+    t_loading.Add(path);
     Ptr<Resource> resource = InternalLoad(StreamManager::Ins()->OpenStream(path), flags);
+    t_loading.Pop();
     if (resource)
     {
         resource->m_path = path;
@@ -339,6 +354,7 @@ bool ResourceFactory::InternalSave(const Resource* resource, const Ptr<Stream>& 
     if (serializer->Enter(FourCCs::OBJ))
     {
         serializer->SetState(state ? state : Ptr<SerializerState>(new DefaultSerailizerState()));
+        serializer->GetState()->markSerialized(resource);
         saved = InternalSaveObject(resource, serializer, true);
         serializer->Leave();
     }
@@ -380,10 +396,12 @@ bool ResourceFactory::SaveObject(const Object* object, Serializer* serializer, u
             const Ptr<SerializerState>& state = serializer->GetState();
             if (!state || state->needSerialize(resource))
             {
-                if (!Save(resource, resource->GetPath(), state))
-                    return false;
+                // Marked first, so that a reference back to it (a cycle)
+                // writes only its path.
                 if (state)
                     state->markSerialized(resource);
+                if (!Save(resource, resource->GetPath(), state))
+                    return false;
             }
             WString path = resource->GetPath();
             serializer->MakePath(path);

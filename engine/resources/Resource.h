@@ -120,6 +120,7 @@ private:
     int m_priority;
     Mutex m_lock;
     CacheInterface<WString, Resource*>* m_cache = nullptr;
+    bool m_timeMasked = false;
 };
 
 // The factory of plain resources (".res").

@@ -77,8 +77,13 @@ SerializerState::~SerializerState() = default;
 bool SerializerState::allowSaveAsRef(const Object*) { return true; }
 bool SerializerState::needSerialize(const Object*) { return true; }
 void SerializerState::markSerialized(const Object*) {}
-// Only cached resources are written once per run; resources come later.
-bool SerializerState::canCacheObject(const Object*) { return false; }
+// Resources (objects with files of their own) are written once per run. The
+// class is found by name: resources are a layer above this one.
+bool SerializerState::canCacheObject(const Object* object)
+{
+    const Class* resource = Class::GetClass(WString(u"Resource"));
+    return object && resource && object->GetClass()->IsKindOf(resource);
+}
 
 bool DefaultSerailizerState::needSerialize(const Object* object)
 {

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -41,6 +43,22 @@ class Palette : public Resource
 public:
     Ptr<Swatch> main;
 };
+
+// A resource that may refer to any resource, itself included.
+class Link : public Resource
+{
+    KOVEX_CLASS(Link)
+public:
+    Ptr<Resource> next;
+};
+
+KOVEX_REGISTER_CLASS_EX(Link, u"Tests")
+void Link::StaticConstructor(Class* cls)
+{
+    RegisterBases<Link, Resource>(cls);
+    AddField(cls, u"Next", &Link::next);
+    cls->ProcessClass();
+}
 
 KOVEX_REGISTER_CLASS_EX(Swatch, u"Tests")
 void Swatch::StaticConstructor(Class* cls)
@@ -84,6 +102,7 @@ protected:
         swatches = MakeFactory<Swatch>(RESOURCE_CACHED, u".swatch", 500);
         stamps = MakeFactory<Stamp>(RESOURCE_INSTANCED, u".stamp", 510);
         palettes = MakeFactory<Palette>(RESOURCE_NOT_MANAGED, u".palette", 520);
+        links = MakeFactory<Link>(RESOURCE_CACHED, u".link", 530);
     }
     WString Path(const char* name) const { return dir.W(name); }
     // A file holding a resource of these contents, in the given form.
@@ -101,6 +120,7 @@ protected:
     ResourceFactory* swatches = nullptr;
     ResourceFactory* stamps = nullptr;
     ResourceFactory* palettes = nullptr;
+    ResourceFactory* links = nullptr;
 };
 
 } // namespace KovexResourceTest
@@ -172,6 +192,68 @@ TEST_F(Resources, ReferencesAreStoredAsPathsAndLoadedThroughTheirFactory)
     EXPECT_EQ(static_cast<Palette*>(loaded.Get())->main.Get(), swatch.Get()) << "the shared swatch, not a copy";
     // Not managed: every load is a new object.
     EXPECT_NE(Resource::LoadFromPath(Path("sub/p.palette")).Get(), loaded.Get());
+}
+
+TEST_F(Resources, CyclesSaveOnceAndFailToLoadCleanly)
+{
+    // a -> b -> a: each file is written once, the reference back as a path.
+    Ptr<Link> a(new Link()), b(new Link());
+    a->next = Ptr<Resource>(b.Get());
+    b->next = Ptr<Resource>(a.Get());
+    b->SetPath(Path("b.link"));
+    ASSERT_TRUE(ResourceManager::Ins()->Save(a.Get(), Path("a.link"), Ptr<SerializerState>()));
+    b->next = nullptr; // free the cycle
+
+    KovexTest::LogCapture log;
+    EXPECT_FALSE(Resource::LoadFromPath(Path("a.link")));
+    EXPECT_TRUE(log->Contains((u"Resource: " + Path("a.link") + u" refers to itself.\n")()));
+    EXPECT_FALSE(links->Find(Path("a.link")));
+    EXPECT_FALSE(links->Find(Path("b.link"))) << "nothing half-loaded stays cached";
+
+    // A reference to a file that is not there fails the load, naming the property.
+    Ptr<Link> dangling(new Link());
+    Ptr<Link> gone(new Link());
+    gone->SetPath(Path("gone.link"));
+    dangling->next = Ptr<Resource>(gone.Get());
+    ASSERT_TRUE(ResourceManager::Ins()->Save(dangling.Get(), Path("dangling.link"), Ptr<SerializerState>()));
+    std::remove((dir.path + "/gone.link").c_str());
+    EXPECT_FALSE(Resource::LoadFromPath(Path("dangling.link")));
+    EXPECT_TRUE(log->Contains(u"Load Property 'Next' failed.\n"));
+}
+
+TEST(ResourceCacheStrategy, AChangedFileLoadsAnewUnderTheTimeMaskedStrategy)
+{
+    TempDir dir;
+    Kovex_SetCacheStrategy(KOVEX_CACHE_TIME_MASKED);
+    auto* factory = new ResourceFactory(Swatch::StaticGetClass(), RESOURCE_CACHED, WString(u".tswatch"), 540);
+    ASSERT_TRUE(ResourceManager::Ins()->Register(Swatch::StaticGetClass(), factory));
+    factory->OnInitialized();
+    Kovex_SetCacheStrategy(KOVEX_CACHE_DEFAULT);
+
+    WString path = dir.W("t.tswatch");
+    std::string file = dir.path + "/t.tswatch";
+    Ptr<Swatch> swatch(new Swatch());
+    swatch->colour.x = 1;
+    ASSERT_TRUE(factory->Save(swatch.Get(), path, Ptr<SerializerState>()));
+    std::filesystem::last_write_time(file, std::filesystem::file_time_type::clock::now() - std::chrono::hours(2));
+    Ptr<Resource> first = factory->Load(path, 0);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(factory->Load(path, 0).Get(), first.Get()) << "unchanged file: the cached version";
+
+    swatch->colour.x = 2;
+    ASSERT_TRUE(factory->Save(swatch.Get(), path, Ptr<SerializerState>()));
+    std::filesystem::last_write_time(file, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+    Ptr<Resource> second = factory->Load(path, 0);
+    ASSERT_TRUE(second);
+    EXPECT_NE(second.Get(), first.Get());
+    EXPECT_EQ(static_cast<Swatch*>(second.Get())->colour.x, 2.f);
+    EXPECT_EQ(static_cast<Swatch*>(first.Get())->colour.x, 1.f) << "holders of the old version keep it";
+    EXPECT_EQ(factory->Find(path).Get(), second.Get()) << "without a date, the newest";
+    first = nullptr;
+    second = nullptr;
+    EXPECT_FALSE(factory->Find(path));
+    ResourceManager::Ins()->Unregister(factory);
+    delete factory;
 }
 
 TEST_F(Resources, ReplaceGivesEveryHolderTheNewContents)

@@ -31,6 +31,8 @@ public:
     // The object's contents; the base reads and writes its property list.
     virtual bool Load(Serializer* serializer);
     virtual bool Save(Serializer* serializer) const;
+    virtual bool LoadDiff(Serializer* serializer);
+    virtual bool SaveDiff(Serializer* serializer, const Object* base) const;
     virtual void PostLoad();
     virtual void PostSave();
     // True when `other` has exactly this object's class.
@@ -70,6 +72,11 @@ public:
     // a file is skipped with "Invalid Property '%s' in '%s'.\n".
     bool LoadProperties(Serializer* serializer);
     bool SaveProperties(Serializer* serializer) const;
+    // The difference form: only the properties whose values differ from
+    // `base` (all of them when it is null or of another class), in the
+    // property-list layout, so loading it applies them over a copy of base.
+    bool SaveDiffProps(Serializer* serializer, const Object* base) const;
+    bool LoadDiffProps(Serializer* serializer) { return LoadProperties(serializer); }
 
     const Property* FindProperty(const WString& name) const;
     // False for an unknown property; reads through the owning class's part.

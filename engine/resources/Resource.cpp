@@ -306,6 +306,25 @@ Ptr<Resource> ResourceFactory::InternalLoad(const Ptr<Stream>& stream, unsigned 
     if (serializer->Enter(FourCCs::OBJ))
     {
         serializer->SetLoadFlags(flags);
+        // A resource saved as its differences from an origin file.
+        WString originPath;
+        if (serializer->Enter(FourCCs::REF))
+        {
+            serializer->Read(FourCCs::PATH, originPath);
+            serializer->Leave();
+            serializer->UnmakePath(originPath);
+        }
+        if (!originPath.IsEmpty())
+        {
+            resource = Load(originPath, ResourceLoadFlags::ORIGIN);
+            if (resource && !resource->LoadDiff(serializer))
+                resource = nullptr;
+            serializer->Leave();
+            serializer->ClearSerializedObj();
+            serializer->Close();
+            delete serializer;
+            return resource;
+        }
         WString className;
         const Class* cls = serializer->Read(FourCCs::CLS, className) ? Class::GetClass(className) : nullptr;
         // Only a class of this factory's kind may come out of its files.
@@ -366,6 +385,20 @@ bool ResourceFactory::InternalSave(const Resource* resource, const Ptr<Stream>& 
 
 bool ResourceFactory::InternalSaveObject(const Resource* resource, Serializer* serializer, bool writeClass)
 {
+    // A clone of a file's origin is written as its differences from it.
+    const Resource* origin = resource->GetOriginRes().Get();
+    const Ptr<SerializerState>& state = serializer->GetState();
+    if (m_mode == RESOURCE_INSTANCED && origin && !origin->GetPath().IsEmpty() &&
+        origin->GetPath() != resource->GetPath() && (!state || state->allowSaveAsRef(resource)))
+    {
+        WString originPath = origin->GetPath();
+        serializer->MakePath(originPath);
+        if (!serializer->Enter(FourCCs::REF))
+            return false;
+        bool written = serializer->Write(FourCCs::PATH, originPath);
+        serializer->Leave();
+        return written && resource->SaveDiff(serializer, origin);
+    }
     if (writeClass && !serializer->Write(FourCCs::CLS, resource->GetClass()->GetName()))
         return false;
     return resource->Save(serializer);

@@ -15,6 +15,8 @@ namespace KovexEngine {
 
 bool Object::Load(Serializer* serializer) { return LoadProperties(serializer); }
 bool Object::Save(Serializer* serializer) const { return SaveProperties(serializer); }
+bool Object::LoadDiff(Serializer* serializer) { return LoadDiffProps(serializer); }
+bool Object::SaveDiff(Serializer* serializer, const Object* base) const { return SaveDiffProps(serializer, base); }
 
 Ptr<Object> ObjectFactory::LoadObject(const Class* cls, Object* outer, Serializer* serializer, unsigned int)
 {
@@ -81,8 +83,12 @@ bool HasSerializableValue(const Property* property)
 
 // --- Property lists ----------------------------------------------------------------------------------
 
-bool Object::SaveProperties(Serializer* serializer) const
+bool Object::SaveProperties(Serializer* serializer) const { return SaveDiffProps(serializer, nullptr); }
+
+bool Object::SaveDiffProps(Serializer* serializer, const Object* base) const
 {
+    if (base && base->GetClass() != GetClass())
+        base = nullptr;
     unsigned int count = 0;
     Serializer_WriteSize size(serializer, count, FourCCs::PRSZ);
     if (!size.Begin())
@@ -91,6 +97,8 @@ bool Object::SaveProperties(Serializer* serializer) const
     GetClass()->GetAllProperties(properties);
     const Class* owner = nullptr;
     const void* pointer = nullptr;
+    const void* basePointer = nullptr;
+    Variable mine, theirs;
     for (const Property* property : properties)
     {
         if (!property->CanSerializeProperty() || !HasSerializableValue(property))
@@ -99,7 +107,11 @@ bool Object::SaveProperties(Serializer* serializer) const
         {
             owner = property->GetOwnerClass();
             pointer = GetClassPointer(owner);
+            basePointer = base ? base->GetClassPointer(owner) : nullptr;
         }
+        if (base && mine.GetPropertyValue(property, pointer) && theirs.GetPropertyValue(property, basePointer) &&
+            mine == theirs)
+            continue;
         if (!serializer->Enter(FourCCs::PROP))
             return false;
         bool ok = serializer->Write(FourCCs::NAME, property->GetName()) && property->SavePropertyValue(pointer, serializer);

@@ -35,6 +35,7 @@ class Stamp : public Resource
     KOVEX_CLASS(Stamp)
 public:
     int32 serial = 0;
+    AString label;
 };
 // A resource that refers to another by property.
 class Palette : public Resource
@@ -72,6 +73,7 @@ void Stamp::StaticConstructor(Class* cls)
 {
     RegisterBases<Stamp, Resource>(cls);
     AddField(cls, u"Serial", &Stamp::serial);
+    AddField(cls, u"Label", &Stamp::label);
     cls->ProcessClass();
 }
 KOVEX_REGISTER_CLASS_EX(Palette, u"Tests")
@@ -176,6 +178,33 @@ TEST_F(Resources, InstancedLoadsAreClonesOfACachedOrigin)
     EXPECT_EQ(origin.Get(), a->GetOriginRes().Get());
     Ptr<Resource> keeps = ResourceManager::Ins()->Load(Path("a.stamp"), ResourceLoadFlags::CLONE_KEEPS_PATH);
     EXPECT_TRUE(keeps->GetPath() == Path("a.stamp"));
+}
+
+TEST_F(Resources, AnEditedCloneSavesOnlyItsDifferencesFromTheOrigin)
+{
+    Ptr<Stamp> stamp(new Stamp());
+    stamp->serial = 1;
+    stamp->label = "first";
+    ASSERT_TRUE(ResourceManager::Ins()->Save(stamp.Get(), Path("origin.stamp"), Ptr<SerializerState>()));
+    Ptr<Resource> clone = ResourceManager::Ins()->Load(Path("origin.stamp"), 0);
+    ASSERT_TRUE(clone && clone->IsReference());
+    static_cast<Stamp*>(clone.Get())->serial = 5;
+    ASSERT_TRUE(ResourceManager::Ins()->Save(clone.Get(), Path("edited.stamp"), Ptr<SerializerState>()));
+    clone = nullptr;
+
+    // The origin changes where the clone did not: the edited file follows it.
+    stamp->label = "second";
+    ASSERT_TRUE(ResourceManager::Ins()->Save(stamp.Get(), Path("origin.stamp"), Ptr<SerializerState>()));
+    Ptr<Resource> edited = Resource::LoadFromPath(Path("edited.stamp"));
+    ASSERT_TRUE(edited);
+    EXPECT_EQ(static_cast<Stamp*>(edited.Get())->serial, 5);
+    EXPECT_TRUE(static_cast<Stamp*>(edited.Get())->label == "second");
+    // Loads of the edited file are clones of its own cached object, which in
+    // turn came from the origin file.
+    ASSERT_TRUE(edited->GetOriginRes());
+    EXPECT_TRUE(edited->GetOriginRes()->GetPath() == Path("edited.stamp"));
+    ASSERT_TRUE(edited->GetOriginRes()->GetOriginRes());
+    EXPECT_TRUE(edited->GetOriginRes()->GetOriginRes()->GetPath() == Path("origin.stamp"));
 }
 
 TEST_F(Resources, ReferencesAreStoredAsPathsAndLoadedThroughTheirFactory)

@@ -27,7 +27,9 @@ public:
         FLAG_CLONE_IF_CLONABLE = 0x200,
         FLAG_READ_ONLY = 0x400,
         // A path: saved relative to the file, loaded back absolute.
-        FLAG_FILE_PATH = 0x1000,
+        FLAG_FILE_PATH = 0x1000,   // an object or string stored as a path to its file
+        FLAG_EXPANDED = 0x4000,    // editors show the referred object's own properties
+        FLAG_SAVE_AS_FILE = 0x8000, // editors offer to save the referred object to a file of its own
         FLAG_POINTER = 0x10000,
     };
 

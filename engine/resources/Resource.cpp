@@ -5,6 +5,7 @@
 #include "kernel/Engine.h"
 #include "kernel/Log.h"
 #include "reflection/FunctionRegistration.h"
+#include "reflection/Property.h"
 #include "resources/ResourceCache.h"
 #include "serialization/Serializer.h"
 
@@ -30,6 +31,7 @@ void Resource::StaticConstructor(Class* cls)
     AddFunction(cls, u"GetOriginRes", &Resource::GetOriginRes);
     AddFunction(cls, u"SetOriginRes", &Resource::SetOriginRes, {u"resource"});
     AddFunction(cls, u"LoadFromPath", &Resource::LoadFromPath, {u"path", u"flags"});
+    AddFunction(cls, u"AsyncLoadFromPath", &Resource::AsyncLoadFromPath, {u"path", u"succeedDg", u"failedDg", u"flags"});
     cls->ProcessClass();
 }
 
@@ -70,6 +72,10 @@ void Resource::AsyncLoadFromPath(const WString& path, const ResourceSucceedDeleg
 {
     ResourceManager::Ins()->AsyncLoad(path, succeed, failed, flags);
 }
+
+bool Resource::IsObjUrlShown(const Property* property) { return property && property->HasFlag(Property::FLAG_FILE_PATH); }
+bool Resource::IsObjExpanded(const Property* property) { return property && property->HasFlag(Property::FLAG_EXPANDED); }
+bool Resource::canSaveAsFile(const Property* property) { return property && property->HasFlag(Property::FLAG_SAVE_AS_FILE); }
 
 bool Resource::IsClonable() const { return m_path.IsEmpty() || !m_factory || m_factory->GetMode() != RESOURCE_CACHED; }
 

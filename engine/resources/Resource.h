@@ -52,6 +52,11 @@ public:
     static void AsyncLoadFromPath(const WString& path, const ResourceSucceedDelegate& succeed,
                                   const ResourceFailedDelegate& failed, unsigned int flags = 0);
 
+    // What editors show for a property that refers to a resource.
+    static bool IsObjUrlShown(const Property* property);
+    static bool IsObjExpanded(const Property* property);
+    static bool canSaveAsFile(const Property* property);
+
     bool IsClonable() const override;
     bool Duplicate(Object* destination, unsigned int flags) const override;
     bool SupportSerializeDiff(const Object* other) const override;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "io/StreamManager.h"
+#include "reflection/Function.h"
 #include "reflection/PropertyRegistration.h"
 #include "resources/Resource.h"
 #include "resources/ResourceThread.h"
@@ -402,6 +403,15 @@ TEST_F(BackgroundLoads, ResultsArriveOnTheMainThreadAtAFrameStart)
     Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
     EXPECT_EQ(g_delivered.succeeded.size(), 3u);
     EXPECT_EQ(g_delivered.succeeded[2].Get(), g_delivered.succeeded[1].Get());
+}
+
+TEST_F(BackgroundLoads, ScriptsReachLoadingByName)
+{
+    const Function* function = Resource::StaticGetClass()->FindFunction(WString(u"AsyncLoadFromPath"), true);
+    ASSERT_NE(function, nullptr);
+    EXPECT_TRUE(WString(function->GetParamName(1)) == u"succeedDg");
+    EXPECT_TRUE(WString(function->GetParamName(3)) == u"flags");
+    EXPECT_NE(Resource::StaticGetClass()->FindFunction(WString(u"LoadFromPath"), true), nullptr);
 }
 
 TEST_F(BackgroundLoads, FailuresReachTheFailedDelegate)

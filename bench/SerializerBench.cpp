@@ -100,8 +100,7 @@ DataStream Save(const Class* form)
     DataStream data;
     Ptr<Stream> stream(new MemoryStream(&data, false));
     stream->SetWriteable(true);
-    void* created = form->Create();
-    auto* s = static_cast<Serializer*>(static_cast<Object*>(form->GetClassPointer(created, Object::StaticGetClass())));
+    Serializer* s = Serializer::Create(form);
     s->Open(stream, Serializer::MODE_WRITE);
     for (const Ptr<Record>& r : Graph())
     {

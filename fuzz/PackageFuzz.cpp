@@ -6,23 +6,15 @@
 #include <cstdint>
 #include <cstring>
 
+#include "fuzz/QuietLog.h"
 #include "io/MemoryStream.h"
 #include "io/Package.h"
-#include "kernel/Log.h"
 
 using namespace KovexEngine;
 
-namespace {
-struct Quiet : LogProxy
-{
-    void Print(unsigned, const char16_t*) override {}
-};
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static bool quiet = (Log::AddProxy(Ptr<LogProxy>(new Quiet())), true);
-    (void)quiet;
+    KovexFuzz::QuietLog();
     if (size > (1u << 20))
         return 0;
     auto* bytes = new DataStream(unsigned(size));

@@ -10,20 +10,15 @@
 #include <cstdint>
 #include <cstring>
 
+#include "fuzz/QuietLog.h"
 #include "io/MemoryStream.h"
 #include "kernel/Engine.h"
-#include "kernel/Log.h"
 #include "math/Matrix.h"
 #include "serialization/Serializer.h"
 
 namespace KovexFuzz {
 
 using namespace KovexEngine;
-
-struct Quiet : LogProxy
-{
-    void Print(unsigned, const char16_t*) override {}
-};
 
 inline void ReadValues(Serializer& s)
 {
@@ -68,7 +63,7 @@ inline int Run(const uint8_t* data, size_t size)
 {
     static bool ready = [] {
         Kovex_System_Initialize();
-        Log::AddProxy(Ptr<LogProxy>(new Quiet()));
+        QuietLog();
         return true;
     }();
     (void)ready;

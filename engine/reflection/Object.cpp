@@ -57,13 +57,8 @@ const Class* Object::GetClass() const
 
 Ptr<Object> Object::Clone(unsigned int flags) const
 {
-    const Class* cls = GetClass();
-    void* created = cls->Create();
-    if (!created)
-        return Ptr<Object>();
-    // The creator returns the class's own address; Object may sit elsewhere in it.
-    Ptr<Object> copy(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())));
-    if (!Duplicate(copy.Get(), flags))
+    Ptr<Object> copy = CreateObject(GetClass());
+    if (!copy || !Duplicate(copy.Get(), flags))
         return Ptr<Object>();
     return copy;
 }
@@ -179,13 +174,14 @@ bool Object::HasDiffProps(const Object* other) const
 }
 bool Object::IsClonable() const { return true; }
 
-Ptr<Object> Object::InternalCreateRefObjFromThis(const Class* cls)
+Ptr<Object> Object::InternalCreateRefObjFromThis(const Class* cls) { return CreateObject(cls); }
+
+Ptr<Object> Object::CreateObject(const Class* cls)
 {
-    if (!cls)
-        return Ptr<Object>();
-    void* created = cls->Create();
+    void* created = cls ? cls->Create() : nullptr;
     if (!created)
         return Ptr<Object>();
+    // The creator returns the class's own address; Object may sit elsewhere in it.
     return Ptr<Object>(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())));
 }
 

@@ -43,6 +43,9 @@ public:
     virtual bool FromString(const WString& text);
     virtual bool IsClonable() const;
     virtual Ptr<Object> InternalCreateRefObjFromThis(const Class* cls);
+    // A new object of the class by its creator, as an Object wherever that
+    // base sits in it; null for an abstract or unknown class.
+    static Ptr<Object> CreateObject(const Class* cls);
 
     // The script side's class when there is one, else the native class.
     const Class* GetClass() const;

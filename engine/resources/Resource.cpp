@@ -325,23 +325,17 @@ Ptr<Resource> ResourceFactory::InternalLoad(const Ptr<Stream>& stream, unsigned 
             resource = Load(originPath, ResourceLoadFlags::ORIGIN);
             if (resource && !resource->LoadDiff(serializer))
                 resource = nullptr;
-            serializer->Leave();
-            serializer->ClearSerializedObj();
-            serializer->Close();
-            delete serializer;
-            return resource;
         }
-        WString className;
-        const Class* cls = serializer->Read(FourCCs::CLS, className) ? Class::GetClass(className) : nullptr;
-        // Only a class of this factory's kind may come out of its files.
-        if (cls && cls->IsKindOf(GetObjClass()))
-            if (void* created = cls->Create())
-            {
-                Ptr<Object> object(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())));
-                resource = DynamicCast<Resource>(object.Get());
-                if (resource && !resource->Load(serializer))
-                    resource = nullptr;
-            }
+        else
+        {
+            WString className;
+            const Class* cls = serializer->Read(FourCCs::CLS, className) ? Class::GetClass(className) : nullptr;
+            // Only a class of this factory's kind may come out of its files.
+            if (cls && cls->IsKindOf(GetObjClass()))
+                resource = DynamicCast<Resource>(Object::CreateObject(cls).Get());
+            if (resource && !resource->Load(serializer))
+                resource = nullptr;
+        }
         serializer->Leave();
     }
     serializer->ClearSerializedObj();

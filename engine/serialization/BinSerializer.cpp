@@ -429,8 +429,9 @@ bool BinSerializer::WriteArray(FourCC tag, const T* values, unsigned int count)
            (count == 0 || (uint64(count) * sizeof(T) <= 0x7FFFFFFF && m_current->data.Write(values, count * unsigned(sizeof(T)))));
 }
 
+// A count, then that many items of `itemSize` bytes (a whole number of T).
 template <typename T>
-bool BinSerializer::ReadArray(FourCC tag, T*& values, unsigned int& count, bool allocate)
+bool BinSerializer::ReadCounted(FourCC tag, T*& values, unsigned int& count, bool allocate, unsigned itemSize)
 {
     if (!values && !allocate)
         return false;
@@ -440,7 +441,9 @@ bool BinSerializer::ReadArray(FourCC tag, T*& values, unsigned int& count, bool 
         return false;
     Cursor cursor(m_file.GetPointer(), m_position, m_current->end);
     // The count must fit in the block; a caller's buffer holds `count`.
-    if (!cursor.Take(&stored, 4) || uint64(stored) * sizeof(T) > cursor.Remaining() || (!allocate && stored > count))
+    uint64 bytes = 0;
+    if (!cursor.Take(&stored, 4) || (bytes = uint64(stored) * itemSize) > cursor.Remaining() ||
+        (!allocate && stored > count))
     {
         m_position = start;
         return false;
@@ -448,17 +451,13 @@ bool BinSerializer::ReadArray(FourCC tag, T*& values, unsigned int& count, bool 
     count = stored;
     if (stored == 0)
         return true;
-    T* target = values;
-    if (allocate)
+    T* target = allocate ? new (std::nothrow) T[bytes / sizeof(T)] : values;
+    if (!target)
     {
-        target = new (std::nothrow) T[stored];
-        if (!target)
-        {
-            m_position = start;
-            return false;
-        }
+        m_position = start;
+        return false;
     }
-    cursor.Take(target, uint64(stored) * sizeof(T));
+    cursor.Take(target, bytes);
     values = target;
     return true;
 }
@@ -467,7 +466,7 @@ bool BinSerializer::ReadArray(FourCC tag, T*& values, unsigned int& count, bool 
     bool BinSerializer::Read(FourCC tag, T& value) { return ReadPlain(tag, value); } \
     bool BinSerializer::Write(FourCC tag, const T& value) { return WritePlain(tag, value); }
 #define KOVEX_BIN_ARRAY(T) \
-    bool BinSerializer::Read(FourCC tag, T*& values, unsigned int& count, bool allocate) { return ReadArray(tag, values, count, allocate); } \
+    bool BinSerializer::Read(FourCC tag, T*& values, unsigned int& count, bool allocate) { return ReadCounted(tag, values, count, allocate, sizeof(T)); } \
     bool BinSerializer::Write(FourCC tag, const T* values, unsigned int count) { return WriteArray(tag, values, count); }
 KOVEX_SERIALIZER_SCALARS(KOVEX_BIN_SCALAR)
 KOVEX_SERIALIZER_ARRAYS(KOVEX_BIN_ARRAY)
@@ -520,34 +519,12 @@ bool BinSerializer::Read(FourCC tag, void* record, const SerializeMemLayout& lay
 
 bool BinSerializer::Read(FourCC tag, void*& records, unsigned int& count, const SerializeMemLayout& layout, bool allocate)
 {
-    if ((!records && !allocate) || layout.GetSize() == 0)
+    if (layout.GetSize() == 0)
         return false;
-    uint64 start = m_position;
-    if (!BeginRead(tag))
+    uint8* bytes = static_cast<uint8*>(records);
+    if (!ReadCounted(tag, bytes, count, allocate, layout.GetSize()))
         return false;
-    Cursor cursor(m_file.GetPointer(), m_position, m_current->end);
-    uint32 stored = 0;
-    if (!cursor.Take(&stored, 4) || uint64(stored) * layout.GetSize() > cursor.Remaining() ||
-        (!allocate && stored > count))
-    {
-        m_position = start;
-        return false;
-    }
-    count = stored;
-    if (stored == 0)
-        return true;
-    void* target = records;
-    if (allocate)
-    {
-        target = new (std::nothrow) uint8[uint64(stored) * layout.GetSize()];
-        if (!target)
-        {
-            m_position = start;
-            return false;
-        }
-    }
-    cursor.Take(target, uint64(stored) * layout.GetSize());
-    records = target;
+    records = bytes;
     return true;
 }
 

@@ -64,7 +64,7 @@ protected:
 private:
     template <typename T> bool WritePlain(FourCC tag, const T& value);
     template <typename T> bool ReadPlain(FourCC tag, T& value);
-    template <typename T> bool ReadArray(FourCC tag, T*& values, unsigned int& count, bool allocate);
+    template <typename T> bool ReadCounted(FourCC tag, T*& values, unsigned int& count, bool allocate, unsigned itemSize);
     template <typename T> bool WriteArray(FourCC tag, const T* values, unsigned int count);
     bool BeginRead(FourCC tag);
     bool BeginWrite(FourCC tag);

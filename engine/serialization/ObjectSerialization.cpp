@@ -20,11 +20,7 @@ bool Object::SaveDiff(Serializer* serializer, const Object* base) const { return
 
 Ptr<Object> ObjectFactory::LoadObject(const Class* cls, Object* outer, Serializer* serializer, unsigned int)
 {
-    Ptr<Object> object;
-    if (outer)
-        object = outer->InternalCreateRefObjFromThis(cls);
-    else if (void* created = cls->Create())
-        object = static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass()));
+    Ptr<Object> object = outer ? outer->InternalCreateRefObjFromThis(cls) : Object::CreateObject(cls);
     if (!object || !object->Load(serializer))
         return Ptr<Object>();
     object->PostLoad();

@@ -456,11 +456,12 @@ void Serializer::SetDefaultSerializer(bool useXml)
     SetDefaultSerializer(Class::GetClass(WString(useXml ? u"XmlSerializer" : u"BinSerializer")));
 }
 
-Serializer* Serializer::CreateDefaultSerialzier()
+Serializer* Serializer::CreateDefaultSerialzier() { return Create(GetDefaultSerializer()); }
+
+Serializer* Serializer::Create(const Class* form)
 {
-    const Class* cls = GetDefaultSerializer();
-    void* created = cls ? cls->Create() : nullptr;
-    return created ? DynamicCast<Serializer>(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())))
+    void* created = form && form->IsKindOf(Serializer::StaticGetClass()) ? form->Create() : nullptr;
+    return created ? DynamicCast<Serializer>(static_cast<Object*>(form->GetClassPointer(created, Object::StaticGetClass())))
                    : nullptr;
 }
 
@@ -517,10 +518,7 @@ Serializer* Serializer::OpenReadStream(const Ptr<Stream>& stream)
         stream->Close();
         return nullptr;
     }
-    void* created = cls->Create();
-    auto* serializer =
-        created ? DynamicCast<Serializer>(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())))
-                : nullptr;
+    Serializer* serializer = Create(cls);
     stream->Close(); // the serializer reopens it from the start
     if (serializer && !serializer->Open(stream, MODE_READ))
     {

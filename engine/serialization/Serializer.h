@@ -207,6 +207,9 @@ public:
     static Serializer* OpenReadStream(const Ptr<Stream>& stream);
     static Serializer* OpenWriteStream(const Ptr<Stream>& stream);
     static Serializer* CreateDefaultSerialzier();
+    // A new serializer of the form `form`, owned by the caller (delete it);
+    // null when the class is not a serializer form.
+    static Serializer* Create(const Class* form);
     static const Class* GetDefaultSerializer();
     static void SetDefaultSerializer(const Class* cls);
     static void SetDefaultSerializer(bool useXml);

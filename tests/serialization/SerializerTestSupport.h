@@ -19,10 +19,9 @@ inline Bytes WriteWith(const KovexEngine::Class* cls, const std::function<void(K
     auto* data = new DataStream();
     Ptr<Stream> stream(new MemoryStream(data, false));
     stream->SetWriteable(true);
-    void* created = cls->Create();
-    auto* serializer = static_cast<Serializer*>(static_cast<Object*>(cls->GetClassPointer(created, Object::StaticGetClass())));
+    Serializer* serializer = Serializer::Create(cls);
     Bytes out;
-    if (serializer->Open(stream, Serializer::MODE_WRITE))
+    if (serializer && serializer->Open(stream, Serializer::MODE_WRITE))
     {
         write(*serializer);
         serializer->Close();

@@ -224,11 +224,11 @@ void BM_Serialize_FreadFloor(benchmark::State& state)
     state.SetItemsProcessed(int64_t(state.iterations()) * kObjects * kProperties);
 }
 
-BENCHMARK(BM_Serialize_FwriteFloor)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Serialize_BinarySave)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Serialize_XmlSave)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Serialize_FreadFloor)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Serialize_BinaryLoad)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Serialize_XmlLoad)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Serialize_FwriteFloor)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_Serialize_BinarySave)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_Serialize_XmlSave)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_Serialize_FreadFloor)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_Serialize_BinaryLoad)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_Serialize_XmlLoad)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 
 } // namespace KovexBench

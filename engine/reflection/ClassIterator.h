@@ -81,4 +81,45 @@ using BaseClassIterator = TCompositeIterator<const Class*, BaseClassChildren>;
 // Walks the classes derived from a class, depth first.
 using DerivedClassIterator = TCompositeIterator<const Class*, DerivedClassChildren>;
 
+// Walks the members of a class and then those of each base (depth first),
+// reading each class's members through `getter`, for instance
+//   TFieldIterator<const Property, TArray<const Property*>> it(cls, &Class::GetPropertyArray);
+template <typename Member, typename Container>
+class TFieldIterator
+{
+public:
+    using Getter = const Container& (Class::*)() const;
+
+    TFieldIterator(const Class* cls, Getter getter) : m_classes(cls, true), m_getter(getter) {}
+
+    bool hasNext()
+    {
+        while (!m_members || m_index >= m_members->Count())
+        {
+            if (!m_classes.hasNext())
+                return false;
+            const Class* next = m_classes.Next();
+            m_members = next ? &(next->*m_getter)() : nullptr;
+            m_index = 0;
+        }
+        return true;
+    }
+
+    Member* Next() { return hasNext() ? At(*m_members, m_index++) : nullptr; }
+
+private:
+    template <typename T>
+    static Member* At(const TArray<T*>& members, unsigned index) { return members[index]; }
+    template <typename K, typename T>
+    static Member* At(const TMap<K, T*>& members, unsigned index) { return members[index].value; }
+
+    BaseClassIterator m_classes;
+    Getter m_getter;
+    const Container* m_members = nullptr;
+    unsigned m_index = 0;
+};
+
+using PropertyIterator = TFieldIterator<const Property, TArray<const Property*>>;
+using FunctionIterator = TFieldIterator<const Function, TMap<WString, const Function*>>;
+
 } // namespace KovexEngine

@@ -4,6 +4,7 @@
 // that let tools and serializers read and change a container without knowing
 // its element types. Values cross as Variables.
 
+#include "reflection/FunctionRegistration.h"
 #include "reflection/PropertyRegistration.h"
 #include "reflection/ValueClass.h"
 #include "reflection/Variable.h"
@@ -63,13 +64,30 @@ private:
 class KOVEX_API ArrayClass : public ValueClass
 {
 public:
+    // Accessors that reach an array of an owner object without a pointer to
+    // it (an array computed or kept elsewhere). `owner` is the object the
+    // mirror was made for; a missing accessor makes its operation fail.
+    struct Funcs
+    {
+        unsigned int (*count)(const void* owner) = nullptr;
+        bool (*get)(const void* owner, unsigned int index, Variable& out) = nullptr;
+        bool (*set)(void* owner, unsigned int index, const Variable& value) = nullptr;
+        bool (*insert)(void* owner, unsigned int index, const Variable& value) = nullptr;
+        bool (*remove)(void* owner, unsigned int index) = nullptr;
+        bool (*setCount)(void* owner, unsigned int count) = nullptr;
+        void (*clear)(void* owner) = nullptr;
+    };
+
     ArrayClass(const Class* item, unsigned int size);
     const Class* GetItemClass() const { return m_item; }
     static WString GetArrayClassName(const Class* item);
 
-    // A mirror over a new array of its own, or over the array at `data`.
+    // A mirror over a new array of its own, over the array at `data`, or
+    // over the array that `funcs` reach in `owner`. Null here; the class of
+    // each item type makes real ones.
     virtual Ptr<ArrayMirror> CreateMirror() const;
     virtual Ptr<ArrayMirror> CreateMirrorRef(void* data) const;
+    virtual Ptr<ArrayMirror> CreateMirrorFunc(void* owner, const Funcs& funcs) const;
 
 private:
     const Class* m_item;
@@ -79,6 +97,17 @@ private:
 class KOVEX_API MapClass : public ValueClass
 {
 public:
+    // Accessors that reach a map of an owner object (see ArrayClass::Funcs).
+    struct Funcs
+    {
+        unsigned int (*count)(const void* owner) = nullptr;
+        bool (*getAt)(const void* owner, unsigned int index, Variable& key, Variable& value) = nullptr;
+        bool (*find)(const void* owner, const Variable& key, Variable& value) = nullptr;
+        bool (*set)(void* owner, const Variable& key, const Variable& value) = nullptr;
+        bool (*remove)(void* owner, const Variable& key) = nullptr;
+        void (*clear)(void* owner) = nullptr;
+    };
+
     MapClass(const Class* key, const Class* value, unsigned int size);
     const Class* GetKeyClass() const { return m_key; }
     const Class* GetValueClass() const { return m_value; }
@@ -86,55 +115,63 @@ public:
 
     virtual Ptr<MapMirror> CreateMirror() const;
     virtual Ptr<MapMirror> CreateMirrorRef(void* data) const;
+    virtual Ptr<MapMirror> CreateMirrorFunc(void* owner, const Funcs& funcs) const;
 
 private:
     const Class* m_key;
     const Class* m_value;
 };
 
+// A mirror over an array reached through accessor functions.
+class KOVEX_API ArrayMirrorFunc final : public ArrayMirror
+{
+public:
+    ArrayMirrorFunc(const ArrayClass* cls, void* owner, const ArrayClass::Funcs& funcs)
+        : ArrayMirror(cls), m_owner(owner), m_funcs(funcs)
+    {
+    }
+    static const Class* StaticGetClass();
+    const Class* GetNativeClass() const override { return StaticGetClass(); }
+
+    unsigned int Count() const override;
+    bool Get(unsigned int index, Variable& out) const override;
+    bool Set(unsigned int index, const Variable& value) override;
+    bool Insert(unsigned int index, const Variable& value) override;
+    bool Remove(unsigned int index) override;
+    bool SetCount(unsigned int count) override;
+    void Clear() override;
+
+private:
+    void* m_owner;
+    ArrayClass::Funcs m_funcs;
+};
+
+// A mirror over a map reached through accessor functions.
+class KOVEX_API MapMirrorFunc final : public MapMirror
+{
+public:
+    MapMirrorFunc(const MapClass* cls, void* owner, const MapClass::Funcs& funcs)
+        : MapMirror(cls), m_owner(owner), m_funcs(funcs)
+    {
+    }
+    static const Class* StaticGetClass();
+    const Class* GetNativeClass() const override { return StaticGetClass(); }
+
+    unsigned int Count() const override;
+    bool GetAt(unsigned int index, Variable& key, Variable& value) const override;
+    bool Find(const Variable& key, Variable& value) const override;
+    bool Set(const Variable& key, const Variable& value) override;
+    bool Remove(const Variable& key) override;
+    void Clear() override;
+
+private:
+    void* m_owner;
+    MapClass::Funcs m_funcs;
+};
+
 namespace ContainerDetail {
-
-// A Variable's value as a native T, converting by the Variable rules.
-template <typename T>
-bool FromVariable(const Variable& in, T& out)
-{
-    const Class* cls = ClassOf<T>();
-    KOVEX_BASE_TYPE type = cls->GetType();
-    Variable converted;
-    const Variable* source = &in;
-    if (in.Type() != type)
-    {
-        if (!converted.Change(type, in))
-            return false;
-        source = &converted;
-    }
-    if (type == KOVEX_TYPE_CUSTOM || type == KOVEX_TYPE_DELEGATE || type == KOVEX_TYPE_ENUM)
-    {
-        if (source->GetClass() != cls || !source->GetStructMem())
-            return false;
-        ValueTraits<T>::Load(out, *static_cast<const StorageOf<T>*>(source->GetStructMem()));
-        return true;
-    }
-    if (type == KOVEX_TYPE_OBJECT)
-    {
-        const Object* object = source->GetObject();
-        if (object && !object->GetClass()->IsKindOf(cls))
-            return false;
-    }
-    ValueTraits<T>::Load(out, *static_cast<const StorageOf<T>*>(source->GetStorage()));
-    return true;
-}
-
-KOVEX_API bool StoreRaw(Variable& out, const Class* cls, const void* storage);
-
-template <typename T>
-void ToVariable(const T& value, Variable& out)
-{
-    StorageOf<T> stored{};
-    ValueTraits<T>::Store(stored, value);
-    StoreRaw(out, ClassOf<T>(), &stored);
-}
-
+using FunctionDetail::FromVariable;
+using FunctionDetail::ToVariable;
 } // namespace ContainerDetail
 
 template <typename T>
@@ -239,6 +276,10 @@ public:
     {
         return data ? Ptr<ArrayMirror>(new TArrayMirror<T>(this, static_cast<TArray<T>*>(data), false)) : Ptr<ArrayMirror>();
     }
+    Ptr<ArrayMirror> CreateMirrorFunc(void* owner, const Funcs& funcs) const override
+    {
+        return Ptr<ArrayMirror>(new ArrayMirrorFunc(this, owner, funcs));
+    }
 };
 
 template <typename K, typename V>
@@ -250,6 +291,10 @@ public:
     Ptr<MapMirror> CreateMirrorRef(void* data) const override
     {
         return data ? Ptr<MapMirror>(new TMapMirror<K, V>(this, static_cast<TMap<K, V>*>(data), false)) : Ptr<MapMirror>();
+    }
+    Ptr<MapMirror> CreateMirrorFunc(void* owner, const Funcs& funcs) const override
+    {
+        return Ptr<MapMirror>(new MapMirrorFunc(this, owner, funcs));
     }
 };
 
@@ -288,7 +333,8 @@ const Class* MapClassOf()
     return slot;
 }
 
-// A property over a container field; it is reached through a mirror.
+// A property over a container field, or over a container reached through
+// accessor functions; either way it is reached through a mirror.
 class KOVEX_API ContainerProperty final : public NativeProperty
 {
 public:
@@ -296,9 +342,24 @@ public:
         : NativeProperty(name, type, flags, offset, false, false)
     {
     }
-    // A mirror over the field of `object` (pointing at the owning class's part).
+    ContainerProperty(const WString& name, const Class* type, const ArrayClass::Funcs& funcs, uint32 flags)
+        : NativeProperty(name, type, flags, -1, false, false), m_arrayFuncs(funcs), m_hasFuncs(true)
+    {
+    }
+    ContainerProperty(const WString& name, const Class* type, const MapClass::Funcs& funcs, uint32 flags)
+        : NativeProperty(name, type, flags, -1, false, false), m_mapFuncs(funcs), m_hasFuncs(true)
+    {
+    }
+    // Saved and loaded when a mirror can read and refill the container.
+    void ProcessProperty() override;
+    // A mirror over the container of `object` (pointing at the owning class's part).
     Ptr<ArrayMirror> CreateArrayMirror(void* object) const;
     Ptr<MapMirror> CreateMapMirror(void* object) const;
+
+private:
+    ArrayClass::Funcs m_arrayFuncs;
+    MapClass::Funcs m_mapFuncs;
+    bool m_hasFuncs = false;
 };
 
 template <typename Owner, typename T>
@@ -306,6 +367,25 @@ Property* AddArrayField(Class* cls, const char16_t* name, TArray<T> Owner::*fiel
 {
     auto* property = new ContainerProperty(WString(name), ArrayClassOf<T>(),
                                            int(std::bit_cast<std::ptrdiff_t>(field)), flags);
+    property->ProcessProperty();
+    cls->AddProperty(property);
+    return property;
+}
+
+// A container reached through accessors: Owner is the owning class, T the item type.
+template <typename Owner, typename T>
+Property* AddArrayFuncs(Class* cls, const char16_t* name, const ArrayClass::Funcs& funcs, uint32 flags = 0)
+{
+    auto* property = new ContainerProperty(WString(name), ArrayClassOf<T>(), funcs, flags);
+    property->ProcessProperty();
+    cls->AddProperty(property);
+    return property;
+}
+
+template <typename Owner, typename K, typename V>
+Property* AddMapFuncs(Class* cls, const char16_t* name, const MapClass::Funcs& funcs, uint32 flags = 0)
+{
+    auto* property = new ContainerProperty(WString(name), MapClassOf<K, V>(), funcs, flags);
     property->ProcessProperty();
     cls->AddProperty(property);
     return property;

@@ -42,6 +42,22 @@ bool DelegateClass::IsMatch(const DelegateClass* other) const
     return true;
 }
 
+bool DelegateClass::GetBinding(const void*, Object*&, const Function*&) const { return false; }
+bool DelegateClass::Bind(void*, Object*, const Function*, bool) const { return false; }
+
+bool DelegateClass::AcceptsFunction(const Function* function) const
+{
+    if (!function || !HasParameterTypes() || function->GetNumParameters() != GetNumParameters())
+        return false;
+    const Class* result = function->GetReturnParam().cls;
+    if (result != m_return.cls)
+        return false;
+    for (unsigned i = 0; i < GetNumParameters(); ++i)
+        if (!GetParameter(i)->cls || function->GetParamClass(i) != GetParameter(i)->cls)
+            return false;
+    return true;
+}
+
 bool DelegateClass::BuildName(WString& out, const char16_t* prefix, const FunctionParameter& result,
                               const FunctionParameter* parameters, unsigned int count)
 {

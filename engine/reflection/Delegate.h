@@ -30,6 +30,16 @@ public:
     // As it has always been: true only for signatures that differ at every
     // position (return and each parameter) and have as many parameters.
     virtual bool IsMatch(const DelegateClass* other) const;
+    // The reflected member function and object a delegate value at `data`
+    // calls: both null for an empty delegate; false when it calls something
+    // reflection cannot name (a free function, an unreflected method).
+    virtual bool GetBinding(const void* data, Object*& target, const Function*& function) const;
+    // Binds the delegate value at `data` to a reflected member function of
+    // `target`. False when the function's signature is not the delegate's.
+    // With `keepAlive` the delegate holds a reference to its target.
+    virtual bool Bind(void* data, Object* target, const Function* function, bool keepAlive) const;
+    // Whether `function` takes and returns what this signature does.
+    bool AcceptsFunction(const Function* function) const;
 
     const FunctionParameter& GetReturnParam() const { return m_return; }
     bool BuildName(WString& out) const;
@@ -81,6 +91,8 @@ class FunctionSlot<R(A...)> : public ReferenceObj
 public:
     virtual R Invoke(A... args) const = 0;
     virtual bool Equals(const FunctionSlot* other) const = 0;
+    // The reflected member function and object called, when there is one.
+    virtual bool GetBinding(Object*&, const Function*&) const { return false; }
 };
 
 template <typename Signature> class FreeFunctionSlot;
@@ -114,10 +126,67 @@ public:
         auto* same = dynamic_cast<const MemberFunctionSlot*>(other);
         return same && same->m_object == m_object && same->m_function == m_function;
     }
+    // Names the function when the object's class has it reflected.
+    bool GetBinding(Object*& target, const Function*& function) const override
+    {
+        if constexpr (std::is_base_of_v<Object, C>)
+        {
+            target = static_cast<Object*>(m_object);
+            function = FunctionDetail::FindNative(target->GetClass(), &m_function, sizeof(m_function));
+            return function != nullptr;
+        }
+        else
+            return false;
+    }
 
 private:
     C* m_object;
     Pointer m_function;
+};
+
+// A reflected member function of an object, called through a FunctionStack:
+// what a delegate becomes when it is loaded from a file by name.
+template <typename Signature> class ReflectedFunctionSlot;
+template <typename R, typename... A>
+class ReflectedFunctionSlot<R(A...)> final : public FunctionSlot<R(A...)>
+{
+public:
+    ReflectedFunctionSlot(Object* target, const Function* function, bool keepAlive)
+        : m_target(target), m_function(function), m_keepAlive(keepAlive ? target : nullptr)
+    {
+    }
+    R Invoke(A... args) const override
+    {
+        TFunctionStack<sizeof...(A)> stack(sizeof...(A), !std::is_void_v<R>);
+        unsigned index = 0;
+        (FunctionDetail::ToVariable(static_cast<const std::remove_cvref_t<A>&>(args), stack->Var(index++)), ...);
+        bool called = m_function->Invoke(static_cast<void*>(m_target), stack.Get());
+        if constexpr (!std::is_void_v<R>)
+        {
+            std::remove_cvref_t<R> result{};
+            if (called)
+                FunctionDetail::FromVariable(stack->RetVar(), result);
+            return result;
+        }
+        else
+            (void)called;
+    }
+    bool Equals(const FunctionSlot<R(A...)>* other) const override
+    {
+        auto* same = dynamic_cast<const ReflectedFunctionSlot*>(other);
+        return same && same->m_target == m_target && same->m_function == m_function;
+    }
+    bool GetBinding(Object*& target, const Function*& function) const override
+    {
+        target = m_target;
+        function = m_function;
+        return true;
+    }
+
+private:
+    Object* m_target;
+    const Function* m_function;
+    Ptr<Object> m_keepAlive; // null when the target owns the delegate
 };
 
 // The class of one delegate type D with signature R(A...).
@@ -138,6 +207,14 @@ public:
         return index < sizeof...(A) ? &m_parameters[index] : nullptr;
     }
     Delegate* CreateEmptyDelegate() const override { return new D(); }
+    bool GetBinding(const void* data, Object*& target, const Function*& function) const override
+    {
+        return data && static_cast<const D*>(data)->GetBinding(target, function);
+    }
+    bool Bind(void* data, Object* target, const Function* function, bool keepAlive) const override
+    {
+        return data && static_cast<D*>(data)->BindReflected(target, function, keepAlive);
+    }
 
     void Delete(void* data) const override { delete static_cast<D*>(data); }
     void Copy(void* destination, const void* source) const override
@@ -188,6 +265,28 @@ public:
     }
     bool IsEmpty() const override { return !m_slot; }
     void Clear() { m_slot = nullptr; }
+    // Calls a reflected member function of `target` (see DelegateClass::Bind).
+    bool BindReflected(Object* target, const Function* function, bool keepAlive)
+    {
+        // Only a signature whose types reflection knows can cross a FunctionStack.
+        if constexpr ((Reflected<std::remove_cvref_t<A>> && ...) &&
+                      (std::is_void_v<R> || Reflected<std::remove_cvref_t<R>>))
+        {
+            if (!target || !function || !function->IsMemberFunction() ||
+                !static_cast<const DelegateClass*>(GetNativeClass())->AcceptsFunction(function))
+                return false;
+            m_slot = new ReflectedFunctionSlot<R(A...)>(target, function, keepAlive);
+            return true;
+        }
+        else
+            return false;
+    }
+    bool GetBinding(Object*& target, const Function*& function) const
+    {
+        target = nullptr;
+        function = nullptr;
+        return !m_slot || m_slot->GetBinding(target, function);
+    }
     bool IsEqual(const Delegate* other) const override
     {
         if (!other || other->GetNativeClass() != GetNativeClass())

@@ -5,6 +5,7 @@
 
 #include "math/Matrix.h"
 #include "math/Quaternion.h"
+#include "reflection/ClassIterator.h"
 #include "reflection/FunctionRegistration.h"
 #include "reflection/Object.h"
 
@@ -134,18 +135,35 @@ unsigned int Function::SizeOfFunction() const
 {
     unsigned size = unsigned(sizeof(*this)) + m_name.HeapLen() * unsigned(sizeof(char16_t));
     for (unsigned i = 0; i < GetNumParameters(); ++i)
-    {
-        const FunctionParameterEx* p = GetParameter(i);
-        size += 16;
-        if (p->name)
-            size += WString::TextLength(p->name) + 1;
-        if (p->defaultValue)
-            size += p->defaultValue->GetMemerySize();
-    }
+        size += GetParameter(i)->SizeOfParameter();
+    return size;
+}
+
+unsigned int FunctionParameterEx::SizeOfParameter() const
+{
+    unsigned size = 16;
+    if (name)
+        size += WString::TextLength(name) + 1;
+    if (defaultValue)
+        size += defaultValue->GetMemerySize();
     return size;
 }
 
 void Function::CheckFunctionBegin() {}
+bool Function::IsNative(const void*, unsigned int) const { return false; }
+
+const Function* FunctionDetail::FindNative(const Class* cls, const void* pointer, unsigned size)
+{
+    if (!cls || !pointer)
+        return nullptr;
+    for (FunctionIterator it(cls, &Class::GetFunctionMap); it.hasNext();)
+    {
+        const Function* function = it.Next();
+        if (function->IsNative(pointer, size))
+            return function;
+    }
+    return nullptr;
+}
 
 KOVEX_BASE_TYPE Function::GetParamType(unsigned int index) const
 {

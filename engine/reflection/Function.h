@@ -13,10 +13,14 @@ struct FunctionParameter
     const Class* cls = nullptr;
 };
 
-struct FunctionParameterEx : FunctionParameter
+struct KOVEX_API FunctionParameterEx : FunctionParameter
 {
     const char16_t* name = nullptr;
     const Variable* defaultValue = nullptr;
+
+    // The bytes the parameter accounts for: 16, the name with its
+    // terminator (in characters) and the default's own size.
+    unsigned int SizeOfParameter() const;
 };
 
 // The arguments and the return value of one reflected call. The memory of
@@ -150,6 +154,9 @@ public:
     virtual unsigned int SizeOfFunction() const;
     virtual bool GetPrototype(WString& out, bool withClass) const;
     virtual void CheckFunctionBegin();
+    // Whether this function calls the native function pointer whose `size`
+    // bytes are at `pointer`.
+    virtual bool IsNative(const void* pointer, unsigned int size) const;
 
     const WString& GetName() const { return m_name; }
     uint32 GetFlags() const { return m_flags; }

@@ -5,6 +5,7 @@
 //   Function* f = AddFunction(cls, u"Clone", &Object::Clone, {u"flags"});
 //   f->SetParamDefault(0, new Variable(0u));
 
+#include <cstring>
 #include <initializer_list>
 #include <tuple>
 #include <utility>
@@ -39,6 +40,50 @@ FunctionParameter DescribeReturn()
 
 // A plain variable holding raw data of a type, for conversions.
 KOVEX_API bool VariableFromRaw(Variable& out, KOVEX_BASE_TYPE type, const Class* cls, const void* data);
+
+// A Variable's value as a native T, converting by the Variable rules.
+template <typename T>
+bool FromVariable(const Variable& in, T& out)
+{
+    const Class* cls = ClassOf<T>();
+    KOVEX_BASE_TYPE type = cls->GetType();
+    Variable converted;
+    const Variable* source = &in;
+    if (in.Type() != type)
+    {
+        if (!converted.Change(type, in))
+            return false;
+        source = &converted;
+    }
+    if (type == KOVEX_TYPE_CUSTOM || type == KOVEX_TYPE_DELEGATE || type == KOVEX_TYPE_ENUM)
+    {
+        if (source->GetClass() != cls || !source->GetStructMem())
+            return false;
+        ValueTraits<T>::Load(out, *static_cast<const StorageOf<T>*>(source->GetStructMem()));
+        return true;
+    }
+    if (type == KOVEX_TYPE_OBJECT)
+    {
+        const Object* object = source->GetObject();
+        if (object && !object->GetClass()->IsKindOf(cls))
+            return false;
+    }
+    ValueTraits<T>::Load(out, *static_cast<const StorageOf<T>*>(source->GetStorage()));
+    return true;
+}
+
+template <typename T>
+void ToVariable(const T& value, Variable& out)
+{
+    StorageOf<T> stored{};
+    ValueTraits<T>::Store(stored, value);
+    const Class* cls = ClassOf<T>();
+    VariableFromRaw(out, cls->GetType(), cls, &stored);
+}
+
+// The reflected function of `cls` (or a base) over the native function
+// pointer whose bytes are at `pointer`; null when none is.
+KOVEX_API const Function* FindNative(const Class* cls, const void* pointer, unsigned size);
 
 // Fetches argument `index` of type P from the stack (or its default) into
 // `out`. False when it is missing with no default or cannot be converted.
@@ -208,6 +253,10 @@ public:
     bool Invoke(void* object, FunctionStack* stack) const override
     {
         return Call(object, stack, std::make_index_sequence<kArity>());
+    }
+    bool IsNative(const void* pointer, unsigned int size) const override
+    {
+        return size == sizeof(F) && std::memcmp(pointer, &m_function, sizeof(F)) == 0;
     }
 
 private:

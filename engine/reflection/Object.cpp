@@ -1,6 +1,7 @@
 #include "reflection/Object.h"
 
 #include "kernel/Log.h"
+#include "reflection/ClassIterator.h"
 #include "reflection/Function.h"
 #include "reflection/FunctionRegistration.h"
 #include "reflection/PropertyRegistration.h"
@@ -69,14 +70,13 @@ bool Object::CopyProperties(Object* destination, unsigned int flags) const
 {
     if (!destination || destination->GetClass() != GetClass())
         return false;
-    TArray<const Property*> properties;
-    GetClass()->GetAllProperties(properties);
     const Class* lastOwner = nullptr;
     const void* source = nullptr;
     void* target = nullptr;
     Variable value;
-    for (const Property* property : properties)
+    for (PropertyIterator it(GetClass(), &Class::GetPropertyArray); it.hasNext();)
     {
+        const Property* property = it.Next();
         KOVEX_BASE_TYPE type = property->GetType();
         uint32 pflags = property->GetFlags();
         if (type == KOVEX_TYPE_UNKNOWN || type > KOVEX_TYPE_ENUM || (pflags & Property::FLAG_NO_COPY) ||
@@ -155,11 +155,10 @@ bool Object::HasDiffProps(const Object* other) const
 {
     if (!other || other->GetClass() != GetClass())
         return true;
-    TArray<const Property*> properties;
-    GetClass()->GetAllProperties(properties);
     Variable mine, theirs;
-    for (const Property* property : properties)
+    for (PropertyIterator it(GetClass(), &Class::GetPropertyArray); it.hasNext();)
     {
+        const Property* property = it.Next();
         KOVEX_BASE_TYPE type = property->GetType();
         if (type == KOVEX_TYPE_UNKNOWN || type > KOVEX_TYPE_ENUM || !property->CanGetProperty())
             continue;

@@ -80,6 +80,17 @@ public:
     // property-list layout, so loading it applies them over a copy of base.
     bool SaveDiffProps(Serializer* serializer, const Object* base) const;
     bool LoadDiffProps(Serializer* serializer) { return LoadProperties(serializer); }
+    // Whether a difference form against `base` is needed at all: true when
+    // no difference can be made (null, another class) or the objects differ.
+    bool IsObjectDifferent(const Object* base) const;
+
+    // An object from the serializer's object graph (its number, or its class
+    // name and body), created through this object as its outer. True with a
+    // null `out` for a stored null pointer; false when nothing loads.
+    bool SerializeObj(Serializer* serializer, unsigned int flags, Ptr<Object>& out);
+    // Saves `object` into the graph: a null mark, a number already given, or
+    // the number, class name and body.
+    bool SerializeObj(const Object* object, Serializer* serializer, unsigned int flags) const;
 
     const Property* FindProperty(const WString& name) const;
     // False for an unknown property; reads through the owning class's part.

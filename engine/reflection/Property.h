@@ -50,6 +50,16 @@ public:
     virtual bool LoadPropertyValue(void* object, Serializer* serializer) const;
     virtual bool SavePropertyValue(const void* object, Serializer* serializer) const;
 
+    // The stored forms of the text and object types: the value under "VAL"
+    // (a path property relative to the file), or an object by reference
+    // with its class name. Each reads or writes through the accessors.
+    static bool LoadAString(const Property* property, void* object, Serializer* serializer);
+    static bool SaveAString(const Property* property, const void* object, Serializer* serializer);
+    static bool LoadWString(const Property* property, void* object, Serializer* serializer);
+    static bool SaveWString(const Property* property, const void* object, Serializer* serializer);
+    static bool LoadObject(const Property* property, void* object, Serializer* serializer);
+    static bool SaveObject(const Property* property, const void* object, Serializer* serializer);
+
     const Class* GetOwnerClass() const { return m_owner; }
     void SetOwnerClass(const Class* owner) { m_owner = owner; }
     const Class* GetClass() const { return m_type; }

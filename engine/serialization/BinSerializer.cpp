@@ -325,6 +325,15 @@ bool BinSerializer::InternalEnter(FourCC tag)
     return true;
 }
 
+bool BinSerializer::InternalEnterNext(FourCC tag)
+{
+    // After a section was left only its next sibling may follow: no wrapping
+    // back to the first.
+    if (m_mode == MODE_READ && m_lastLeft && (!m_lastLeft->next || m_lastLeft->next->id != tag))
+        return false;
+    return InternalEnter(tag);
+}
+
 void BinSerializer::InternalLeave()
 {
     if (!m_current || m_current == m_root)

@@ -59,6 +59,7 @@ public:
 protected:
     void InternalClose() override;
     bool InternalEnter(FourCC tag) override;
+    bool InternalEnterNext(FourCC tag) override;
     void InternalLeave() override;
 
 private:

@@ -1,5 +1,6 @@
 #include "serialization/Serializer.h"
 
+#include <cstdarg>
 #include <cstring>
 
 #include "io/StreamManager.h"
@@ -65,6 +66,44 @@ SerializeMemLayout& SerializeMemLayout::Add(SerializeMemType type, unsigned offs
     m_fields.Add(Field{type, offset});
     return *this;
 }
+
+SerializeMemLayout::SerializeMemLayout(unsigned int recordSize, unsigned int count, ...) : m_size(recordSize)
+{
+    va_list fields;
+    va_start(fields, count);
+    for (unsigned i = 0; i < count; ++i)
+    {
+        int type = va_arg(fields, int);
+        int offset = va_arg(fields, int);
+        if (type >= UInt8 && type <= Double && offset >= 0)
+            Add(SerializeMemType(type), unsigned(offset));
+    }
+    va_end(fields);
+}
+
+SerializeMemLayout& SerializeMemLayout::AddAt(const void* record, const void* field, SerializeMemType type,
+                                              unsigned components)
+{
+    auto offset = static_cast<const uint8*>(field) - static_cast<const uint8*>(record);
+    if (offset < 0 || uint64(offset) + uint64(GetTypeSize(type)) * components > m_size)
+        return *this;
+    for (unsigned i = 0; i < components; ++i)
+        Add(type, unsigned(offset) + i * GetTypeSize(type));
+    return *this;
+}
+
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const uint8& f) { return AddAt(r, &f, UInt8, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const int16& f) { return AddAt(r, &f, Int16, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const uint16& f) { return AddAt(r, &f, UInt16, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const int32& f) { return AddAt(r, &f, Int32, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const uint32& f) { return AddAt(r, &f, UInt32, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const int64& f) { return AddAt(r, &f, Int64, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const uint64& f) { return AddAt(r, &f, UInt64, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const float& f) { return AddAt(r, &f, Float, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const double& f) { return AddAt(r, &f, Double, 1); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const Vector2& f) { return AddAt(r, &f, Float, 2); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const Vector3& f) { return AddAt(r, &f, Float, 3); }
+SerializeMemLayout& SerializeMemLayout::Add(const void* r, const Vector4& f) { return AddAt(r, &f, Float, 4); }
 
 SerializeMemLayout& SerializeMemLayout::AddVector(unsigned components, unsigned offset)
 {

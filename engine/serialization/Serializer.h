@@ -42,6 +42,16 @@ inline constexpr FourCC REF = Make("REF");
 inline constexpr FourCC PATH = Make("PATH");
 inline constexpr FourCC HSPH = Make("HSPH");
 inline constexpr FourCC DATA = Make("DATA");
+// Containers and delegates as property values (and as items of containers).
+inline constexpr FourCC ARRY = Make("ARRY"); // section: an array; "CNT", then "ITEM" sections
+inline constexpr FourCC MAP = Make("MAP");   // section: a map; "CNT", then "ITEM" sections
+inline constexpr FourCC CNT = Make("CNT");   // number of "ITEM" sections that follow
+inline constexpr FourCC ITEM = Make("ITEM"); // section: one element, or one pair of a map
+inline constexpr FourCC KEY = Make("KEY");   // section in a map's "ITEM": the key
+inline constexpr FourCC VALU = Make("VALU"); // section in a map's "ITEM": the value
+inline constexpr FourCC DLGT = Make("DLGT"); // section: a delegate; its target, then "FUNC"
+inline constexpr FourCC SELF = Make("SELF"); // bool: the target is the object that holds the delegate
+inline constexpr FourCC FUNC = Make("FUNC"); // name of the reflected function a delegate calls
 } // namespace FourCCs
 
 // The layout of a plain record stored raw (binary) or field by field (XML).
@@ -67,14 +77,34 @@ public:
     };
 
     explicit SerializeMemLayout(unsigned int recordSize) : m_size(recordSize) {}
+    // A record of `recordSize` bytes with `count` fields, each given by two
+    // further int arguments: its SerializeMemType and its byte offset.
+    SerializeMemLayout(unsigned int recordSize, unsigned int count, ...);
     static unsigned GetTypeSize(SerializeMemType type);
 
     SerializeMemLayout& Add(SerializeMemType type, unsigned offset);
+    // A field of `record` by its own type, at its offset in the record (a
+    // vector adds one float per component). A field outside the record's
+    // first `size` bytes is not added.
+    SerializeMemLayout& Add(const void* record, const uint8& field);
+    SerializeMemLayout& Add(const void* record, const int16& field);
+    SerializeMemLayout& Add(const void* record, const uint16& field);
+    SerializeMemLayout& Add(const void* record, const int32& field);
+    SerializeMemLayout& Add(const void* record, const uint32& field);
+    SerializeMemLayout& Add(const void* record, const int64& field);
+    SerializeMemLayout& Add(const void* record, const uint64& field);
+    SerializeMemLayout& Add(const void* record, const float& field);
+    SerializeMemLayout& Add(const void* record, const double& field);
+    SerializeMemLayout& Add(const void* record, const Vector2& field);
+    SerializeMemLayout& Add(const void* record, const Vector3& field);
+    SerializeMemLayout& Add(const void* record, const Vector4& field);
     SerializeMemLayout& AddVector(unsigned components, unsigned offset);
     unsigned int GetSize() const { return m_size; }
     const TArray<Field>& GetFields() const { return m_fields; }
 
 private:
+    SerializeMemLayout& AddAt(const void* record, const void* field, SerializeMemType type, unsigned components);
+
     unsigned int m_size;
     TArray<Field> m_fields;
 };
@@ -183,6 +213,11 @@ public:
 
     // --- Sections ---------------------------------------------------------------
     bool Enter(FourCC tag) { return InternalEnter(tag); }
+    // When reading: the section with this tag right after the one just left
+    // (the first one when none was left here), and never the first again, so
+    // that a run of repeated sections is read once and its end is seen.
+    // When writing it is Enter.
+    bool EnterNext(FourCC tag) { return InternalEnterNext(tag); }
     void Leave() { InternalLeave(); }
     void Close();
 
@@ -231,6 +266,7 @@ protected:
     Serializer() = default;
     virtual void InternalClose() = 0;
     virtual bool InternalEnter(FourCC tag) = 0;
+    virtual bool InternalEnterNext(FourCC tag) = 0;
     virtual void InternalLeave() = 0;
 
     bool PushHdr();

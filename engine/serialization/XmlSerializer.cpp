@@ -484,6 +484,20 @@ bool XmlSerializer::InternalEnter(FourCC tag)
     return true;
 }
 
+bool XmlSerializer::InternalEnterNext(FourCC tag)
+{
+    // After a section was left only a later sibling may follow: no wrapping
+    // back to the first.
+    State& s = *m_state;
+    if (m_mode == MODE_READ && s.lastLeft)
+    {
+        AString name = FourCCs::ToString(tag);
+        if (!s.lastLeft->next_sibling(name(), name.Length()))
+            return false;
+    }
+    return InternalEnter(tag);
+}
+
 void XmlSerializer::InternalLeave()
 {
     State& s = *m_state;

@@ -119,7 +119,9 @@ bool Object::LoadProperties(Serializer* serializer)
     for (uint32 i = 0; i < count; ++i)
     {
         WString name;
-        if (!serializer->Enter(FourCCs::PROP))
+        // One section after the other, never back to the first: a count
+        // larger than the sections present ends at the first missing one.
+        if (!serializer->EnterNext(FourCCs::PROP))
             return false;
         if (!serializer->Read(FourCCs::NAME, name))
         {

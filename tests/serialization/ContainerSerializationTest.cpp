@@ -181,6 +181,34 @@ TEST_P(ContainerForms, ForgedCountsFailWithoutReservingForThem)
     EXPECT_TRUE(log->Contains(u"Load Property 'Counts' failed.\n"));
 }
 
+TEST_P(ContainerForms, PropertyCountsBeyondTheSectionsFail)
+{
+    // Two properties present, three counted: the list does not start over.
+    for (uint32 count : {3u, 0xFFFFFFFFu})
+    {
+        Bytes bytes = WriteWith(Form(), [&](Serializer& s) {
+            ASSERT_TRUE(s.Enter(FourCCs::OBJ));
+            s.Write(FourCCs::OBID, 1u);
+            s.Write(FourCCs::CLS, WString(u"SamplePart"));
+            s.Write(FourCCs::PRSZ, count);
+            for (const char16_t* name : {u"Id", u"Hits"})
+            {
+                s.EnterNext(FourCCs::PROP);
+                s.Write(FourCCs::NAME, WString(name));
+                s.Write(FourCCs::VAL, int32(1));
+                s.Leave();
+            }
+            s.Leave();
+        });
+        Serializer* s = OpenReader(bytes);
+        ASSERT_TRUE(s);
+        ASSERT_TRUE(s->Enter(FourCCs::OBJ));
+        Ptr<Object> out;
+        EXPECT_FALSE(s->LoadObject(out, nullptr, 0)) << count;
+        delete s;
+    }
+}
+
 TEST_P(ContainerForms, ItemsOfAnotherClassAreRefused)
 {
     Bytes bytes = HandWritten(Form(), u"Parts", [](Serializer& s) {

@@ -4,9 +4,15 @@
 //                                 document of an XML file, on stdout
 //   kovex-dump to-xml IN OUT      loads the object graph of IN's "OBJ" section
 //   kovex-dump to-bin IN OUT      and saves it to OUT in the other form
+//   kovex-dump --load LIB ...     first loads the shared library LIB (any
+//                                 number of times), whose reflected classes
+//                                 register as it loads
 //
 // Conversion goes through the engine's own load and save, so it covers the
-// classes this build knows; an unknown class fails the conversion.
+// classes this build knows and those of the libraries loaded; an unknown
+// class fails the conversion.
+
+#include <dlfcn.h>
 
 #include <cstdio>
 #include <cstring>
@@ -104,6 +110,14 @@ int Convert(const char* from, const char* to, bool xml)
 
 int main(int argc, char** argv)
 {
+    // The libraries stay loaded to the end: the registry holds their classes.
+    while (argc > 2 && std::strcmp(argv[1], "--load") == 0)
+    {
+        if (!dlopen(argv[2], RTLD_NOW | RTLD_GLOBAL))
+            return Fail(std::string("cannot load ") + argv[2] + ": " + dlerror());
+        argv += 2;
+        argc -= 2;
+    }
     std::string command = argc > 1 ? argv[1] : "";
     if (argc == 2 && command != "to-xml" && command != "to-bin")
     {
@@ -119,6 +133,6 @@ int main(int argc, char** argv)
         Kovex_System_Terminate();
         return result;
     }
-    std::fprintf(stderr, "usage: kovex-dump FILE\n       kovex-dump to-xml|to-bin IN OUT\n");
+    std::fprintf(stderr, "usage: kovex-dump [--load LIB]... FILE\n       kovex-dump [--load LIB]... to-xml|to-bin IN OUT\n");
     return 2;
 }

@@ -11,6 +11,45 @@ using namespace KovexEngine;
 using namespace KovexSample;
 using namespace KovexTest;
 
+namespace KovexContainerTest {
+
+// A struct stored by its fields ("SKT"), with no stored form of its own.
+struct Spot
+{
+    KOVEX_STRUCT(Spot)
+    Vector3 at;
+    float size = 0;
+    int32 kind = 0;
+};
+
+class Spots : public Object
+{
+    KOVEX_CLASS(Spots)
+public:
+    TArray<Spot> spots;
+    TMap<int32, Spot> byKind;
+};
+
+KOVEX_REGISTER_STRUCT(Spot, u"Tests", KOVEX_TYPE_CUSTOM)
+void Spot::StaticConstructor(Class* cls)
+{
+    AddStructField(cls, u"At", &Spot::at);
+    AddStructField(cls, u"Size", &Spot::size);
+    AddStructField(cls, u"Kind", &Spot::kind);
+    cls->ProcessClass();
+}
+
+KOVEX_REGISTER_CLASS_EX(Spots, u"Tests")
+void Spots::StaticConstructor(Class* cls)
+{
+    RegisterBases<Spots, Object>(cls);
+    AddArrayField(cls, u"Spots", &Spots::spots);
+    AddMapField(cls, u"ByKind", &Spots::byKind);
+    cls->ProcessClass();
+}
+
+} // namespace KovexContainerTest
+
 namespace {
 
 Bytes SaveCrate(const Class* form, const ConstPtr<Object>& object, bool* saved = nullptr)
@@ -263,6 +302,38 @@ TEST_P(ContainerForms, DelegatesNeedReflectedFunctions)
     ASSERT_TRUE(self);
     self->onHit(4);
     EXPECT_EQ(self->selfHits, 4);
+}
+
+TEST(ContainerSerialization, StructsStoredByTheirFields)
+{
+    using namespace KovexContainerTest;
+    Ptr<Spots> spots(new Spots());
+    for (int32 i = 0; i < 3; ++i)
+    {
+        Spot spot;
+        spot.at = Vector3(float(i), 2, 3);
+        spot.size = 0.5f * float(i);
+        spot.kind = i;
+        spots->spots.Add(spot);
+        spots->byKind.Set(i * 10, spot);
+    }
+    Bytes bytes = SaveCrate(BinSerializer::StaticGetClass(), ConstPtr<Object>(spots.Get()));
+    Serializer* s = OpenReader(bytes);
+    ASSERT_TRUE(s);
+    Ptr<Object> out;
+    ASSERT_TRUE(s->Enter(FourCCs::OBJ));
+    EXPECT_TRUE(s->LoadObject(out, nullptr, 0));
+    delete s;
+    Spots* loaded = DynamicCast<Spots>(out.Get());
+    ASSERT_TRUE(loaded);
+    ASSERT_EQ(loaded->spots.Count(), 3u);
+    ASSERT_EQ(loaded->byKind.Count(), 3u);
+    for (int32 i = 0; i < 3; ++i)
+    {
+        EXPECT_EQ(loaded->spots[unsigned(i)].at.x, float(i));
+        EXPECT_EQ(loaded->spots[unsigned(i)].size, 0.5f * float(i));
+        EXPECT_EQ(loaded->byKind.FindValue(i * 10)->kind, i);
+    }
 }
 
 TEST(ContainerSerialization, BinaryToTextToBinaryKeepsEveryByte)

@@ -232,6 +232,15 @@ TEST(Package, HostileTablesFailCleanly)
         outside[record + 8 + i] = i == 0 ? char(0xF0) : 0;
     EXPECT_FALSE(mounts(outside));
 
+    // A compression type with no compressor, whose small "compressed" block
+    // fits but whose size, read raw, runs past the end of the file.
+    std::string unknown = BuildPackage({{"a", "abcd", false}}, false);
+    record = unknown.size() - 64 - (68 + 1);
+    unknown[record + 16 + 1] = 0x04;  // size 1024 + 4
+    unknown[record + 24] = 1;         // compressed size 1
+    unknown[record + 32] = 3;         // type 3: none such
+    EXPECT_FALSE(mounts(unknown));
+
     // An absurd member count.
     std::string count = BuildPackage({{"a", "abc", false}}, false);
     for (int i = 0; i < 8; ++i)

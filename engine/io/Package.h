@@ -18,10 +18,12 @@ namespace KovexEngine {
 // safe from any thread at any time, Mount and Unmount included. Mount,
 // Unmount and the changes (AddFiles, Rename, Delete, the rebuilds) lock the
 // package against one another and against those readers. The accessors that
-// return references (GetFiles, GetMountDir, GetPackage, GetHeader) belong to
-// the thread that mounts and changes the package. A member stream holds the
-// package's file open by itself: it reads the same bytes after an unmount, a
-// change or the package's destruction.
+// return references (GetFiles, GetMountDir, GetPackage, GetHeader) and the
+// member objects' fields belong to the thread that mounts and changes the
+// package. A member stream holds the package's file open by itself: it reads
+// the same bytes after an unmount, a change or the package's destruction. A
+// package made over a stream that is not a file or memory (the stream form)
+// shares that stream among its members: read them from one thread.
 //
 // A change never writes over bytes that the current table refers to: the
 // changed package is written beside the old one (path + ".tmp") and renamed

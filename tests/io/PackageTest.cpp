@@ -418,7 +418,6 @@ TEST(Package, ConcurrentReadersWhileThePackageIsRemountedAndChanged)
     FindFile find;
     find.AddInclude(WString(u"*"), dir.W("src"), 0);
     ASSERT_TRUE(Package::MakeNewPackage(dir.W("p.kpk"), find, DelegateC<bool(Package::File*)>(&Takes), nullptr));
-    KovexTest::LogCapture quiet;
     Package package(dir.W("p.kpk"));
     package.SetWritable(true);
     ASSERT_TRUE(package.Mount(WString()));

@@ -216,7 +216,6 @@ TEST(StreamManager, LoaderThreadsReadWhilePackagesComeAndGo)
                                             DelegateC<bool(Package::File*)>(&TextDeflated), nullptr));
     }
     root.Write("decoy.bin", std::string(20000, 'X'));
-    KovexTest::LogCapture quiet;
     StreamManager* manager = StreamManager::Ins();
     manager->SetSource(StreamSource::Package);
     auto mountPath = [&](int p) { return root.W("pk" + std::to_string(p) + ".kpk"); };

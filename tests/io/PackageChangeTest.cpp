@@ -19,6 +19,7 @@
 #include "io/Package.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"
+#include "support/ReadStream.h"
 #include "support/TempDir.h"
 
 using namespace KovexEngine;
@@ -26,6 +27,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using KovexTest::ReadRest;
 using KovexTest::TempDir;
 using Contents = std::map<std::string, std::string>;
 
@@ -33,16 +35,6 @@ std::string Bytes(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-std::string ReadRest(const Ptr<Stream>& stream)
-{
-    if (!stream)
-        return "<null>";
-    std::string out(size_t(stream->GetSize() - stream->GetPosition()), '\0');
-    if (!out.empty() && !stream->Read(out.data(), int(out.size())))
-        return "<read failed>";
-    return out;
 }
 
 // Every member of the package at `path`, or an empty map when it does not mount.
@@ -315,6 +307,21 @@ TEST(PackageChange, RenameAndDeleteCutShortLeaveTheOldPackageOrTheNew)
             return false;
         return package.Rename(package.GetFile(WString(u"c.bin")), WString(u"a/much/longer/name/for/c.bin")) &&
                package.Delete(package.GetFile(WString(u"b.bin"))) && package.RebuildFileTable();
+    };
+    CheckInterruptions(dir, change, before, after);
+}
+
+TEST(PackageChange, RebuildCutShortLeavesTheOldPackageOrTheNew)
+{
+    TempDir dir;
+    Contents before = {{"a.txt", Text(30000, 7)}, {"b.bin", std::string(9000, 'b')}, {"c.bin", Text(7000, 8)}};
+    Make(dir, "p.kpk", before, "a.txt");
+    Contents after = {{"a.txt", before["a.txt"]}, {"c.bin", before["c.bin"]}};
+    auto change = [&] {
+        Package package(dir.W("p.kpk"));
+        package.SetWritable(true);
+        return package.Mount(WString()) && package.Delete(package.GetFile(WString(u"b.bin"))) &&
+               package.RebuildPackage(nullptr);
     };
     CheckInterruptions(dir, change, before, after);
 }

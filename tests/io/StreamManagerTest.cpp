@@ -14,6 +14,7 @@
 #include "kernel/Engine.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"
+#include "support/ReadStream.h"
 
 using namespace KovexEngine;
 namespace fs = std::filesystem;
@@ -47,16 +48,7 @@ public:
     WString previous;
 };
 
-// From the position to the end.
-std::string ReadAll(const Ptr<Stream>& stream)
-{
-    if (!stream)
-        return "<null>";
-    std::string out(size_t(stream->GetSize() - stream->GetPosition()), '\0');
-    if (!out.empty() && !stream->Read(out.data(), int(out.size())))
-        return "<read failed>";
-    return out;
-}
+std::string ReadAll(const Ptr<Stream>& stream) { return KovexTest::ReadRest(stream); }
 
 bool Everything(Package::File*) { return true; }
 

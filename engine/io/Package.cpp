@@ -1193,17 +1193,15 @@ bool Package::RebuildPackage(State* state)
     if (state)
         state->phase = 3;
     HEADER header;
+    // Phase 4, replacing the file, is the rename at the end of the commit.
+    if (state)
+        state->phase = 4;
     if (!CommitChange(temp, copies, header))
     {
         if (state)
             state->phase = 0;
-        if (!m_stream)
-            return fail();
-        Log::Format(LOG_WARNING, u"Package: Rebuild Package %s failed, package is openned by another process.\n", m_path());
-        return false;
+        return fail();
     }
-    if (state)
-        state->phase = 4;
     for (unsigned i = 0; i < ordered.Count(); ++i)
     {
         File* member = const_cast<File*>(ordered[i].Get());

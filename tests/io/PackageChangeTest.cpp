@@ -16,6 +16,7 @@
 #include <string>
 
 #include "io/FileStream.h"
+#include "io/MemoryStream.h"
 #include "io/Package.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"
@@ -324,4 +325,43 @@ TEST(PackageChange, RebuildCutShortLeavesTheOldPackageOrTheNew)
                package.RebuildPackage(nullptr);
     };
     CheckInterruptions(dir, change, before, after);
+}
+
+TEST(PackageChange, APackageInMemoryChangesTheSameWay)
+{
+    TempDir dir;
+    Make(dir, "p.kpk", {{"a.txt", Text(20000, 9)}, {"b.bin", "bbbb"}}, "a.txt");
+    std::string image = Bytes(dir.path + "/p.kpk");
+    auto* data = new DataStream(unsigned(image.size()));
+    std::memcpy(data->GetPointer(), image.data(), image.size());
+    Ptr<Stream> memory(new MemoryStream(data, true));
+    Package package(memory, WString(u"memory.kpk"));
+    ASSERT_TRUE(package.Mount(WString()));
+    Ptr<Stream> early = package.CreateStream(WString(u"b.bin"));
+    ASSERT_TRUE(early && early->Open());
+
+    TArray<Ptr<Package::File>> files;
+    files.Add(Source(dir, "a.txt", "short now", 0)); // in place, and the table changes length
+    files.Add(Source(dir, "c.bin", std::string(5000, 'c'), 0));
+    ASSERT_TRUE(package.AddFiles(files, nullptr));
+    ASSERT_TRUE(package.Rename(package.GetFile(WString(u"c.bin")), WString(u"dir/c.bin")));
+    ASSERT_TRUE(package.RebuildFileTable());
+    EXPECT_EQ(ReadRest(early), "bbbb") << "a member opened before the changes";
+    early->Close();
+
+    auto read = [&](const char16_t* name) {
+        Ptr<Stream> stream = package.CreateStream(WString(name));
+        return stream && stream->Open() ? ReadRest(stream) : std::string("<none>");
+    };
+    EXPECT_EQ(read(u"a.txt"), "short now");
+    EXPECT_EQ(read(u"dir/c.bin"), std::string(5000, 'c'));
+    ASSERT_TRUE(package.RebuildPackage(nullptr));
+    // What the package stream now holds mounts afresh, with nothing stale at its end.
+    const Ptr<Stream>& stream = package.GetPackage();
+    std::string bytes(size_t(stream->GetSize()), '\0');
+    stream->Seek(0, Stream::Begin);
+    ASSERT_TRUE(stream->Read(bytes.data(), int(bytes.size())));
+    std::ofstream(dir.path + "/copy.kpk", std::ios::binary) << bytes;
+    EXPECT_EQ(Mounted(dir.W("copy.kpk")),
+              (Contents{{"a.txt", "short now"}, {"b.bin", "bbbb"}, {"dir/c.bin", std::string(5000, 'c')}}));
 }

@@ -31,7 +31,12 @@ int main(int argc, char** argv)
             ++files;
         }
     }
-    // Mutations of the seeds: flipped, inserted and dropped bytes.
+    // Mutations of the seeds: flipped, inserted and dropped bytes, and (for
+    // targets built with KOVEX_REPLAY_EDGE_VALUES) little-endian fields
+    // overwritten with values that sit on the edges of what a reader checks
+    // (counts, sizes, offsets and type bytes).
+    static const uint64_t kEdges[] = {0, 1, 2, 3, 0x7F, 0x80, 0xFF, 0x100, 0x400, 0x7FFF, 0xFFFF,
+                                      0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, ~0ull};
     std::mt19937 random(12345);
     unsigned generated = 0;
     for (; generated < 3000; ++generated)
@@ -40,9 +45,20 @@ int main(int argc, char** argv)
         unsigned edits = 1 + random() % 8;
         for (unsigned e = 0; e < edits; ++e)
         {
+#ifdef KOVEX_REPLAY_EDGE_VALUES
+            unsigned kind = random() % 4;
+#else
             unsigned kind = random() % 3;
+#endif
             size_t at = input.empty() ? 0 : random() % input.size();
-            if (kind == 0 && !input.empty())
+            if (kind == 3 && !input.empty())
+            {
+                uint64_t value = kEdges[random() % (sizeof kEdges / sizeof kEdges[0])];
+                size_t width = size_t(1) << (random() % 4);
+                for (size_t b = 0; b < width && at + b < input.size(); ++b)
+                    input[at + b] = uint8_t(value >> (8 * b));
+            }
+            else if (kind == 0 && !input.empty())
                 input[at] = uint8_t(random());
             else if (kind == 1)
                 input.insert(input.begin() + long(at), uint8_t(random()));

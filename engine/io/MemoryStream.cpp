@@ -104,11 +104,19 @@ void ProxyStream::InternalClose()
         m_source->Close();
 }
 
+// The stretch may claim more than the source holds (a corrupt package
+// table): nothing past the source's end is ever touched.
+bool ProxyStream::InSource(int64 offset, int64 size) const
+{
+    int64 sourceSize = m_source->GetSize();
+    return offset >= 0 && size >= 0 && (sourceSize < 0 || m_offset + offset <= sourceSize - size);
+}
+
 bool ProxyStream::InternalWrite(const void* data, int size)
 {
     if (!m_source || size < 0 || !data)
         return false;
-    if (m_position < 0 || m_position + size > m_size)
+    if (m_position < 0 || m_position + size > m_size || !InSource(m_position, size))
     {
         Log::Print(LOG_INFO, u"Write data to ProxyStream failed, can't extend length automatic.\n");
         return false;
@@ -126,8 +134,8 @@ bool ProxyStream::InternalRead(void* data, int size)
 {
     if (!m_source || size < 0 || !data)
         return false;
-    // Reads stay inside the proxy's stretch.
-    if (m_position < 0 || m_position + size > m_size)
+    // Reads stay inside the proxy's stretch and the source.
+    if (m_position < 0 || m_position + size > m_size || !InSource(m_position, size))
         return false;
     if (m_source->IsMappable())
     {
@@ -158,7 +166,7 @@ void ProxyStream::InternalSeek(int64 offset, SeekOrigin origin)
 
 void* ProxyStream::InternalMap(int64 offset, unsigned int size)
 {
-    if (!m_source || offset < 0 || offset + int64(size) > m_size)
+    if (!m_source || offset < 0 || offset + int64(size) > m_size || !InSource(offset, int64(size)))
         return nullptr;
     return m_source->Map(m_offset + offset, size);
 }

@@ -61,6 +61,8 @@ protected:
     void* InternalMap(int64 offset, unsigned int size) override;
     void InternalUnmap() override;
 
+    bool InSource(int64 offset, int64 size) const;
+
     Ptr<Stream> m_source;
     int64 m_position = 0;
     int64 m_offset;

@@ -1,12 +1,14 @@
 #include "io/Package.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 #include "io/FileIo.h"
 #include "io/FileStream.h"
@@ -48,9 +50,10 @@ public:
     Ptr<Stream> CreateMemberStream(const ConstPtr<Package::File>& file, Stream* package) override
     {
         // A stream object of its own over the same descriptor: its views and
-        // position are this reader's alone.
+        // position are this reader's alone. The package's stream object is
+        // held too: it owns the descriptor, which must outlive the member.
         Ptr<Stream> source(new FileStream(static_cast<FileStream*>(package)->GetHandle(), true, false));
-        return Ptr<Stream>(new PackageStream(file, source, true));
+        return Ptr<Stream>(new PackageStream(file, source, Ptr<Stream>(package)));
     }
     Stream* GetReadStream(Stream* package) override
     {
@@ -63,7 +66,7 @@ class StreamUncompressProxy final : public Package::IUncompressProxy
 public:
     Ptr<Stream> CreateMemberStream(const ConstPtr<Package::File>& file, Stream* package) override
     {
-        return Ptr<Stream>(new PackageStream(file, Ptr<Stream>(package), false));
+        return Ptr<Stream>(new PackageStream(file, Ptr<Stream>(package), Ptr<Stream>()));
     }
     Stream* GetReadStream(Stream* package) override { return package; }
 };
@@ -78,6 +81,29 @@ AString Native(const WString& path)
     return out;
 }
 
+// Puts a finished file in another's place: its data reaches the disk
+// before the rename, so that the name never stands for a partial file.
+bool MoveIntoPlace(const AString& from, const AString& to)
+{
+    int fd = ::open(from(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool synced = ::fsync(fd) == 0;
+    ::close(fd);
+    if (!synced || ::rename(from(), to()) != 0)
+        return false;
+    AString directory(to);
+    unsigned slash = directory.LastIndexOf('/');
+    directory = slash == kNotFound ? AString(".") : (slash == 0 ? AString("/") : directory.SubString(0, slash));
+    int dirFd = ::open(directory(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd >= 0)
+    {
+        ::fsync(dirFd);
+        ::close(dirFd);
+    }
+    return true;
+}
+
 class FilePackageProxy final : public Package::IPackageProxy
 {
 public:
@@ -88,7 +114,7 @@ public:
     bool DeleteStream(Stream* stream) override { return stream && ::unlink(Native(stream->GetPath())()) == 0; }
     bool ReplaceStream(Stream* from, Stream* to) override
     {
-        return from && to && ::rename(Native(from->GetPath())(), Native(to->GetPath())()) == 0;
+        return from && to && MoveIntoPlace(Native(from->GetPath()), Native(to->GetPath()));
     }
     bool SetEndOfStream(Stream* stream) override
     {
@@ -118,7 +144,14 @@ public:
         m_stream = from;
         return from != nullptr;
     }
-    bool SetEndOfStream(Stream*) override { return false; }
+    // Only the memory streams this proxy makes can be cut short.
+    bool SetEndOfStream(Stream* stream) override
+    {
+        auto* memory = dynamic_cast<MemoryStream*>(stream);
+        int64 end = memory ? memory->GetPosition() : -1;
+        return memory && memory->GetDataStream() && end >= 0 && end <= int64(DataStream::kMaxSize) &&
+               memory->GetDataStream()->SetLength(unsigned(end), true);
+    }
     Package::IUncompressProxy* GetUncompressProxy() override { return &s_streamUncompress; }
 
 private:
@@ -229,9 +262,13 @@ bool Package::IsSafeName(const WString& name)
 
 // --- Construction and mounting -------------------------------------------------------------
 
-Package::Package(const WString& path) : m_proxy(new FilePackageProxy(path)), m_path(path) {}
+Package::Package(const WString& path)
+    : m_proxy(new FilePackageProxy(path)), m_path(path), m_streamCount(new StreamCount())
+{
+}
 
-Package::Package(const Ptr<Stream>& stream, const WString& name) : m_proxy(new StreamPackageProxy(stream, name)), m_path(name)
+Package::Package(const Ptr<Stream>& stream, const WString& name)
+    : m_proxy(new StreamPackageProxy(stream, name)), m_path(name), m_streamCount(new StreamCount())
 {
 }
 
@@ -243,11 +280,38 @@ Package::~Package()
 
 ConstPtr<Package::File> Package::GetFile(const WString& name) const
 {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    return GetFileLocked(name);
+}
+
+ConstPtr<Package::File> Package::GetFileLocked(const WString& name) const
+{
     const ConstPtr<File>* found = m_files.FindValue(name);
     return found ? *found : ConstPtr<File>();
 }
 
+bool Package::IsMountedOn(const WString& mountDir) const
+{
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    return m_stream && m_mountDir == mountDir;
+}
+
+TArray<Ptr<Package::File>> Package::MembersInMapOrder() const
+{
+    TArray<Ptr<File>> all;
+    all.Reserve(m_files.Count());
+    for (const auto& pair : m_files)
+        all.Add(Ptr<File>(const_cast<File*>(pair.value.Get())));
+    return all;
+}
+
 bool Package::Mount(const WString& mountDir)
+{
+    std::unique_lock<std::shared_mutex> lock(m_lock);
+    return MountLocked(mountDir);
+}
+
+bool Package::MountLocked(const WString& mountDir)
 {
     if (m_stream)
         return true;
@@ -329,7 +393,11 @@ bool Package::Mount(const WString& mountDir)
         uint64 inPackage = file->GetSizeInPackage();
         bool inflateOk = !file->IsCompressed() ||
                          (file->size <= DataStream::kMaxSize && file->size <= InflateLimit(file->compressedSize));
-        if (file->offset > tableStart || inPackage > tableStart - file->offset || !inflateOk)
+        // A type without a compressor would be read as raw, at its
+        // uncompressed size, past the block that was checked.
+        bool typeKnown = !file->IsCompressed() ||
+                         Compressor::CreateCompressor(Compressor::TYPE(file->compressionType)).Get() != nullptr;
+        if (file->offset > tableStart || inPackage > tableStart - file->offset || !inflateOk || !typeKnown)
         {
             Log::Format(LOG_WARNING, u"Package: %s load package file table failed.\n", m_path());
             m_files.Clear();
@@ -371,19 +439,30 @@ bool Package::ReadTable(Stream* reader, const WString& mountDir, uint64 count)
 
 void Package::Unmount()
 {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
+    UnmountLocked();
+}
+
+void Package::UnmountLocked()
+{
     for (auto& pair : m_files)
         const_cast<File*>(pair.value.Get())->owner = nullptr;
     m_files.Clear();
     m_mountDir.Clear();
-    if (m_stream)
+    // A file package's stream object is only let go: open member streams
+    // hold it, and with it the descriptor they read, which it closes when the
+    // last of them is gone. A stream given from outside is closed when no
+    // member reads it.
+    if (m_stream && m_proxy->GetUncompressProxy() != &s_fileUncompress && GetOpenStreamCount() == 0)
         m_stream->Close();
     m_stream = nullptr;
 }
 
 // --- Member streams ---------------------------------------------------------------------------
 
-const Stream::DateTime& Package::GetFileDateTime(const WString& path) const
+Stream::DateTime Package::GetFileDateTime(const WString& path) const
 {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
     WString name;
     if (m_mountDir.IsEmpty())
         name = path;
@@ -397,6 +476,7 @@ const Stream::DateTime& Package::GetFileDateTime(const WString& path) const
 
 Ptr<Stream> Package::CreateStream(const WString& path)
 {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
     WString name(path);
     if (m_mountDir.IsValid() && path.StartsWith(m_mountDir()))
         path.SubString(name, m_mountDir.Length());
@@ -489,13 +569,19 @@ Ptr<Stream> Package::UncompressStream(const File* file, Stream* package, IUncomp
     return Ptr<Stream>(memory.Get());
 }
 
-PackageStream::PackageStream(const ConstPtr<Package::File>& file, const Ptr<Stream>& package, bool privateSource)
-    : ProxyStream(package, file && !file->IsCompressed() ? int64(file->offset) : 0, file ? int64(file->size) : 0),
-      m_file(file), m_privateSource(privateSource)
+PackageStream::PackageStream(const ConstPtr<Package::File>& file, const Ptr<Stream>& source,
+                             const Ptr<Stream>& packageFile)
+    : ProxyStream(source, file && !file->IsCompressed() ? int64(file->offset) : 0, file ? int64(file->size) : 0),
+      m_file(file), m_packageFile(packageFile)
 {
     m_flags &= ~uint32(Writeable);
     if (file)
+    {
         m_path = file->path;
+        m_date = file->date;
+        if (file->owner)
+            m_count = file->owner->m_streamCount;
+    }
 }
 
 PackageStream::~PackageStream()
@@ -506,15 +592,16 @@ PackageStream::~PackageStream()
 
 bool PackageStream::InternalOpen()
 {
-    if (!m_file || !m_file->owner)
+    // A member that belonged to no package when this stream was made.
+    if (!m_file || !m_count)
         return false;
     if (!ProxyStream::InternalOpen())
         return false;
-    m_owner = m_file->owner;
-    m_owner->AddFileRef();
+    m_count->open.fetch_add(1, std::memory_order_relaxed);
+    m_counted = true;
     // A file read with positioned reads: no shared file pointer, no page
     // faults of a view, and as fast as reading the file itself.
-    m_fd = m_privateSource && m_source->IsFileStream()
+    m_fd = m_packageFile && m_source->IsFileStream()
                ? int(reinterpret_cast<intptr_t>(static_cast<FileStream*>(m_source.Get())->GetHandle()))
                : -1;
     return true;
@@ -523,9 +610,9 @@ bool PackageStream::InternalOpen()
 void PackageStream::InternalClose()
 {
     ProxyStream::InternalClose();
-    if (m_owner)
-        m_owner->DelFileRef();
-    m_owner = nullptr;
+    if (m_counted)
+        m_count->open.fetch_sub(1, std::memory_order_relaxed);
+    m_counted = false;
     m_fd = -1;
 }
 
@@ -549,6 +636,13 @@ unsigned int Package::GetGranularity() { return FileStream::GetAllocationGranula
 
 bool Package::CopyStream(Stream* destination, Stream* source, State* state, DataStream* buffer)
 {
+    bool writeFailed = false;
+    return CopyStream(destination, source, state, buffer, writeFailed);
+}
+
+bool Package::CopyStream(Stream* destination, Stream* source, State* state, DataStream* buffer, bool& writeFailed)
+{
+    writeFailed = false;
     if (!destination || !source)
         return false;
     int64 remaining = source->GetSize() - source->GetPosition();
@@ -561,10 +655,15 @@ bool Package::CopyStream(Stream* destination, Stream* source, State* state, Data
     if (block->GetLength() == 0 && !block->SetLength(GetGranularity(), false))
         return false;
     unsigned blockSize = block->GetLength();
+    auto move = [&](unsigned count) {
+        if (!source->Read(block->GetPointer(), int(count)))
+            return false;
+        writeFailed = !destination->Write(block->GetPointer(), int(count));
+        return !writeFailed;
+    };
     while (remaining >= int64(blockSize))
     {
-        if (!source->Read(block->GetPointer(), int(blockSize)) ||
-            !destination->Write(block->GetPointer(), int(blockSize)))
+        if (!move(blockSize))
             return false;
         remaining -= blockSize;
         if (state)
@@ -576,8 +675,7 @@ bool Package::CopyStream(Stream* destination, Stream* source, State* state, Data
     }
     if (remaining > 0)
     {
-        if (!source->Read(block->GetPointer(), int(remaining)) ||
-            !destination->Write(block->GetPointer(), int(remaining)))
+        if (!move(unsigned(remaining)))
             return false;
         if (state)
             state->done += uint64(remaining);
@@ -774,7 +872,7 @@ bool Package::MakeNewPackage(const WString& path, const TArray<Ptr<File>>& files
     if (state)
         state->phase = 0;
     AString from = Native(temporary), to = Native(path);
-    if (!ok || ::rename(from(), to()) != 0)
+    if (!ok || !MoveIntoPlace(from, to))
     {
         ::unlink(from());
         return false;
@@ -784,20 +882,99 @@ bool Package::MakeNewPackage(const WString& path, const TArray<Ptr<File>>& files
 
 // --- Changing a mounted package ------------------------------------------------------------------
 
+Ptr<Stream> Package::BeginChange(uint64& dataEnd)
+{
+    dataEnd = uint64(m_stream->GetSize()) - kHeaderSize - m_header.GetSizeInPackage();
+    Ptr<Stream> temp(m_proxy->CreateTempStream());
+    if (!temp)
+        return Ptr<Stream>();
+    temp->SetWriteOnly();
+    if (!temp->Open())
+        return Ptr<Stream>();
+    if (dataEnd == 0)
+        return temp;
+    DataStream buffer(GetGranularity() * 16);
+    Ptr<Stream> data(new ProxyStream(m_stream, 0, int64(dataEnd)));
+    bool ok = data->Open() && CopyStream(temp.Get(), data.Get(), nullptr, &buffer);
+    data->Close();
+    if (!ok)
+    {
+        AbandonChange(temp);
+        return Ptr<Stream>();
+    }
+    return temp;
+}
+
+void Package::AbandonChange(const Ptr<Stream>& temp)
+{
+    temp->Close();
+    m_proxy->DeleteStream(temp.Get());
+}
+
+bool Package::ReopenStream(uint32 access)
+{
+    Ptr<Stream> fresh(m_proxy->CreateStream());
+    if (fresh)
+    {
+        fresh->SetReadable((access & Stream::Readable) != 0);
+        fresh->SetWriteable((access & Stream::Writeable) != 0);
+    }
+    if (!fresh || (!fresh->IsOpenned() && !fresh->Open()))
+    {
+        UnmountLocked();
+        return false;
+    }
+    m_stream = fresh;
+    return true;
+}
+
+bool Package::CommitChange(const Ptr<Stream>& temp, const TArray<Ptr<File>>& members, HEADER& header)
+{
+    // The new file ends with its header whatever was written before it.
+    if (!WriteTableAndHeader(header, members, temp.Get()) || !m_proxy->SetEndOfStream(temp.Get()))
+    {
+        AbandonChange(temp);
+        return false;
+    }
+    temp->Close();
+    // The old stream object is let go, not closed: open member streams read
+    // the old file through it.
+    if (!m_proxy->ReplaceStream(temp.Get(), m_stream.Get()))
+    {
+        m_proxy->DeleteStream(temp.Get());
+        return false;
+    }
+    m_header = header;
+    return ReopenStream(m_stream->GetFlags() & (Stream::Readable | Stream::Writeable));
+}
+
 bool Package::AddFiles(const TArray<Ptr<File>>& files, State* state)
 {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     if (!IsMounted() || !m_writable)
     {
         WString dir(m_mountDir);
-        Unmount();
+        UnmountLocked();
         m_writable = true;
-        if (!Mount(dir))
+        if (!MountLocked(dir))
         {
             Log::Print(LOG_INFO, u"Package: Add files failed.\n");
             return false;
         }
     }
-    uint64 position = uint64(m_stream->GetSize()) - kHeaderSize - m_header.GetSizeInPackage();
+    uint64 position = 0;
+    Ptr<Stream> temp = BeginChange(position);
+    if (!temp)
+    {
+        Log::Print(LOG_INFO, u"Package: Add files failed.\n");
+        return false;
+    }
+    // The new table, as copies: the members change only once the new file
+    // has taken the old one's place.
+    TMap<WString, Ptr<File>> records;
+    for (const auto& pair : m_files)
+        records.Insert(pair.key, Ptr<File>(new File(*pair.value)));
+    TMap<WString, ConstPtr<File>> kept(m_files); // members whose object lives on
     DataStream buffer(GetGranularity() * 10);
     for (const Ptr<File>& file : files)
     {
@@ -811,32 +988,50 @@ bool Package::AddFiles(const TArray<Ptr<File>>& files, State* state)
         }
         if (!file->IsCompressed())
             file->size = uint64(source->GetSize());
-        ConstPtr<File> existing = GetFile(file->name);
-        bool inPlace = existing && existing->GetSizeInPackage() >= file->GetSizeInPackage();
-        int64 target = inPlace ? int64(existing->offset) : int64(position);
-        if (target <= m_stream->GetSize())
-            m_stream->Seek(target, Stream::Begin);
-        bool copied = CopyStream(m_stream.Get(), source.Get(), state, &buffer);
+        // Only a block of the old file is taken over; one added by this call
+        // is not, so that a failed copy can always be undone from the old file.
+        Ptr<File>* existing = records.FindValue(file->name);
+        bool inPlace = existing && kept.Contains(file->name) &&
+                       (*existing)->GetSizeInPackage() >= file->GetSizeInPackage();
+        int64 target = inPlace ? int64((*existing)->offset) : int64(position);
+        temp->Seek(target, Stream::Begin);
+        bool writeFailed = temp->GetPosition() != target;
+        bool copied = !writeFailed && CopyStream(temp.Get(), source.Get(), state, &buffer, writeFailed);
         source->Close();
+        if (!copied)
+        {
+            Log::Format(LOG_WARNING, u"Package: Copy file %s failed.\n", file->path());
+            // A file that cannot be read is left out; a package that cannot
+            // be written (a full disk) is left as it was.
+            if (writeFailed)
+            {
+                AbandonChange(temp);
+                return false;
+            }
+            // What the copy left in the new file is either past the end that
+            // counts or inside the old member's block: put that block back.
+            if (inPlace)
+            {
+                Ptr<Stream> old(new ProxyStream(m_stream, target, int64((*existing)->GetSizeInPackage())));
+                temp->Seek(target, Stream::Begin);
+                bool restored = old->Open() && temp->GetPosition() == target &&
+                                CopyStream(temp.Get(), old.Get(), nullptr, &buffer);
+                old->Close();
+                if (!restored)
+                {
+                    AbandonChange(temp);
+                    return false;
+                }
+            }
+            continue;
+        }
         if (inPlace)
         {
-            File* member = const_cast<File*>(existing.Get());
-            if (!copied)
-            {
-                Log::Format(LOG_WARNING, u"Package: Copy file %s failed.\n", file->path());
-                member->owner = nullptr;
-                m_files.Remove(file->name);
-                continue;
-            }
+            File* member = existing->Get();
             member->size = file->size;
             member->compressedSize = file->compressedSize;
             member->compressionType = file->compressionType;
             member->compressionLevel = file->compressionLevel;
-            continue;
-        }
-        if (!copied)
-        {
-            Log::Format(LOG_WARNING, u"Package: Copy file %s failed.\n", file->path());
             continue;
         }
         // The member is recorded at the start of its block.
@@ -845,29 +1040,42 @@ bool Package::AddFiles(const TArray<Ptr<File>>& files, State* state)
         member->owner = this;
         member->path = m_mountDir + member->name;
         position += member->GetSizeInPackage();
-        if (existing)
-        {
-            const_cast<File*>(existing.Get())->owner = nullptr;
-            m_files.Remove(file->name);
-        }
-        m_files.Insert(member->name, ConstPtr<File>(member.Get()));
+        kept.Remove(member->name);
+        records.Set(member->name, member);
     }
-    m_stream->Seek(int64(position), Stream::Begin);
-    TArray<Ptr<File>> all;
-    for (auto& pair : m_files)
-        all.Add(Ptr<File>(const_cast<File*>(pair.value.Get())));
+    temp->Seek(int64(position), Stream::Begin);
+    TArray<Ptr<File>> table;
+    for (auto& pair : records)
+        table.Add(pair.value);
     HEADER header = m_header;
-    if (!WriteTableAndHeader(header, all, m_stream.Get()))
+    if (temp->GetPosition() != int64(position) || !CommitChange(temp, table, header))
     {
         Log::Print(LOG_INFO, u"Package: write file header failed.\n");
         return false;
     }
-    m_header = header;
+    // The new file is in place: the members follow it.
+    for (auto& pair : m_files)
+        if (!kept.Contains(pair.key))
+            const_cast<File*>(pair.value.Get())->owner = nullptr;
+    TMap<WString, ConstPtr<File>> members;
+    for (auto& pair : records)
+    {
+        const ConstPtr<File>* old = kept.FindValue(pair.key);
+        if (!old)
+        {
+            members.Insert(pair.key, ConstPtr<File>(pair.value.Get()));
+            continue;
+        }
+        *const_cast<File*>(old->Get()) = *pair.value;
+        members.Insert(pair.key, *old);
+    }
+    m_files = members;
     return true;
 }
 
 bool Package::Rename(const ConstPtr<File>& file, const WString& newName)
 {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     if (!file || file->owner != this || !m_stream || m_stream->IsReadOnly())
     {
         Log::Format(LOG_WARNING, u"Package: Rename file '%s' failed.\n", file ? file->name() : u"");
@@ -890,6 +1098,7 @@ bool Package::Rename(const ConstPtr<File>& file, const WString& newName)
 
 bool Package::Delete(const ConstPtr<File>& file)
 {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     if (!file || file->owner != this || !m_stream || m_stream->IsReadOnly())
     {
         Log::Format(LOG_WARNING, u"Package: Rename file %s failed.\n", file ? file->name() : u"");
@@ -908,35 +1117,27 @@ bool Package::Delete(const ConstPtr<File>& file)
 
 bool Package::RebuildFileTable()
 {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     if (!m_stream || m_stream->IsReadOnly())
     {
         Log::Print(LOG_INFO, u"Package: Rebuild File Table failed.\n");
         return false;
     }
-    int64 size = m_stream->GetSize();
-    uint8 bytes[kHeaderSize];
-    HEADER old;
-    m_stream->Seek(size - kHeaderSize, Stream::Begin);
-    if (!m_stream->Read(bytes, kHeaderSize))
+    // The data blocks are kept as they lie, holes included.
+    uint64 dataEnd = 0;
+    Ptr<Stream> temp = BeginChange(dataEnd);
+    HEADER header;
+    if (!temp || !CommitChange(temp, MembersInMapOrder(), header))
     {
         Log::Print(LOG_INFO, u"Package: Rebuild File Table failed.\n");
         return false;
     }
-    old.Read(bytes);
-    m_stream->Seek(size - kHeaderSize - int64(old.GetSizeInPackage()), Stream::Begin);
-    TArray<Ptr<File>> all;
-    for (auto& pair : m_files)
-        all.Add(Ptr<File>(const_cast<File*>(pair.value.Get())));
-    HEADER header;
-    if (!WriteTableAndHeader(header, all, m_stream.Get()))
-        return false;
-    m_proxy->SetEndOfStream(m_stream.Get());
-    m_header = header;
     return true;
 }
 
 bool Package::RebuildPackage(State* state)
 {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     auto fail = [&]() {
         Log::Format(LOG_WARNING, u"Package: Rebuild Package %s failed.\n", m_path());
         return false;
@@ -944,19 +1145,11 @@ bool Package::RebuildPackage(State* state)
     if (!IsMounted())
     {
         m_writable = true;
-        if (!Mount(WString()))
+        if (!MountLocked(WString()))
             return fail();
     }
-    if (m_stream->IsReadOnly())
-    {
-        m_stream->Close();
-        m_stream->SetReadWrite();
-        if (!m_stream->Open())
-        {
-            m_stream = nullptr;
-            return fail();
-        }
-    }
+    // The package file itself is never written, so a read-only stream stays
+    // as it is.
     if (state)
         state->phase = 1;
     Ptr<Stream> temp(m_proxy->CreateTempStream());
@@ -984,8 +1177,7 @@ bool Package::RebuildPackage(State* state)
         state->total = position;
 
     auto abandon = [&]() {
-        temp->Close();
-        m_proxy->DeleteStream(temp.Get());
+        AbandonChange(temp);
         return fail();
     };
     if (state)
@@ -1001,26 +1193,15 @@ bool Package::RebuildPackage(State* state)
     if (state)
         state->phase = 3;
     HEADER header;
-    if (!WriteTableAndHeader(header, copies, temp.Get()))
-        return abandon();
-    temp->Close();
+    // Phase 4, replacing the file, is the rename at the end of the commit.
     if (state)
         state->phase = 4;
-    uint32 access = m_stream->GetFlags() & (Stream::Readable | Stream::Writeable);
-    m_stream->Close();
-    // Only a complete new file replaces the old one.
-    if (!m_proxy->ReplaceStream(temp.Get(), m_stream.Get()))
+    if (!CommitChange(temp, copies, header))
     {
-        Log::Format(LOG_WARNING, u"Package: Rebuild Package %s failed, package is openned by another process.\n", m_path());
-        m_stream->Open();
-        return false;
-    }
-    m_header = header;
-    Ptr<Stream> fresh(m_proxy->CreateStream());
-    if (!fresh)
+        if (state)
+            state->phase = 0;
         return fail();
-    fresh->SetReadable((access & Stream::Readable) != 0);
-    fresh->SetWriteable((access & Stream::Writeable) != 0);
+    }
     for (unsigned i = 0; i < ordered.Count(); ++i)
     {
         File* member = const_cast<File*>(ordered[i].Get());
@@ -1028,16 +1209,23 @@ bool Package::RebuildPackage(State* state)
         *member = *copies[i];
         member->owner = owner;
     }
-    m_stream = fresh;
     if (state)
         state->phase = 0;
-    return m_stream->IsOpenned() || m_stream->Open();
+    return true;
 }
 
 bool Package::File::Extract(const Ptr<Stream>& target, State* state) const
 {
-    if (!target || target->IsOpenned() || !owner || !owner->GetPackage())
+    if (!target || target->IsOpenned() || !owner)
         return false;
+    Ptr<Stream> source;
+    {
+        std::shared_lock<std::shared_mutex> lock(owner->m_lock);
+        if (!owner->m_stream)
+            return false;
+        if (GetSizeInPackage() != 0)
+            source = UncompressStream(this, owner->m_stream.Get(), owner->m_proxy->GetUncompressProxy());
+    }
     target->SetWriteOnly();
     if (GetSizeInPackage() == 0)
     {
@@ -1046,7 +1234,6 @@ bool Package::File::Extract(const Ptr<Stream>& target, State* state) const
         target->Close();
         return ok;
     }
-    Ptr<Stream> source = UncompressStream(this, owner->m_stream.Get(), owner->m_proxy->GetUncompressProxy());
     if (!source || !source->Open())
         return false;
     if (!target->Open())

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <shared_mutex>
 
 #include "io/Compressor.h"
 #include "io/FindFile.h"
@@ -12,6 +13,21 @@ namespace KovexEngine {
 
 // One file that holds many: the data blocks first, then the table of
 // members, then a 64-byte header at the very end.
+//
+// Threads: CreateStream, GetFileDateTime, GetFile and the member streams are
+// safe from any thread at any time, Mount and Unmount included. Mount,
+// Unmount and the changes (AddFiles, Rename, Delete, the rebuilds) lock the
+// package against one another and against those readers. The accessors that
+// return references (GetFiles, GetMountDir, GetPackage, GetHeader) and the
+// member objects' fields belong to the thread that mounts and changes the
+// package. A member stream holds the package's file open by itself: it reads
+// the same bytes after an unmount, a change or the package's destruction. A
+// package made over a stream that is not a file or memory (the stream form)
+// shares that stream among its members: read them from one thread.
+//
+// A change never writes over bytes that the current table refers to: the
+// changed package is written beside the old one (path + ".tmp") and renamed
+// over it, so a failure or a crash leaves the old package whole.
 class KOVEX_API Package : public ReferenceObj
 {
 public:
@@ -113,7 +129,9 @@ public:
     void SetWritable(bool writable) { m_writable = writable; }
 
     Ptr<Stream> CreateStream(const WString& path);
-    const Stream::DateTime& GetFileDateTime(const WString& path) const;
+    Stream::DateTime GetFileDateTime(const WString& path) const;
+    // Mounted, on exactly this directory.
+    bool IsMountedOn(const WString& mountDir) const;
     // The member stored under exactly this name, or null.
     ConstPtr<File> GetFile(const WString& name) const;
 
@@ -123,9 +141,16 @@ public:
     bool RebuildPackage(State* state);
     bool RebuildFileTable();
 
-    void AddFileRef() { m_openStreams.fetch_add(1, std::memory_order_relaxed); }
-    void DelFileRef() { m_openStreams.fetch_sub(1, std::memory_order_relaxed); }
-    int GetOpenStreamCount() const { return m_openStreams.load(std::memory_order_relaxed); }
+    // The count of open member streams. Member streams hold it by reference,
+    // so it outlives the package.
+    class KOVEX_API StreamCount : public ReferenceObj
+    {
+    public:
+        std::atomic<int> open{0};
+    };
+    void AddFileRef() { m_streamCount->open.fetch_add(1, std::memory_order_relaxed); }
+    void DelFileRef() { m_streamCount->open.fetch_sub(1, std::memory_order_relaxed); }
+    int GetOpenStreamCount() const { return m_streamCount->open.load(std::memory_order_relaxed); }
 
     static Ptr<Stream> CompressStream(File* file);
     static Ptr<Stream> UncompressStream(const File* file, Stream* package);
@@ -150,9 +175,23 @@ public:
 
 protected:
     static bool CopyStream(Stream* destination, Stream* source, State* state, DataStream* buffer);
+    // The same, telling a failed write (the destination's fault) apart.
+    static bool CopyStream(Stream* destination, Stream* source, State* state, DataStream* buffer, bool& writeFailed);
 
 private:
     bool ReadTable(Stream* reader, const WString& mountDir, uint64 count);
+    bool MountLocked(const WString& mountDir);
+    void UnmountLocked();
+    ConstPtr<File> GetFileLocked(const WString& name) const;
+    TArray<Ptr<File>> MembersInMapOrder() const;
+    // A change: a new file beside the package receives the package's data
+    // area (the result is open and placed at its end); the change writes
+    // there; the commit adds the table and moves the new file over the old.
+    Ptr<Stream> BeginChange(uint64& dataEnd);
+    bool CommitChange(const Ptr<Stream>& temp, const TArray<Ptr<File>>& members, HEADER& header);
+    void AbandonChange(const Ptr<Stream>& temp);
+    bool ReopenStream(uint32 access);
+    friend class PackageStream;
 
     bool m_writable = false;
     Ptr<Stream> m_stream;
@@ -161,21 +200,26 @@ private:
     WString m_mountDir;
     HEADER m_header;
     TMap<WString, ConstPtr<File>> m_files;
-    std::atomic<int> m_openStreams{0};
+    Ptr<StreamCount> m_streamCount;
+    mutable std::shared_mutex m_lock;
 };
 
 // A member of a package, as a stream: raw members read straight from the
 // package file; compressed ones are inflated into memory by the package.
+// Everything it reads is fixed when it is made: later changes to the member
+// or the package do not reach it. One stream belongs to one thread at a time.
 class KOVEX_API PackageStream : public ProxyStream
 {
 public:
-    // With `privateSource` the package stream object is this member's alone
-    // (an attached FileStream): reads then go to the file at their offset.
-    PackageStream(const ConstPtr<Package::File>& file, const Ptr<Stream>& package, bool privateSource);
+    // `packageFile`, when given, is the package's own file stream, which
+    // `source` (an attached FileStream over its descriptor, this member's
+    // alone) reads through: it is held so that the descriptor stays open, and
+    // reads go to the file at their offset.
+    PackageStream(const ConstPtr<Package::File>& file, const Ptr<Stream>& source, const Ptr<Stream>& packageFile);
     ~PackageStream() override;
 
     const ConstPtr<Package::File>& GetFile() const { return m_file; }
-    DateTime GetDateTime() override { return m_file ? m_file->date : DateTime::Invalid; }
+    DateTime GetDateTime() override { return m_date; }
     bool SetDateTime(DateTime) override { return false; }
 
 protected:
@@ -186,8 +230,10 @@ protected:
 
 private:
     ConstPtr<Package::File> m_file;
-    Package* m_owner = nullptr;
-    bool m_privateSource;
+    Ptr<Package::StreamCount> m_count; // null for a member without a package
+    Ptr<Stream> m_packageFile;
+    DateTime m_date = DateTime::Invalid;
+    bool m_counted = false;
     int m_fd = -1; // the package file's descriptor, while open
 };
 

@@ -159,14 +159,24 @@ bool StreamManager::SetPackagePathLocked(const WString& name, const WString& abs
     return true;
 }
 
-bool StreamManager::SetPackagePath(const WString& name, const WString& path)
+namespace {
+
+WString AbsoluteDirectory(const WString& path)
 {
     WString absolute(path);
-    if (!IsAbsolute(absolute))
+    if (!StreamManager::IsAbsolute(absolute))
         absolute = g_kovexRootPath + absolute;
     absolute = Normalised(absolute);
     if (!absolute.EndsWith(u"/"))
         absolute.Append(u'/');
+    return absolute;
+}
+
+} // namespace
+
+bool StreamManager::SetPackagePath(const WString& name, const WString& path)
+{
+    WString absolute = AbsoluteDirectory(path);
     std::unique_lock<std::shared_mutex> lock(m_lock);
     return SetPackagePathLocked(name, absolute);
 }
@@ -174,6 +184,11 @@ bool StreamManager::SetPackagePath(const WString& name, const WString& path)
 void StreamManager::UnsetPackagePath(const WString& name)
 {
     std::unique_lock<std::shared_mutex> lock(m_lock);
+    UnsetPackagePathLocked(name);
+}
+
+void StreamManager::UnsetPackagePathLocked(const WString& name)
+{
     unsigned index = m_aliasToPath.Find(name);
     if (index == kNotFound)
         return;
@@ -221,7 +236,7 @@ Ptr<Stream> StreamManager::OpenFromPackage(const WString& path)
         std::shared_lock<std::shared_mutex> lock(m_lock);
         // Every package on that directory is asked; the last one decides.
         for (const Ptr<Package>& package : m_packages)
-            if (package->IsMounted() && package->GetMountDir() == directory)
+            if (package->IsMountedOn(directory))
                 stream = package->CreateStream(rest);
     }
     if (stream && !stream->IsOpenned() && !stream->Open())
@@ -256,7 +271,7 @@ Stream::DateTime StreamManager::PackageDateTime(const WString& path)
     WString directory = GetPackagePath(name);
     std::shared_lock<std::shared_mutex> lock(m_lock);
     for (const Ptr<Package>& package : m_packages)
-        if (package->IsMounted() && package->GetMountDir() == directory)
+        if (package->IsMountedOn(directory))
             return package->GetFileDateTime(directory + rest);
     return Stream::DateTime::Invalid;
 }
@@ -358,6 +373,9 @@ bool StreamManager::Mount(const Ptr<Package>& package, const WString& mountDir)
     WString directory(mountDir);
     if (directory.IsValid() && !directory.EndsWith(u"/") && !directory.EndsWith(u"\\"))
         directory.Append(u'/');
+    // Loaders look at the packages under the shared lock: they never see one
+    // half mounted.
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     if (package->IsMounted())
     {
         if (package->GetMountDir() == directory)
@@ -366,26 +384,34 @@ bool StreamManager::Mount(const Ptr<Package>& package, const WString& mountDir)
     }
     if (!package->Mount(mountDir))
         return false;
-    SetPackagePath(alias, package->GetMountDir());
+    SetPackagePathLocked(alias, AbsoluteDirectory(package->GetMountDir()));
     return true;
 }
 
 void StreamManager::Unmount(const WString& packagePath)
 {
-    Ptr<Package> package = GetPackage(packagePath);
+    Ptr<Package> package; // destroyed, if this was the last reference, outside the lock
+    std::unique_lock<std::shared_mutex> lock(m_lock);
+    for (unsigned i = m_packages.Count(); i-- > 0;)
+        if (m_packages[i]->GetPath() == packagePath)
+        {
+            if (!package)
+                package = m_packages[i];
+            m_packages.RemoveAt(i);
+        }
     if (!package)
         return;
     package->Unmount();
-    RemovePackage(package.Get());
-    UnsetPackagePath(AliasOf(packagePath));
+    UnsetPackagePathLocked(AliasOf(packagePath));
 }
 
 void StreamManager::UnmountAll()
 {
+    TArray<Ptr<Package>> packages;
     std::unique_lock<std::shared_mutex> lock(m_lock);
     for (const Ptr<Package>& package : m_packages)
         package->Unmount();
-    m_packages.Clear();
+    packages.Swap(m_packages);
 }
 
 void StreamManager::InitPackagePaths(const WString& rootDir, bool scanDirectories, bool scanPackages)

@@ -9,6 +9,13 @@ namespace KovexEngine {
 
 // The one way from a path to a stream: plain files, "[alias]rest" paths,
 // packages and the loose directories that stand for them.
+//
+// Threads: every call is safe from any thread. Loader threads open streams,
+// read dates and convert paths while the main thread mounts and unmounts:
+// Mount and Unmount change the package list under the exclusive lock, and
+// what a loader opened stays readable after its package is unmounted (the
+// member stream holds the package's file). SetSource and SetPkgWritable are
+// settings for start-up, before loaders run.
 class KOVEX_API StreamManager : public HeapObject
 {
 public:
@@ -72,6 +79,7 @@ private:
     Ptr<Stream> OpenFromPackage(const WString& path);
     Stream::DateTime PackageDateTime(const WString& path);
     bool SetPackagePathLocked(const WString& name, const WString& absolutePath);
+    void UnsetPackagePathLocked(const WString& name);
     static WString AliasOf(const WString& packagePath);
     void InitPackagePathsWalk(const WString& root, unsigned depth);
 

@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -232,6 +233,15 @@ TEST(Package, HostileTablesFailCleanly)
         outside[record + 8 + i] = i == 0 ? char(0xF0) : 0;
     EXPECT_FALSE(mounts(outside));
 
+    // A compression type with no compressor, whose small "compressed" block
+    // fits but whose size, read raw, runs past the end of the file.
+    std::string unknown = BuildPackage({{"a", "abcd", false}}, false);
+    record = unknown.size() - 64 - (68 + 1);
+    unknown[record + 16 + 1] = 0x04;  // size 1024 + 4
+    unknown[record + 24] = 1;         // compressed size 1
+    unknown[record + 32] = 3;         // type 3: none such
+    EXPECT_FALSE(mounts(unknown));
+
     // An absurd member count.
     std::string count = BuildPackage({{"a", "abc", false}}, false);
     for (int i = 0; i < 8; ++i)
@@ -395,4 +405,56 @@ TEST(Package, AFailedRebuildLeavesTheOriginalWhole)
     EXPECT_FALSE(Package::MakeNewPackage(dir.W("p.kpk"), broken, nullptr));
     EXPECT_EQ(Bytes(dir.path + "/p.kpk"), before);
     EXPECT_FALSE(fs::exists(dir.path + "/p.kpk.tmp"));
+}
+
+TEST(Package, ConcurrentReadersWhileThePackageIsRemountedAndChanged)
+{
+    TempDir dir;
+    constexpr int kMembers = 6, kReaders = 3, kReadsPerReader = 1000;
+    auto content = [](int i) { return std::string(4000 + 131 * i, char('k' + i)) + std::to_string(i); };
+    auto name = [](int i) { return "f" + std::to_string(i) + (i % 2 ? ".txt" : ".bin"); };
+    for (int i = 0; i < kMembers; ++i)
+        dir.Write("src/" + name(i), content(i));
+    FindFile find;
+    find.AddInclude(WString(u"*"), dir.W("src"), 0);
+    ASSERT_TRUE(Package::MakeNewPackage(dir.W("p.kpk"), find, DelegateC<bool(Package::File*)>(&Takes), nullptr));
+    Package package(dir.W("p.kpk"));
+    package.SetWritable(true);
+    ASSERT_TRUE(package.Mount(WString()));
+
+    std::atomic<int> readersLeft{kReaders}, wrong{0}, good{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < kReaders; ++t)
+        readers.emplace_back([&, t] {
+            for (int round = 0; round < kReadsPerReader; ++round)
+            {
+                int i = (round * 5 + t) % kMembers;
+                std::string got = ReadMember(package, StringConvFuncs::ToWString(name(i).c_str()));
+                if (got == content(i))
+                    ++good;
+                else if (got != "<none>") // unmounted just then
+                    ++wrong;
+            }
+            --readersLeft;
+        });
+    // Remounts, and rewrites a member with the same bytes, which moves it.
+    TArray<Ptr<Package::File>> again;
+    Ptr<Package::File> file(new Package::File());
+    file->name = u"f1.txt";
+    file->path = dir.W("src/f1.txt");
+    file->compressionType = 0;
+    again.Add(file);
+    for (int cycle = 0; readersLeft.load() > 0; ++cycle)
+    {
+        if (cycle % 4 == 3)
+            EXPECT_TRUE(package.AddFiles(again, nullptr));
+        package.Unmount();
+        std::this_thread::yield();
+        EXPECT_TRUE(package.Mount(WString()));
+    }
+    for (auto& reader : readers)
+        reader.join();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_GT(good.load(), 0);
+    EXPECT_EQ(ReadMember(package, WString(u"f1.txt")), content(1));
 }

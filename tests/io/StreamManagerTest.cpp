@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -12,6 +14,7 @@
 #include "kernel/Engine.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"
+#include "support/ReadStream.h"
 
 using namespace KovexEngine;
 namespace fs = std::filesystem;
@@ -45,15 +48,7 @@ public:
     WString previous;
 };
 
-std::string ReadAll(const Ptr<Stream>& stream)
-{
-    if (!stream)
-        return "<null>";
-    std::string out(size_t(stream->GetSize()), '\0');
-    if (!out.empty() && !stream->Read(out.data(), int(out.size())))
-        return "<read failed>";
-    return out;
-}
+std::string ReadAll(const Ptr<Stream>& stream) { return KovexTest::ReadRest(stream); }
 
 bool Everything(Package::File*) { return true; }
 
@@ -181,6 +176,98 @@ TEST(StreamManager, LoaderThreadsOpenWhileAliasesAreLearnt)
     for (auto& l : loaders)
         l.join();
     EXPECT_EQ(good.load(), 200);
+}
+
+namespace {
+
+bool TextDeflated(Package::File* file)
+{
+    file->compressionType = file->name.EndsWith(u".txt") ? 1 : 0;
+    return true;
+}
+
+std::string MemberText(int package, int member)
+{
+    return std::string(3000 + 97 * member, char('a' + package * 8 + member)) + "#" + std::to_string(package * 10 + member);
+}
+
+} // namespace
+
+TEST(StreamManager, LoaderThreadsReadWhilePackagesComeAndGo)
+{
+    constexpr int kPackages = 2, kMembers = 6, kLoaders = 3, kOpensPerLoader = 1500;
+    Root root;
+    for (int p = 0; p < kPackages; ++p)
+    {
+        std::string source = "src" + std::to_string(p) + "/";
+        for (int m = 0; m < kMembers; ++m)
+            root.Write(source + "m" + std::to_string(m) + (m % 2 ? ".txt" : ".bin"), MemberText(p, m));
+        FindFile find;
+        find.AddInclude(WString(u"*"), root.W(source), 0);
+        ASSERT_TRUE(Package::MakeNewPackage(root.W("pk" + std::to_string(p) + ".kpk"), find,
+                                            DelegateC<bool(Package::File*)>(&TextDeflated), nullptr));
+    }
+    root.Write("decoy.bin", std::string(20000, 'X'));
+    StreamManager* manager = StreamManager::Ins();
+    manager->SetSource(StreamSource::Package);
+    auto mountPath = [&](int p) { return root.W("pk" + std::to_string(p) + ".kpk"); };
+    for (int p = 0; p < kPackages; ++p)
+        ASSERT_TRUE(manager->Mount(mountPath(p), mountPath(p) + u"/"));
+
+    std::atomic<int> loadersLeft{kLoaders}, wrong{0}, read{0};
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    std::vector<std::thread> loaders;
+    for (int t = 0; t < kLoaders; ++t)
+        loaders.emplace_back([&, t] {
+            // A stream opened in one round is read in the next, across
+            // whatever the main thread did meanwhile.
+            Ptr<Stream> held;
+            std::string expected;
+            for (int round = 0; round < kOpensPerLoader && std::chrono::steady_clock::now() < deadline; ++round)
+            {
+                if (held)
+                {
+                    std::string got = ReadAll(held);
+                    got == expected ? ++read : ++wrong;
+                    held->Close();
+                    held = nullptr;
+                }
+                int p = (t + round) % kPackages, m = (round * 7 + t) % kMembers;
+                std::string name = "[pk" + std::to_string(p) + "]m" + std::to_string(m) + (m % 2 ? ".txt" : ".bin");
+                held = manager->OpenStream(StringConvFuncs::ToWString(name.c_str()));
+                expected = MemberText(p, m);
+                if (held && round % 3 == 0)
+                {
+                    // Half now, half later.
+                    std::string part(size_t(held->GetSize() / 2), '\0');
+                    if (!held->Read(part.data(), int(part.size())))
+                        ++wrong;
+                    expected = expected.substr(part.size());
+                    if (part != MemberText(p, m).substr(0, part.size()))
+                        ++wrong;
+                }
+            }
+            if (held)
+                ReadAll(held) == expected ? ++read : ++wrong;
+            --loadersLeft;
+        });
+    int cycles = 0;
+    while (loadersLeft.load() > 0)
+    {
+        int p = cycles++ % kPackages;
+        manager->Unmount(mountPath(p));
+        // Takes the descriptor number the package file just gave up.
+        Ptr<FileStream> decoy(new FileStream(root.W("decoy.bin")));
+        decoy->SetReadOnly();
+        decoy->Open();
+        std::this_thread::yield();
+        manager->Mount(mountPath(p), mountPath(p) + u"/");
+    }
+    for (auto& loader : loaders)
+        loader.join();
+    EXPECT_EQ(wrong.load(), 0) << "a member stream never reads another file";
+    EXPECT_GT(read.load(), 0);
+    EXPECT_GT(cycles, 0);
 }
 
 TEST(StringPersistence, CountsThenCharactersInBothWidths)

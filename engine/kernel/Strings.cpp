@@ -1,12 +1,11 @@
 #include "kernel/Strings.h"
 
-#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <cwctype>
 
+#include "kernel/CLocale.h"
 #include "kernel/Containers.h"
 #include "kernel/Utf.h"
 #include "math/Matrix.h"
@@ -46,22 +45,18 @@ unsigned Unsigned(C c)
     return unsigned(static_cast<std::make_unsigned_t<C>>(c));
 }
 
+// Case follows the "C" locale whatever the process has set, so that names
+// compare and fold alike on every machine.
 template <typename C>
 C LowerChar(C c)
 {
-    if constexpr (sizeof(C) == 1)
-        return C(std::tolower(static_cast<unsigned char>(c)));
-    else
-        return (c >= 0xD800 && c < 0xE000) ? c : C(std::towlower(wint_t(c)));
+    return CLocale::ToLower(c);
 }
 
 template <typename C>
 C UpperChar(C c)
 {
-    if constexpr (sizeof(C) == 1)
-        return C(std::toupper(static_cast<unsigned char>(c)));
-    else
-        return (c >= 0xD800 && c < 0xE000) ? c : C(std::towupper(wint_t(c)));
+    return CLocale::ToUpper(c);
 }
 
 template <typename C>
@@ -555,8 +550,8 @@ template <typename C> int TString<C>::AsInt() const { NumberText<C> n(*this); re
 template <typename C> unsigned int TString<C>::AsUInt() const { NumberText<C> n(*this); return ParseUInt32(n.text, 10); }
 template <typename C> int TString<C>::AsIntHex() const { NumberText<C> n(*this); return ClampToInt(std::strtoll(n.text, nullptr, 16)); }
 template <typename C> unsigned int TString<C>::AsUIntHex() const { NumberText<C> n(*this); return ParseUInt32(n.text, 16); }
-template <typename C> float TString<C>::AsFloat() const { NumberText<C> n(*this); return std::strtof(n.text, nullptr); }
-template <typename C> double TString<C>::AsDouble() const { NumberText<C> n(*this); return std::strtod(n.text, nullptr); }
+template <typename C> float TString<C>::AsFloat() const { NumberText<C> n(*this); return CLocale::ParseFloat(n.text); }
+template <typename C> double TString<C>::AsDouble() const { NumberText<C> n(*this); return CLocale::ParseDouble(n.text); }
 
 template <typename C>
 bool TString<C>::AsBool() const
@@ -1579,7 +1574,7 @@ unsigned FindBoolWord(const C* text, unsigned length)
         const char* word = s_boolWords[w];
         unsigned i = 0;
         for (; i < length && word[i]; ++i)
-            if (Unsigned(LowerChar(text[i])) != unsigned(std::tolower(static_cast<unsigned char>(word[i]))))
+            if (Unsigned(LowerChar(text[i])) != Unsigned(CLocale::ToLower(word[i])))
                 break;
         if (i == length && word[i] == 0)
             return w;

@@ -8,7 +8,6 @@
 #include "kernel/Engine.h"
 
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "io/StreamManager.h"
@@ -29,23 +28,11 @@
 
 namespace KovexEngine {
 
-uint64 g_FrameIndex = 0;
-uint32 g_GraphicsCommandCounter = 0;
-bool g_IsNullRenderer = false;
-bool g_kovexAsyncLoading = true;
-bool g_kovexCacheShaders = false;
-bool g_kovexLoadShadersFromCache = false;
-uint32 g_kovexMainThreadId = 0;
-bool g_kovexMobileDevice = false;
-WString g_kovexRootPath;
-Timer g_kovexTimer;
-
 namespace {
 
-bool s_systemInited = false;
+bool& s_systemInited = LifecycleState::systemInited; // read below the lifecycle too
 bool s_rendererInited = false;
 bool s_mainInited = false;
-KOVEX_CACHE_STRATEGY s_cacheStrategy = KOVEX_CACHE_DEFAULT;
 
 constexpr unsigned kMaxSelfFileName = 1023;
 
@@ -90,16 +77,6 @@ void NormaliseRootPath()
 }
 
 } // namespace
-
-uint32 Kovex_GetCurrentThreadId() { return uint32(::syscall(SYS_gettid)); }
-
-void Kovex_SetCacheStrategy(KOVEX_CACHE_STRATEGY strategy)
-{
-    if (!s_systemInited)
-        s_cacheStrategy = strategy;
-}
-
-KOVEX_CACHE_STRATEGY Kovex_GetCacheStrategy() { return s_cacheStrategy; }
 
 // --- System layer ----------------------------------------------------------------
 
@@ -158,8 +135,6 @@ void Kovex_System_Cleanup()
     SharedStringPool::Destroy();
     Log::Clear();
 }
-
-bool Kovex_System_IsInited() { return s_systemInited; }
 
 // --- Renderer layer ----------------------------------------------------------------
 

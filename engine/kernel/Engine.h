@@ -1,30 +1,8 @@
 #pragma once
 
-#include "kernel/Strings.h"
-#include "kernel/Timer.h"
+#include "kernel/EngineGlobals.h"
 
 namespace KovexEngine {
-
-// How resource factories decide whether a cached resource is stale.
-enum KOVEX_CACHE_STRATEGY : int
-{
-    // Resources never expire: time stamps read as unknown.
-    KOVEX_CACHE_DEFAULT = 0,
-    // A file changed on disk invalidates the resource cached from it.
-    KOVEX_CACHE_TIME_MASKED = 1,
-};
-
-// --- Process-wide switches and state ---------------------------------------------
-KOVEX_API extern uint64 g_FrameIndex;
-KOVEX_API extern uint32 g_GraphicsCommandCounter;
-KOVEX_API extern bool g_IsNullRenderer;
-KOVEX_API extern bool g_kovexAsyncLoading;
-KOVEX_API extern bool g_kovexCacheShaders;
-KOVEX_API extern bool g_kovexLoadShadersFromCache;
-KOVEX_API extern uint32 g_kovexMainThreadId;
-KOVEX_API extern bool g_kovexMobileDevice;
-KOVEX_API extern WString g_kovexRootPath;
-KOVEX_API extern Timer g_kovexTimer;
 
 // --- Lifecycle ---------------------------------------------------------------------
 // The application's order: Kovex_Main_Initialize (which brings up the System
@@ -33,13 +11,13 @@ KOVEX_API extern Timer g_kovexTimer;
 // (Main, Renderer, System) and last the three Cleanups in the same order.
 // All of these run on the main thread.
 
-KOVEX_API void Kovex_SetCacheStrategy(KOVEX_CACHE_STRATEGY strategy);
-KOVEX_API KOVEX_CACHE_STRATEGY Kovex_GetCacheStrategy();
+// The process-wide globals, Kovex_SetCacheStrategy, Kovex_GetCacheStrategy,
+// Kovex_System_IsInited and Kovex_GetCurrentThreadId are in
+// kernel/EngineGlobals.h, where the layers below this one read them.
 
 KOVEX_API void Kovex_System_Initialize();
 KOVEX_API void Kovex_System_Terminate();
 KOVEX_API void Kovex_System_Cleanup();
-KOVEX_API bool Kovex_System_IsInited();
 
 KOVEX_API void Kovex_Renderer_Initialize();
 KOVEX_API void Kovex_Renderer_Terminate();
@@ -60,8 +38,5 @@ KOVEX_API bool Kovex_Main_LoadRequiredData(const char16_t* rootPath);
 
 KOVEX_API void Kovex_FrameBegin();
 KOVEX_API void Kovex_FrameEnd();
-
-// The identifier of the calling thread, as g_kovexMainThreadId holds it.
-KOVEX_API uint32 Kovex_GetCurrentThreadId();
 
 } // namespace KovexEngine

@@ -9,7 +9,7 @@
 #include "io/FileStream.h"
 #include "io/MemoryStream.h"
 #include "io/StreamManager.h"
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"

@@ -5,13 +5,13 @@
 // has not landed yet stand as comments at their place in that order, so the
 // order is kept as the pieces arrive.
 
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "io/StreamManager.h"
-#include "kernel/CommandThread.h"
+#include "commands/CommandThread.h"
 #include "kernel/Log.h"
 #include "kernel/SharedString.h"
 #include "kernel/StringConv.h"

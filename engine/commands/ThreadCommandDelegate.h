@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kernel/CommandThread.h"
+#include "commands/CommandThread.h"
 #include "reflection/Delegate.h"
 
 namespace KovexEngine {

@@ -1,4 +1,4 @@
-#include "kernel/ThreadCommandDelegate.h"
+#include "commands/ThreadCommandDelegate.h"
 
 namespace KovexEngine {
 

@@ -1,4 +1,4 @@
-#include "kernel/CommandThread.h"
+#include "commands/CommandThread.h"
 
 #include "kernel/Spin.h"
 #include "kernel/TimeAnalyzer.h"

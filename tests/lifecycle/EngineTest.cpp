@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
 #include "math/MathUtil.h"

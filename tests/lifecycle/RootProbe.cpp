@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 #include "kernel/StringConv.h"
 
 using namespace KovexEngine;

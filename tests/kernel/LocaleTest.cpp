@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "kernel/Strings.h"
 #include "math/Matrix.h"
 #include "support/DecimalCommaLocale.h"
@@ -79,4 +83,32 @@ TEST(Locale, CaseFoldsAsTheCLocaleDoes)
     AString a("\xC4x");  // Latin-1 text is bytes, never letters
     a.ToLower();
     EXPECT_STREQ(a(), "\xC4x");
+}
+
+// Number text is made and read on loader and worker threads too; the "C"
+// locale is switched per thread for the forms that need the C library.
+TEST(Locale, ThreadsFormatAndParseAtOnce)
+{
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 2000;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t, &wrong] {
+            for (int i = 0; i < kRounds; ++i)
+            {
+                double value = double(t * kRounds + i) + 0.5;
+                AString text;
+                text.Format("%#.1f|%a|%g", value, 0.5, value);
+                AString expected;
+                expected.Format("%d.5|0x1p-1|", t * kRounds + i);
+                double back = 0;
+                AString tail = text.SubString(expected.Length());
+                if (!text.StartsWith(expected()) || !tail.AsValue(back) || back != value)
+                    ++wrong;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0);
 }

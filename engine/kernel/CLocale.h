@@ -9,7 +9,8 @@ namespace KovexEngine {
 // their own; with it the C library prints and reads "0,5" and folds case
 // by national rules, and files, state keys and generated shader code would
 // no longer read back. All number text of the engine and its case folding
-// go through here. Every function is safe from any thread.
+// go through here. Internal to the library (not exported); safe from any
+// thread.
 namespace CLocale {
 
 // One floating-point conversion of printf ('f', 'F', 'e', 'E', 'g', 'G',

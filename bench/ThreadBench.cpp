@@ -11,7 +11,7 @@
 #include <mutex>
 #include <thread>
 
-#include "kernel/CommandThread.h"
+#include "commands/CommandThread.h"
 
 using namespace KovexEngine;
 

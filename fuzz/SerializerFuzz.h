@@ -12,7 +12,7 @@
 
 #include "fuzz/QuietLog.h"
 #include "io/MemoryStream.h"
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 #include "math/Matrix.h"
 #include "serialization/Serializer.h"
 

@@ -4,7 +4,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+
+#include <locale.h>
 
 #include "kernel/Containers.h"
 #include "kernel/StringConv.h"
@@ -73,6 +76,29 @@ void Exercise(const TString<C>& s)
     (void)copy.HashCode();
 }
 
+// Floats print by a faster road than the C library's printf; it must give
+// the C library's digits in the "C" locale for any value and precision.
+void CompareFloatText(const uint8_t* data, size_t size)
+{
+    if (size < 10)
+        return;
+    double value;
+    std::memcpy(&value, data, sizeof value);
+    static const char* const kConversions = "feEgGFa";
+    char format[16];
+    std::snprintf(format, sizeof format, "%%%s%s.%u%c", (data[8] & 1) ? "+" : "", (data[8] & 2) ? "#" : "",
+                  unsigned(data[9] % 40), kConversions[(data[8] >> 2) % 7]);
+    static const locale_t c = newlocale(LC_ALL_MASK, "C", locale_t(0));
+    char expected[512];
+    locale_t previous = uselocale(c);
+    std::snprintf(expected, sizeof expected, format, value);
+    uselocale(previous);
+    AString ours;
+    ours.Format(format, value);
+    if (std::strcmp(ours(), expected) != 0)
+        __builtin_trap();
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -82,6 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size > 1 << 16)
         return 0;
     const char* bytes = reinterpret_cast<const char*>(data);
+    CompareFloatText(data, size);
 
     AString narrow(bytes, unsigned(size));
     Exercise(narrow);
@@ -118,21 +145,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     // The bytes as a format string. Every argument is text that reads as
     // valid in both widths; a format that could consume more arguments than
-    // are passed is skipped.
+    // are passed is skipped. A long double ("%Lf") is read from the stack as
+    // two slots and may skip a third to align, so an "L" weighs two more;
+    // 24 arguments leave at least 19 stack slots for at most 16 read.
     unsigned consumers = 0;
     for (size_t k = 0; k < size; ++k)
-        consumers += bytes[k] == '%' || bytes[k] == '*';
+        consumers += (bytes[k] == '%' || bytes[k] == '*') + (bytes[k] == 'L' ? 2 : 0);
     if (consumers <= 16)
     {
         static const char16_t kText[] = u"xy";
         const char* t = reinterpret_cast<const char*>(kText);
         AString format(bytes, unsigned(size));
         AString formatted;
-        formatted.Format(4096u, format(), t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t);
+        formatted.Format(4096u, format(), t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t);
         WString wideFormat;
         StringConvFuncs::UTF8toUTF16(wideFormat, bytes, unsigned(size));
         WString wideFormatted;
-        wideFormatted.Format(wideFormat(), t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t);
+        wideFormatted.Format(wideFormat(), t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t, t);
     }
     return 0;
 }

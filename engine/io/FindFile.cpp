@@ -3,8 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include <cwctype>
-
+#include "kernel/CLocale.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
 
@@ -15,7 +14,7 @@ namespace {
 // tree made to exhaust the stack).
 constexpr unsigned kMaxDepth = 64;
 
-char16_t Lower(char16_t c) { return (c >= 0xD800 && c < 0xE000) ? c : char16_t(std::towlower(wint_t(c))); }
+char16_t Lower(char16_t c) { return CLocale::ToLower(c); }
 
 bool HasSlash(const WString& s) { return s.IndexOf(u'/') != kNotFound || s.IndexOf(u'\\') != kNotFound; }
 

@@ -3,7 +3,7 @@
 #include <mutex>
 
 #include "io/FileStream.h"
-#include "kernel/Engine.h"
+#include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
 
 namespace KovexEngine {
@@ -14,6 +14,11 @@ namespace {
 
 const char16_t* const kExtensions[] = {u".kpk", u".kovex"};
 const char16_t* const kDirectorySuffixes[] = {u".kpk/", u".kovex/"};
+
+// Log files take their paths the way every other file does; the log lies
+// below this layer and asks through the hook it offers.
+bool ResolveLogPath(WString& path) { return StreamManager::Ins()->MakeAbsolutePath(path, nullptr); }
+[[maybe_unused]] const bool s_logPathsResolved = (LogProxy_File::SetPathResolver(&ResolveLogPath), true);
 
 WString Normalised(const WString& path)
 {

@@ -6,11 +6,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <atomic>
 #include <mutex>
 
 #include "kernel/Containers.h"
-#include "io/StreamManager.h"
-#include "kernel/Engine.h"
 #include "kernel/StringConv.h"
 #include "kernel/Thread.h"
 
@@ -163,11 +162,18 @@ void LogProxy_Console::Print(unsigned int level, const char16_t* text)
 
 // --- File ---------------------------------------------------------------------------
 
+namespace {
+std::atomic<LogProxy_File::PathResolver> s_pathResolver{nullptr};
+} // namespace
+
+void LogProxy_File::SetPathResolver(PathResolver resolver) { s_pathResolver.store(resolver, std::memory_order_release); }
+
 LogProxy_File::LogProxy_File(const WString& path)
 {
     m_buffer.Reserve(kFlushThreshold);
     WString absolute(path);
-    if (!StreamManager::Ins()->MakeAbsolutePath(absolute, nullptr))
+    PathResolver resolve = s_pathResolver.load(std::memory_order_acquire);
+    if (resolve && !resolve(absolute))
     {
         Log::Format(LOG_WARNING, u"Create File %s failed, error = %d.\n", path(), ENOENT);
         return;

@@ -100,6 +100,12 @@ public:
 
     static constexpr unsigned kFlushThreshold = 1024;
 
+    // Makes a path absolute the way every other file's path is made so. The
+    // stream layer, which lies above the log, installs it when the library
+    // loads; with none installed a path stays as given. Safe from any thread.
+    using PathResolver = bool (*)(WString& path);
+    static void SetPathResolver(PathResolver resolver);
+
 private:
     WString m_buffer;
     AString m_path;

@@ -1,10 +1,11 @@
 // The engine's printf: one implementation for 8-bit and 16-bit formats.
-// Integers and strings are converted here; floating-point conversions are
-// handed to the C library's snprintf, digit for digit the same everywhere.
+// Integers and strings are converted here; floating-point conversions go
+// through CLocale, digit for digit the C library's in the "C" locale, so a
+// process locale with a decimal comma changes nothing.
 
-#include <cstdio>
 #include <cstring>
 
+#include "kernel/CLocale.h"
 #include "kernel/Strings.h"
 #include "kernel/Utf.h"
 
@@ -141,27 +142,8 @@ void EmitFloat(Sink<C>& out, const Spec& spec, char conversion, double value)
     // Precision beyond what a double can carry only adds zeros; the cap keeps
     // the stack buffer sufficient for the widest "%f" (309 digits + 120).
     int precision = spec.precision > 120 ? 120 : spec.precision;
-    char fmt[16];
-    int f = 0;
-    fmt[f++] = '%';
-    if (spec.plus) fmt[f++] = '+';
-    if (spec.space) fmt[f++] = ' ';
-    if (spec.alt) fmt[f++] = '#';
-    if (precision >= 0)
-    {
-        fmt[f++] = '.';
-        fmt[f++] = '*';
-    }
-    fmt[f++] = conversion;
-    fmt[f] = 0;
-
     char text[512];
-    int n = precision >= 0 ? std::snprintf(text, sizeof text, fmt, precision, value)
-                           : std::snprintf(text, sizeof text, fmt, value);
-    if (n < 0)
-        n = 0;
-    if (n >= int(sizeof text))
-        n = int(sizeof text) - 1;
+    int n = int(CLocale::FormatDouble(text, sizeof text, conversion, value, precision, spec.plus, spec.space, spec.alt));
 
     uint64 pad = spec.width > uint32(n) ? spec.width - uint32(n) : 0;
     char last = n > 0 ? text[n - 1] : 0;

@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "kernel/Engine.h"
+#include "kernel/EngineGlobals.h"
 #include "kernel/Spin.h"
 
 namespace KovexEngine {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "reflection/ReflectedStruct.h"
+#include "kernel/ReflectedStruct.h"
 
 #include "math/Matrix.h"
 

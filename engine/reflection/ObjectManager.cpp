@@ -1,6 +1,6 @@
 #include "reflection/ObjectManager.h"
 
-#include "kernel/Engine.h"
+#include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
 #include "reflection/ClassIterator.h"
 

@@ -2,7 +2,7 @@
 
 #include "io/FileStream.h"
 #include "io/StreamManager.h"
-#include "kernel/Engine.h"
+#include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
 #include "reflection/FunctionRegistration.h"
 #include "reflection/Property.h"

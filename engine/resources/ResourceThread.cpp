@@ -1,6 +1,6 @@
 #include "resources/ResourceThread.h"
 
-#include "kernel/Engine.h"
+#include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
 #include "resources/Resource.h"
 

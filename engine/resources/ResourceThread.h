@@ -1,7 +1,7 @@
 #pragma once
 
 #include "io/Stream.h"
-#include "kernel/CommandThread.h"
+#include "commands/CommandThread.h"
 #include "reflection/Delegate.h"
 
 namespace KovexEngine {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "io/StreamManager.h"
-#include "kernel/Engine.h"
+#include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
 #include "math/Bounds.h"

@@ -24,6 +24,7 @@ template <class OutIt, class Ch> inline OutIt print_pi_node(OutIt, const xml_nod
 #include <rapidxml/rapidxml_print.hpp>
 
 #include "io/Stream.h"
+#include "kernel/CLocale.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
 #include "reflection/FunctionRegistration.h"
@@ -120,8 +121,9 @@ void AppendFloats(std::string& out, const float* values, unsigned count)
     char buffer[32];
     for (unsigned i = 0; i < count; ++i)
     {
-        int n = std::snprintf(buffer, sizeof buffer, i ? ",%g" : "%g", double(values[i]));
-        out.append(buffer, size_t(n));
+        if (i)
+            out += ',';
+        out.append(buffer, CLocale::FormatDouble(buffer, sizeof buffer, 'g', double(values[i]), -1, false, false, false));
     }
 }
 
@@ -145,7 +147,7 @@ void AppendValue(std::string& out, float v) { AppendFloats(out, &v, 1); }
 void AppendValue(std::string& out, double v)
 {
     char buffer[32];
-    out.append(buffer, size_t(std::snprintf(buffer, sizeof buffer, "%g", v)));
+    out.append(buffer, CLocale::FormatDouble(buffer, sizeof buffer, 'g', v, -1, false, false, false));
 }
 void AppendValue(std::string& out, const Vector2& v) { AppendFloats(out, v.Data(), 2); }
 void AppendValue(std::string& out, const Vector3& v) { AppendFloats(out, v.Data(), 3); }

@@ -11,7 +11,8 @@
 #include "io/FileStream.h"
 #include "io/MemoryStream.h"
 #include "io/StreamManager.h"
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
+#include "kernel/Log.h"
 #include "kernel/StringConv.h"
 #include "support/LogCapture.h"
 #include "support/ReadStream.h"
@@ -106,6 +107,17 @@ TEST(StreamManager, AbsoluteAndRelativePaths)
     manager->UnsetPackagePath(WString(u"core"));
     EXPECT_TRUE(manager->GetPackagePath(WString(u"core")).IsEmpty());
     EXPECT_TRUE(manager->FindPackageNameByPath(root.W("game/core.kpk/")).IsEmpty());
+}
+
+// The log lies below the stream layer and reaches it through a hook; a
+// relative log file still lands under the root.
+TEST(StreamManager, LogFilesTakeTheirPathsFromTheRoot)
+{
+    Root root;
+    LogProxy_File file(WString(u"logs/../logs/run.log"));
+    ASSERT_TRUE(file.IsOpen());
+    EXPECT_EQ(std::string(file.GetPath()()), root.path + "logs/run.log");
+    EXPECT_TRUE(fs::exists(root.path + "logs/run.log"));
 }
 
 TEST(StreamManager, LooseAndPackedAssetsHaveOnePath)

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <locale.h>
+
+#include <bit>
 #include <cstdio>
+#include <random>
 #include <string>
 
 #include "kernel/Strings.h"
@@ -20,12 +24,23 @@ std::string Utf8(const WString& w)
     return out;
 }
 
+// The C library's printf in the "C" locale, whatever the process has set.
+template <typename... A>
+int SnprintfInC(char* out, size_t size, const char* format, A... args)
+{
+    static const locale_t c = newlocale(LC_ALL_MASK, "C", locale_t(0));
+    locale_t previous = uselocale(c);
+    int n = std::snprintf(out, size, format, args...);
+    uselocale(previous);
+    return n;
+}
+
 // Our formatter against the C library on formats both understand.
 template <typename... A>
 void ExpectSameAsSnprintf(const char* format, A... args)
 {
     char expected[512];
-    std::snprintf(expected, sizeof expected, format, args...);
+    SnprintfInC(expected, sizeof expected, format, args...);
     AString ours;
     ours.Format(format, args...);
     EXPECT_STREQ(ours(), expected) << "format: " << format;
@@ -64,6 +79,39 @@ TEST(StringFormat, FloatsMatchTheCLibrary)
     ExpectSameAsSnprintf("[%f][%5f][%-6f][%06f]", 1.0 / 0.0, -1.0 / 0.0, 0.0 / 0.0, 1.0 / 0.0);
     ExpectSameAsSnprintf("%.20f", 1.0 / 3.0);
     ExpectSameAsSnprintf("%a", 1.0);
+}
+
+// Floats take a faster road than the C library's printf; it must print the
+// same digits for every value, flag and precision.
+TEST(StringFormat, FloatsMatchTheCLibraryAcrossValuesAndFlags)
+{
+    std::mt19937_64 random(12345);
+    std::uniform_int_distribution<uint64> bits;
+    const char* const formats[] = {"%g", "%f", "%e", "%G", "%E", "%F", "%.0g", "%.1g", "%.17g", "%.3f", "%.0f",
+                                   "%.0e", "%.10e", "%+g", "% .2f", "%12.4e", "%-12g|", "%012.3g", "%+015.1f",
+                                   "%#g", "%#.0f", "%.25g", "%.120f", "%a", "%.3A"};
+    auto check = [&](double v) {
+        for (const char* format : formats)
+        {
+            char expected[512];
+            SnprintfInC(expected, sizeof expected, format, v);
+            AString ours;
+            ours.Format(format, v);
+            ASSERT_STREQ(ours(), expected) << "format " << format << " of bits " << std::hex << std::bit_cast<uint64>(v);
+        }
+    };
+    const double specials[] = {0.0, -0.0, 1.0, 0.5, 1e-320, -5e-324, 1.7976931348623157e308, 9.5, 0.05, 2.5, 1e15,
+                               123456.5, 999999.5, 1e-5, 0.0001, 1.0 / 0.0, -1.0 / 0.0, 0.0 / 0.0, -(0.0 / 0.0)};
+    for (double v : specials)
+        check(v);
+    for (int i = 0; i < 3000; ++i)
+    {
+        check(std::bit_cast<double>(bits(random)));
+        check(double(std::bit_cast<float>(uint32(bits(random)))));
+        check(double(int64(bits(random) % 2000001) - 1000000) / 1000.0);
+        if (HasFailure())
+            return;
+    }
 }
 
 TEST(StringFormat, StringsOfBothWidths)

@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "kernel/CommandThread.h"
-#include "kernel/Engine.h"
+#include "commands/CommandThread.h"
+#include "lifecycle/Engine.h"
 
 using namespace KovexEngine;
 using namespace std::chrono_literals;

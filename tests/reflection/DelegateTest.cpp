@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "kernel/CommandThread.h"
-#include "kernel/ThreadCommandDelegate.h"
+#include "commands/CommandThread.h"
+#include "commands/ThreadCommandDelegate.h"
 #include "reflection/Delegate.h"
 #include "reflection/Variable.h"
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 #include "reflection/ObjectManager.h"
 #include "support/LogCapture.h"
 

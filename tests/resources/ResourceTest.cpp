@@ -12,7 +12,7 @@
 #include "reflection/PropertyRegistration.h"
 #include "resources/Resource.h"
 #include "resources/ResourceThread.h"
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 #include "serialization/Serializer.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"

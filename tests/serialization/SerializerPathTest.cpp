@@ -3,7 +3,7 @@
 #include <filesystem>
 
 #include "io/StreamManager.h"
-#include "kernel/Engine.h"
+#include "lifecycle/Engine.h"
 #include "kernel/StringConv.h"
 #include "serialization/Serializer.h"
 #include "support/LogCapture.h"

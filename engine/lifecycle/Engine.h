@@ -1,0 +1,42 @@
+#pragma once
+
+#include "kernel/EngineGlobals.h"
+
+namespace KovexEngine {
+
+// --- Lifecycle ---------------------------------------------------------------------
+// The application's order: Kovex_Main_Initialize (which brings up the System
+// and Renderer layers), Kovex_Main_LoadRequiredData, the renderer, frames
+// bracketed by Kovex_FrameBegin/Kovex_FrameEnd; then the three Terminates
+// (Main, Renderer, System) and last the three Cleanups in the same order.
+// All of these run on the main thread.
+
+// The process-wide globals, Kovex_SetCacheStrategy, Kovex_GetCacheStrategy,
+// Kovex_System_IsInited and Kovex_GetCurrentThreadId are in
+// kernel/EngineGlobals.h, where the layers below this one read them.
+
+KOVEX_API void Kovex_System_Initialize();
+KOVEX_API void Kovex_System_Terminate();
+KOVEX_API void Kovex_System_Cleanup();
+
+KOVEX_API void Kovex_Renderer_Initialize();
+KOVEX_API void Kovex_Renderer_Terminate();
+KOVEX_API void Kovex_Renderer_Cleanup();
+KOVEX_API bool Kovex_Renderer_IsInited();
+
+KOVEX_API void Kovex_Main_Initialize();
+KOVEX_API void Kovex_Main_Terminate();
+KOVEX_API void Kovex_Main_Cleanup();
+KOVEX_API bool Kovex_Main_IsInited();
+
+// Sets the root of the engine's data. A null path searches for a directory
+// named "Data" beside the executable and then in each directory above it.
+KOVEX_API bool Kovex_SetRootPath(const char16_t* path);
+// Full path of the running executable.
+KOVEX_API void Kovex_GetSelfFileName(WString& out);
+KOVEX_API bool Kovex_Main_LoadRequiredData(const char16_t* rootPath);
+
+KOVEX_API void Kovex_FrameBegin();
+KOVEX_API void Kovex_FrameEnd();
+
+} // namespace KovexEngine

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <cstring>
 
 namespace KovexTools {
@@ -150,6 +151,39 @@ int CommandLine::UsageError(const std::string& message) const
 }
 
 void CommandLine::Warn(const std::string& message) const { std::fprintf(stderr, "%s: %s\n", m_tool, message.c_str()); }
+
+bool WildMatch(const std::string& text, const std::string& pattern, bool ignoreCase)
+{
+    auto same = [ignoreCase](char a, char b) {
+        return ignoreCase ? std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b))
+                          : a == b;
+    };
+    size_t t = 0, p = 0, star = std::string::npos, resume = 0;
+    while (t < text.size())
+    {
+        if (p < pattern.size() && pattern[p] == '*')
+        {
+            star = p++;
+            resume = t;
+        }
+        else if (p < pattern.size() && (pattern[p] == '?' || same(pattern[p], text[t])))
+        {
+            ++p;
+            ++t;
+        }
+        else if (star != std::string::npos)
+        {
+            // Back to the last star, which now takes one more character.
+            p = star + 1;
+            t = ++resume;
+        }
+        else
+            return false;
+    }
+    while (p < pattern.size() && pattern[p] == '*')
+        ++p;
+    return p == pattern.size();
+}
 
 std::string HumanBytes(uint64_t bytes)
 {

@@ -74,6 +74,10 @@ private:
     std::vector<std::string> m_operands;
 };
 
+// Shell-style wildcard match of the whole text: '*' any run, '?' any one
+// character.
+bool WildMatch(const std::string& text, const std::string& pattern, bool ignoreCase);
+
 // Sizes for people: "512 bytes", "1.5 KiB", "27.1 MiB".
 std::string HumanBytes(uint64_t bytes);
 

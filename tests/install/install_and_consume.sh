@@ -21,6 +21,8 @@ libdir="$(dirname "$(find "$prefix" -name 'libKovexEngine.so.0' | head -n 1)")"
 grep -q "^Data root: $prefix/share/KovexEngine/Data/$" demo.txt
 grep -q "Engine shut down cleanly" demo.txt
 "$prefix/bin/kovex-classes" Vector3 | grep -q "struct Vector3"
+"$prefix/bin/kovex-pack" --help | grep -q "usage"
+"$prefix/bin/kovex-dump" --version | grep -q "kovex-dump"
 
 # Every installed header is reachable from the umbrella header.
 inc="$prefix/include/KovexEngine"

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -36,7 +37,7 @@ const std::string kHelp = std::string(
     "below them, the tagged values those bytes decode to where the sizes allow\n"
     "(integers, floats, strings); or the document of an XML file. to-xml and\n"
     "to-bin load the object graph of IN's OBJ section and save it to OUT in the\n"
-    "other form; OUT \"-\" is standard output.\n"
+    "other form. FILE or IN \"-\" is standard input, OUT \"-\" standard output.\n"
     "\n"
     "      --data DIR   the engine's data root (default: the usual search)\n"
     "  -h, --help       this text\n"
@@ -50,6 +51,11 @@ const char kXmlHeader[] = "<XML />";
 
 bool ReadFile(const std::string& path, std::string& out)
 {
+    if (path == "-")
+    {
+        out.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        return true;
+    }
     struct stat info;
     if (::stat(path.c_str(), &info) != 0)
     {

@@ -38,6 +38,7 @@ grep -q "^          = CLS 1.25$" tree.txt
 # A conversion can go to standard output.
 "$tool" to-xml "$corpus/serialized-bin/object" - > piped.xml
 cmp piped.xml object.xml
+"$tool" to-bin object.xml - | "$tool" - | grep -q 'CLS "NamedObj"...$'
 
 # An XML error gives its line; a class this build lacks is named.
 printf '<XML />\n<OBJ VAL="7">\n  <PROP VAL=1/>\n</OBJ>\n' > bad.xml

@@ -22,6 +22,14 @@ namespace {
 
 std::string Root() { return StringConvFuncs::ToAString(g_kovexRootPath()).c_str(); }
 
+// Where a program with no "Data" above it finds its data: an installation
+// of this build, if there is one, else this source tree.
+std::string FallbackRoot()
+{
+    fs::path chosen = fs::is_directory(KOVEX_INSTALL_DATA) ? KOVEX_INSTALL_DATA : KOVEX_SOURCE_DATA;
+    return fs::canonical(chosen).string() + "/";
+}
+
 void TerminateAll()
 {
     Kovex_Main_Terminate();
@@ -128,7 +136,7 @@ TEST(Engine, PlainFileNamedDataEndsTheSearchWithFailure)
     std::ofstream(tree.base / "a" / "b" / "Data") << "not a directory";
     // The upward search ends there; what is found next is the data the
     // library was built with, never the parent's directory.
-    std::string fallback = fs::canonical(KOVEX_SOURCE_DATA).string() + "/";
+    std::string fallback = FallbackRoot();
     ProbeResult r = RunProbeAt(tree.base / "a" / "b" / "app", "root");
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.root, fallback) << "the parent's directory is not taken";
@@ -144,7 +152,7 @@ TEST(Engine, ProgramAwayFromItsDataFindsTheDataItWasBuiltWith)
     TempTree tree;
     ProbeResult r = RunProbeAt(tree.base / "deep" / "er" / "app", "root");
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.root, fs::canonical(KOVEX_SOURCE_DATA).string() + "/");
+    EXPECT_EQ(r.root, FallbackRoot());
 }
 
 TEST(Engine, LoadRequiredDataKeepsOrReplacesTheRoot)

@@ -202,6 +202,7 @@ int Create(const std::string& path, const std::string& dir, bool force)
     if (!Collect(dir, path, files))
         return kExitFailure;
     Progress progress("create");
+    errno = 0;
     if (!Package::MakeNewPackage(Wide(path), files, &progress))
     {
         int saved = errno;

@@ -1,6 +1,7 @@
 #pragma once
 
-// The public interface of KovexEngine.
+// The public interface of KovexEngine: every installed header is reachable
+// from here, so a program needs only this one.
 
 #include "io/Compressor.h"
 #include "io/FileStream.h"
@@ -8,6 +9,7 @@
 #include "io/MemoryStream.h"
 #include "io/Package.h"
 #include "io/Stream.h"
+#include "io/StreamManager.h"
 #include "kernel/CharSet.h"
 #include "commands/CommandThread.h"
 #include "kernel/Containers.h"

@@ -1,19 +1,20 @@
 // kovex-classes: lists the reflected surface of the engine, every registered
 // class with its bases, properties, functions, enum members and metadata, as
-// an editor or a script binding would read it.
-//
-//   kovex-classes                 every class
-//   kovex-classes Vector3 Node    the named classes (and those whose name
-//                                 starts with a given text followed by '*')
-//   kovex-classes --module Engine the classes of one module
+// an editor or a script binding would read it. The help text is the manual.
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
+#include <string>
+#include <vector>
+
+#include "CommandLine.h"
 #include "KovexEngine.h"
+#include "ToolEngine.h"
 
 using namespace KovexEngine;
+using namespace KovexTools;
 
 namespace {
 
@@ -88,57 +89,44 @@ void PrintClass(const Class* cls)
     }
 }
 
-bool Matches(const Class* cls, int argc, char** argv, const char* module)
-{
-    if (module && Utf8(cls->GetModule()) != module)
-        return false;
-    bool anyName = false;
-    for (int i = 1; i < argc; ++i)
-    {
-        if (std::strcmp(argv[i], "--module") == 0)
-        {
-            ++i;
-            continue;
-        }
-        anyName = true;
-        std::string pattern = argv[i];
-        std::string name = Utf8(cls->GetName());
-        if (!pattern.empty() && pattern.back() == '*')
-        {
-            if (name.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0)
-                return true;
-        }
-        else if (name == pattern)
-            return true;
-    }
-    return !anyName;
-}
+const std::string kHelp = std::string(
+    "usage: kovex-classes [-i] [--module NAME] [--data DIR] [PATTERN...]\n"
+    "\n"
+    "Lists the classes the engine registers, sorted by name, with their bases,\n"
+    "properties, functions, enum members and metadata. With no PATTERN every\n"
+    "class is listed; a PATTERN is a class name or a wildcard (\"*\" any run,\n"
+    "\"?\" one character: \"Vector?\", \"*Stream*\"). Quote patterns from the shell.\n"
+    "\n"
+    "  -i, --ignore-case   patterns match regardless of case\n"
+    "      --module NAME   only the classes of module NAME\n"
+    "      --data DIR      the engine's data root (default: the usual search)\n"
+    "  -h, --help          this text\n"
+    "      --version       the version\n"
+    "\n"
+    "A PATTERN that matches no class is reported, and the exit status is then 1.\n") +
+    kExitStatusHelp;
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const char* module = nullptr;
-    for (int i = 1; i < argc; ++i)
+    CommandLine cl("kovex-classes", kHelp);
+    cl.Add('i', "ignore-case", false);
+    cl.Add(0, "module", true);
+    AddDataOption(cl);
+    int status = cl.Parse(argc, argv);
+    if (status >= 0)
+        return status;
+    if (!StartEngine(cl))
     {
-        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)
-        {
-            std::printf("usage: %s [--module NAME] [CLASS | PREFIX* ...]\n", argv[0]);
-            return 0;
-        }
-        if (std::strcmp(argv[i], "--module") == 0)
-        {
-            if (i + 1 >= argc)
-            {
-                std::fprintf(stderr, "--module needs a name\n");
-                return 2;
-            }
-            module = argv[++i];
-        }
+        StopEngine();
+        return kExitFailure;
     }
+    bool ignoreCase = cl.Has("ignore-case");
+    std::string module = cl.Value("module");
+    const std::vector<std::string>& patterns = cl.Operands();
+    std::vector<unsigned> hits(patterns.size(), 0);
 
-    g_IsNullRenderer = true;
-    Kovex_Main_Initialize();
     // Sorted by name, so the listing is the same from run to run.
     TArray<const Class*> classes(Class::GetClassArray());
     std::stable_sort(classes.begin(), classes.end(),
@@ -146,18 +134,35 @@ int main(int argc, char** argv)
     unsigned shown = 0;
     for (const Class* cls : classes)
     {
-        if (cls->GetName().IsEmpty() || !Matches(cls, argc, argv, module))
+        if (cls->GetName().IsEmpty())
+            continue;
+        if (cl.Has("module") && Utf8(cls->GetModule()) != module)
+            continue;
+        std::string name = Utf8(cls->GetName());
+        bool wanted = patterns.empty();
+        for (size_t i = 0; i < patterns.size(); ++i)
+            if (WildMatch(name, patterns[i], ignoreCase))
+            {
+                ++hits[i];
+                wanted = true;
+            }
+        if (!wanted)
             continue;
         PrintClass(cls);
         ++shown;
     }
-    if (shown == 0)
-        std::fprintf(stderr, "No class matches.\n");
-    Kovex_Main_Terminate();
-    Kovex_Renderer_Terminate();
-    Kovex_System_Terminate();
-    Kovex_Main_Cleanup();
-    Kovex_Renderer_Cleanup();
-    Kovex_System_Cleanup();
-    return shown ? 0 : 1;
+    status = kExitSuccess;
+    for (size_t i = 0; i < patterns.size(); ++i)
+        if (hits[i] == 0)
+        {
+            cl.Warn("no class matches '" + patterns[i] + "'" + (cl.Has("module") ? " in module " + module : ""));
+            status = kExitFailure;
+        }
+    if (patterns.empty() && shown == 0)
+    {
+        cl.Warn("no class" + (cl.Has("module") ? " in module " + module : std::string()));
+        status = kExitFailure;
+    }
+    StopEngine();
+    return status;
 }

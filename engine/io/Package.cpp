@@ -704,7 +704,8 @@ Ptr<Stream> Package::CompressStream(File* file)
             if (data)
                 source->Unmap();
             source->Close();
-            if (ok)
+            // Data that deflate cannot shrink is stored as it is.
+            if (ok && uint64(length) < uint64(size))
             {
                 file->compressedSize = length;
                 memory->GetDataStream()->SetLength(length, true);

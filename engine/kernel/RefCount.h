@@ -13,7 +13,10 @@ class HeapObject
 };
 
 // An object that counts its own references. A new object has a count of 0
-// and belongs to the first Ptr that takes it.
+// and belongs to the first Ptr that takes it, which deletes it at the end:
+// so it must come from `new`. In debug builds (no NDEBUG) the first
+// reference to an object that lies on the calling thread's stack ends the
+// process with a message, instead of a later free of a non-heap address.
 class KOVEX_API ReferenceObj : public HeapObject
 {
 public:
@@ -24,7 +27,18 @@ public:
     ReferenceObj& operator=(const ReferenceObj&) { return *this; }
     virtual ~ReferenceObj();
 
-    void AddRef() const { m_refCount.fetch_add(1, std::memory_order_relaxed); }
+    void AddRef() const
+    {
+#ifdef NDEBUG
+        m_refCount.fetch_add(1, std::memory_order_relaxed);
+#else
+        if (m_refCount.fetch_add(1, std::memory_order_relaxed) == 0)
+            CheckNotOnStack();
+#endif
+    }
+    // Ends the process with a message when this object lies on the calling
+    // thread's stack, where no Ptr may own it. Safe from any thread.
+    void CheckNotOnStack() const;
     void Release() const
     {
         if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)

@@ -7,6 +7,12 @@
 
 #include "lifecycle/Engine.h"
 
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,6 +74,47 @@ bool FindDirectoryUpwards(const WString& name, const WString& start, WString& ou
         }
         directory.Swap(parent);
     }
+}
+
+// True when `path` (UTF-8) names an existing directory.
+bool IsDirectory(const char* path)
+{
+    struct stat info;
+    return ::stat(path, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// Where a program that is not beside its data looks next: the data directory
+// of an installation, first relative to wherever this library now lies (an
+// installation that was moved), then where it was installed to, and last the
+// source tree the library was built from (a build outside that tree).
+bool FindInstalledData(WString& out)
+{
+    std::string candidates[3];
+    Dl_info info;
+    if (::dladdr(reinterpret_cast<void*>(&Kovex_SetRootPath), &info) && info.dli_fname)
+    {
+        std::string library(info.dli_fname);
+        size_t slash = library.rfind('/');
+        if (slash != std::string::npos)
+            candidates[0] = library.substr(0, slash + 1) + "../share/KovexEngine/Data";
+    }
+#ifdef KOVEX_INSTALL_DATA_DIR
+    candidates[1] = KOVEX_INSTALL_DATA_DIR;
+#endif
+#ifdef KOVEX_SOURCE_DATA_DIR
+    candidates[2] = KOVEX_SOURCE_DATA_DIR;
+#endif
+    for (const std::string& candidate : candidates)
+    {
+        if (candidate.empty() || !IsDirectory(candidate.c_str()))
+            continue;
+        char resolved[PATH_MAX];
+        const char* path = ::realpath(candidate.c_str(), resolved) ? resolved : candidate.c_str();
+        StringConvFuncs::UTF8toUTF16(out, path, unsigned(std::strlen(path)));
+        out.Append(u'/');
+        return true;
+    }
+    return false;
 }
 
 void NormaliseRootPath()
@@ -244,6 +291,16 @@ bool Kovex_SetRootPath(const char16_t* path)
         copy.FormatDir();
         copy.ConvertSlashes();
         g_kovexRootPath.Swap(copy);
+        // The contract takes the path as given; but every relative load
+        // fails silently under a root that is missing or lacks its slash,
+        // so say so once here.
+        AString utf8;
+        StringConvFuncs::UTF16toUTF8(utf8, g_kovexRootPath());
+        if (!IsDirectory(utf8()))
+            Log::Format(LOG_WARNING, u"Root path %s is not an existing directory.\n", g_kovexRootPath());
+        else if (!g_kovexRootPath.EndsWith(u"/"))
+            Log::Format(LOG_WARNING, u"Root path %s has no trailing slash; relative paths will not resolve under it.\n",
+                        g_kovexRootPath());
     }
     else
     {
@@ -255,7 +312,11 @@ bool Kovex_SetRootPath(const char16_t* path)
         g_kovexRootPath.Clear();
         WString found;
         if (!FindDirectoryUpwards(WString(u"Data"), directory, found))
-            return false;
+        {
+            if (!FindInstalledData(found))
+                return false;
+            Log::Format(LOG_INFO, u"No \"Data\" directory above %s; using %s.\n", directory(), found());
+        }
         g_kovexRootPath.Swap(found);
     }
     NormaliseRootPath();

@@ -29,8 +29,13 @@ KOVEX_API void Kovex_Main_Terminate();
 KOVEX_API void Kovex_Main_Cleanup();
 KOVEX_API bool Kovex_Main_IsInited();
 
-// Sets the root of the engine's data. A null path searches for a directory
-// named "Data" beside the executable and then in each directory above it.
+// Sets the root of the engine's data. A given path is taken as it stands
+// (it should end with "/"; a warning is logged when it does not, or when the
+// directory is missing). A null path searches for a directory named "Data"
+// beside the executable and then in each directory above it; failing that,
+// the installed data (<prefix>/share/KovexEngine/Data, beside this library's
+// installation first) and then the source tree's Data directory the library
+// was built from.
 KOVEX_API bool Kovex_SetRootPath(const char16_t* path);
 // Full path of the running executable.
 KOVEX_API void Kovex_GetSelfFileName(WString& out);

@@ -79,7 +79,9 @@ protected:
     Delegate() = default;
     Delegate(const Delegate&) = default;
     Delegate& operator=(const Delegate&) = default;
-    ~Delegate() = default;
+    // Virtual, so that the typed delegates, whose destructors are public,
+    // destroy correctly whatever static type they are deleted through.
+    virtual ~Delegate() = default;
 };
 
 template <typename Signature> class FunctionSlot;

@@ -62,7 +62,7 @@ public:
     bool SupportSerializeDiff(const Object* other) const override;
     // Creates the device objects the resource needs; true when they are made
     // (or under way, with `*pending` set until they are).
-    virtual bool LoadGraphicsObjects(volatile int* pending) { return true; }
+    virtual bool LoadGraphicsObjects(volatile int* /*pending*/) { return true; }
 
 private:
     friend class ResourceFactory;

@@ -97,3 +97,20 @@ TEST(RefCount, CountsAreAtomicAcrossThreads)
     shared = nullptr;
     EXPECT_EQ(deaths, 1);
 }
+
+#ifndef NDEBUG
+TEST(RefCountDeathTest, StackObjectGivenToAPtrIsDiagnosed)
+{
+    // The mistake: a Ptr would delete this stack object at its last release.
+    EXPECT_DEATH(
+        {
+            Holder onStack;
+            Ptr<Holder> owner(&onStack);
+        },
+        "lies on the stack, and a Ptr now owns it");
+    // The same object on the heap is fine, from any thread.
+    Ptr<Holder> heap(new Holder());
+    std::thread([&] { Ptr<Holder> other(heap); }).join();
+    EXPECT_EQ(heap->GetRefCount(), 1);
+}
+#endif

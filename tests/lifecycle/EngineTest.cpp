@@ -13,6 +13,7 @@
 #include "kernel/StringConv.h"
 #include "math/MathUtil.h"
 #include "reflection/ObjectManager.h"
+#include "support/LogCapture.h"
 
 using namespace KovexEngine;
 namespace fs = std::filesystem;
@@ -20,6 +21,14 @@ namespace fs = std::filesystem;
 namespace {
 
 std::string Root() { return StringConvFuncs::ToAString(g_kovexRootPath()).c_str(); }
+
+// Where a program with no "Data" above it finds its data: an installation
+// of this build, if there is one, else this source tree.
+std::string FallbackRoot()
+{
+    fs::path chosen = fs::is_directory(KOVEX_INSTALL_DATA) ? KOVEX_INSTALL_DATA : KOVEX_SOURCE_DATA;
+    return fs::canonical(chosen).string() + "/";
+}
 
 void TerminateAll()
 {
@@ -80,6 +89,26 @@ TEST(Engine, RootPathNormalisesSlashesAndParentSteps)
     EXPECT_EQ(Root(), "/srv/y/");
 }
 
+TEST(Engine, RootPathWarnsWhenItCannotServeRelativeLoads)
+{
+    TempTree tree;
+    std::string existing = tree.base.string();
+    KovexTest::LogCapture log;
+    // Each path is still taken as given.
+    EXPECT_TRUE(Kovex_SetRootPath(StringConvFuncs::ToWString((existing + "/").c_str())()));
+    EXPECT_TRUE(log->entries.IsEmpty()) << "an existing directory with its slash is quiet";
+    EXPECT_TRUE(Kovex_SetRootPath(StringConvFuncs::ToWString(existing.c_str())()));
+    EXPECT_EQ(Root(), existing);
+    ASSERT_EQ(log->entries.Count(), 1u);
+    EXPECT_EQ(log->entries[0].level, unsigned(LOG_WARNING));
+    EXPECT_TRUE(log->Contains(StringConvFuncs::ToWString(
+        ("Root path " + existing + " has no trailing slash; relative paths will not resolve under it.\n").c_str())()));
+    EXPECT_TRUE(Kovex_SetRootPath(u"/no/such/kovex/root/"));
+    EXPECT_EQ(Root(), "/no/such/kovex/root/");
+    EXPECT_TRUE(log->Contains(u"Root path /no/such/kovex/root/ is not an existing directory.\n"));
+    g_kovexRootPath.Clear();
+}
+
 TEST(Engine, DataDirectoryIsFoundFromTheExecutableUpwards)
 {
     TempTree tree;
@@ -105,21 +134,25 @@ TEST(Engine, PlainFileNamedDataEndsTheSearchWithFailure)
     fs::create_directories(tree.base / "a" / "Data");
     fs::create_directories(tree.base / "a" / "b");
     std::ofstream(tree.base / "a" / "b" / "Data") << "not a directory";
+    // The upward search ends there; what is found next is the data the
+    // library was built with, never the parent's directory.
+    std::string fallback = FallbackRoot();
     ProbeResult r = RunProbeAt(tree.base / "a" / "b" / "app", "root");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.root, "") << "the parent's directory is not taken";
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.root, fallback) << "the parent's directory is not taken";
     r = RunProbeAt(tree.base / "a" / "b" / "app", "load");
-    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.root, fallback);
 }
 
-TEST(Engine, NoDataDirectoryAnywhereFails)
+TEST(Engine, ProgramAwayFromItsDataFindsTheDataItWasBuiltWith)
 {
     if (fs::exists("/Data") || fs::exists("/tmp/Data"))
         GTEST_SKIP() << "a Data directory above /tmp would be found";
     TempTree tree;
     ProbeResult r = RunProbeAt(tree.base / "deep" / "er" / "app", "root");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.root, "");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.root, FallbackRoot());
 }
 
 TEST(Engine, LoadRequiredDataKeepsOrReplacesTheRoot)

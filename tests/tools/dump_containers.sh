@@ -23,5 +23,5 @@ cmp again.xml "$corpus/serialized-xml/containers"
 if "$tool" to-xml "$corpus/serialized-bin/containers" out.xml 2> err.txt; then exit 1; fi
 grep -q "cannot load the object graph" err.txt
 if "$tool" --load "$work/missing.so" to-xml crate.bin out.xml 2> err.txt; then exit 1; fi
-grep -q "cannot load $work/missing.so" err.txt
+grep -q "cannot load '$work/missing.so'" err.txt
 echo "container conversion ok"

@@ -21,10 +21,44 @@ cmp object.bin "$corpus/serialized-bin/object"
 
 # Failures: a missing file, a damaged one, an OBJ section that is not there.
 if "$tool" missing.bin 2> err.txt; then exit 1; fi
-grep -q "cannot read missing.bin" err.txt
+grep -q "'missing.bin' does not exist" err.txt
 head -c 30 "$corpus/serialized-bin/object" > cut.bin
 if "$tool" to-xml cut.bin out.xml 2> err.txt; then exit 1; fi
 grep -q "damaged" err.txt
 if "$tool" to-xml "$corpus/serialized-bin/values" out.xml 2> err.txt; then exit 1; fi
 grep -q "cannot load the object graph" err.txt
+
+# The binary view decodes what the bytes allow: numbers, strings, and the
+# length of a string it cannot show.
+"$tool" "$corpus/serialized-bin/values" > tree.txt
+grep -q "^      = VAL 7, PRSZ 2, NAME (a string of 13 bytes)$" tree.txt
+grep -q "^          = CLS 1.25$" tree.txt
+"$tool" "$corpus/serialized-bin/object" | grep -q '^        = NAME "Name", VAL "seed"...$'
+
+# A conversion can go to standard output.
+"$tool" to-xml "$corpus/serialized-bin/object" - > piped.xml
+cmp piped.xml object.xml
+"$tool" to-bin object.xml - | "$tool" - | grep -q 'CLS "NamedObj"...$'
+
+# An XML error gives its line; a class this build lacks is named.
+printf '<XML />\n<OBJ VAL="7">\n  <PROP VAL=1/>\n</OBJ>\n' > bad.xml
+if "$tool" bad.xml 2> err.txt; then exit 1; fi
+grep -q "'bad.xml' is damaged: XML error on line 3: " err.txt
+sed 's/NamedObject/NoSuchThing/' object.xml > unknown.xml
+if "$tool" to-bin unknown.xml out.bin 2> err.txt; then exit 1; fi
+grep -q "no class 'NoSuchThing' is known to this build" err.txt
+sed 's/NamedObject/NamedObjecX/' "$corpus/serialized-bin/object" > unknown.bin
+if "$tool" to-xml unknown.bin - > /dev/null 2> err.txt; then exit 1; fi
+grep -q "no class 'NamedObjecX' is known to this build" err.txt
+
+# The shared command line.
+set +e
+"$tool" 2> err.txt; [ $? -eq 2 ] || exit 1
+"$tool" to-xml only-one 2> err.txt; [ $? -eq 2 ] || exit 1
+grep -q "to-xml needs IN and OUT" err.txt
+"$tool" -q file 2> err.txt; [ $? -eq 2 ] || exit 1
+grep -q "unknown option '-q'" err.txt
+set -e
+"$tool" --help | grep -q "^usage: kovex-dump"
+"$tool" "$corpus/serialized-bin/values" --data "$corpus" | grep -q "CLS 1.25"
 echo "dump tool ok"

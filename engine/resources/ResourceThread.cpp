@@ -30,6 +30,12 @@ void ResourceThread::Destroy()
 
 void ResourceThread::OnInit() { SetName(AString("Resource Thread")); }
 
+void ResourceThread::Procedure()
+{
+    while (MT_HasPending() && !IsExitNotified())
+        ProcessMTCommandSingle();
+}
+
 bool ResourceThread::MT_InternalPostCommand(const Ptr<ThreadCommand>& command)
 {
     if (!CommandThread::MT_InternalPostCommand(command))

@@ -56,8 +56,9 @@ public:
     // Releases the semaphore whether or not the thread runs yet, so that
     // what is posted before Init runs as soon as the thread starts.
     bool MT_InternalPostCommand(const Ptr<ThreadCommand>& command) override;
-    // Everything pending per wake.
-    void Procedure() override { ProcessMTCommandList(); }
+    // Everything pending per wake, one command at a time, so that a stop
+    // waits only for the command under way.
+    void Procedure() override;
     void OnInit() override;
 
     static void ProcessSucceed(const Ptr<Resource>& resource, const ResourceSucceedDelegate& succeed);

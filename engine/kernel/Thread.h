@@ -29,7 +29,8 @@ public:
 };
 
 // A recursive lock that spins briefly before it sleeps (an adaptive mutex
-// with an owner and a depth on top).
+// with an owner and a depth on top). Like Semaphore and Interlocked, it is
+// made to be shared: every call is safe from any thread.
 class KOVEX_API Mutex
 {
 public:

@@ -3,7 +3,8 @@
 # benchmarks.
 #
 #   ./build.sh run     release build, then the demo application
-#   ./build.sh test    sanitizer build (ASan + UBSan), then every test
+#   ./build.sh test    sanitizer build (ASan + UBSan), then every test; then
+#                      the threaded suites under ThreadSanitizer
 #   ./build.sh bench   release build, then the benchmarks
 #   ./build.sh setup   only install the packages the build needs
 set -euo pipefail
@@ -44,9 +45,15 @@ case "$mode" in
     ;;
   test)
     configure_and_build build/test -DCMAKE_BUILD_TYPE=Debug -DKOVEX_SANITIZE=ON -DKOVEX_BUILD_TESTS=ON
-    cd "$root/build/test"
-    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-      ctest --output-on-failure -j "$jobs"
+    (cd "$root/build/test" &&
+      ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        ctest --output-on-failure -j "$jobs")
+    # Races show only under ThreadSanitizer: the threaded suites again, built
+    # with it (only the test program, which is all the label runs).
+    cmake -S "$root" -B "$root/build/tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKOVEX_TSAN=ON \
+      -DKOVEX_BUILD_TESTS=ON -DKOVEX_BUILD_SAMPLES=OFF >/dev/null
+    cmake --build "$root/build/tsan" -j "$jobs" --target KovexTests
+    (cd "$root/build/tsan" && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L threads)
     ;;
   bench)
     configure_and_build build/bench -DCMAKE_BUILD_TYPE=Release -DKOVEX_BUILD_TESTS=OFF -DKOVEX_BUILD_BENCHMARKS=ON

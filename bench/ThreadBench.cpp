@@ -23,10 +23,7 @@ struct Echo : ThreadCommand2
     void Process() override { ++value; }
 };
 
-struct Worker : CommandThread
-{
-    ~Worker() override { Term(); }
-};
+using Worker = FinalThread<CommandThread>;
 
 // The baseline: jobs go to the worker through one locked queue, results come
 // back through another.

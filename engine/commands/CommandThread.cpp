@@ -15,17 +15,19 @@ ThreadCommand::~ThreadCommand() = default;
 
 bool ThreadCommand::Cancel()
 {
-    CommandThread* owner = m_owner;
-    if (GetState() != STATE_PENDING || !owner || !m_hasNode)
+    CommandThread* owner = GetOwner();
+    if (GetState() != STATE_PENDING || !owner)
         return false;
     // The list holds a reference: keep the command alive past its removal.
     Ptr<ThreadCommand> keep(this);
     MutexLock lock(owner->m_mtLock);
-    if (GetState() != STATE_PENDING || !m_hasNode)
+    // Under the lock the owner's word holds: it may have taken the command
+    // for processing since.
+    if (GetOwner() != owner || GetState() != STATE_PENDING || !m_hasNode)
         return false;
     owner->m_mtPending.Remove(this);
     m_hasNode = false;
-    m_owner = nullptr;
+    m_owner.store(nullptr, std::memory_order_release);
     return true;
 }
 
@@ -103,8 +105,15 @@ void CommandList::Clear()
 
 CommandThread::~CommandThread()
 {
-    // The thread must be gone before the lists it reads.
-    Term();
+    // Dropped commands forget this thread, so that a later Cancel fails
+    // instead of reaching for a lock that is gone.
+    MutexLock lock(m_mtLock);
+    for (ThreadCommand* c = m_mtPending.First(); c; c = CommandList::Next(c))
+    {
+        c->m_hasNode = false;
+        c->m_owner.store(nullptr, std::memory_order_release);
+    }
+    m_mtPending.Clear();
 }
 
 void CommandThread::Procedure() { ProcessMTCommandList(); }
@@ -122,7 +131,7 @@ bool CommandThread::MT_InternalPostCommand(const Ptr<ThreadCommand>& command)
     if (command->m_linked)
         return false;
     command->SetState(ThreadCommand::STATE_PENDING);
-    command->m_owner = this;
+    command->m_owner.store(this, std::memory_order_release);
     m_mtPending.PushBack(command.Get());
     command->m_hasNode = true;
     return true;
@@ -167,6 +176,7 @@ void CommandThread::ProcessMTCommandList()
         {
             c->SetState(ThreadCommand::STATE_PROCESSING);
             c->m_hasNode = false;
+            c->m_owner.store(nullptr, std::memory_order_release);
         }
     }
     while (Ptr<ThreadCommand> command = m_mtProcessing.PopFront())
@@ -188,6 +198,7 @@ void CommandThread::ProcessMTCommandSingle()
             return;
         command->SetState(ThreadCommand::STATE_PROCESSING);
         command->m_hasNode = false;
+        command->m_owner.store(nullptr, std::memory_order_release);
     }
     command->Process();
     Finish(command);
@@ -248,8 +259,6 @@ void UpdateCommand::Wait()
     g_TimeAnalyzer.End(1);
 }
 
-UpdateThread::~UpdateThread() { Term(); }
-
 void UpdateThread::Procedure()
 {
     // Poll for work for as long as the thread lives; pause and yield while
@@ -284,7 +293,7 @@ UpdateThreadPool::~UpdateThreadPool() { Term(); }
 
 Thread* UpdateThreadPool::Create(Semaphore* semaphore, unsigned int index)
 {
-    auto* thread = new UpdateThread(semaphore);
+    auto* thread = new FinalThread<UpdateThread>(semaphore);
     if (!thread->Init())
     {
         delete thread;
@@ -301,20 +310,25 @@ void UpdateThreadPool::Submit(const Ptr<UpdateCommand>& command)
 {
     if (!command)
         return;
-    if (m_nextIndex == 0)
+    bool here = true;
+    {
+        // The index is taken and advanced in one step, so that submitters on
+        // several threads each get a slot that exists.
+        MutexLock lock(m_lock);
+        unsigned index = m_nextIndex;
+        m_nextIndex = index + 1 > m_threads.Count() ? 0 : index + 1;
+        if (index != 0 && index <= m_threads.Count())
+        {
+            here = false;
+            static_cast<UpdateThread*>(m_threads[index - 1])->MT_InternalPostCommand(Ptr<ThreadCommand>(command.Get()));
+        }
+    }
+    if (here)
     {
         command->SetState(ThreadCommand::STATE_PROCESSING);
         command->Process();
         command->SetState(ThreadCommand::STATE_FINISHED);
     }
-    else
-    {
-        MutexLock lock(m_lock);
-        if (m_nextIndex <= m_threads.Count())
-            static_cast<UpdateThread*>(m_threads[m_nextIndex - 1])->MT_InternalPostCommand(Ptr<ThreadCommand>(command.Get()));
-    }
-    if (++m_nextIndex > m_threads.Count())
-        m_nextIndex = 0;
 }
 
 void UpdateThreadPool::Tick()

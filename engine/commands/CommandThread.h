@@ -8,6 +8,9 @@ namespace KovexEngine {
 class CommandThread;
 
 // A unit of deferred work. Process runs on a worker thread (the "MT" side).
+//
+// Threads: GetState, GetOwner and Cancel are safe from any thread, as long
+// as the thread the command was posted to still exists.
 class KOVEX_API ThreadCommand : public Object
 {
     KOVEX_CLASS(ThreadCommand)
@@ -28,7 +31,9 @@ public:
 
     STATE GetState() const { return STATE(m_state.load(std::memory_order_acquire)); }
     void SetState(STATE state) { m_state.exchange(int(state), std::memory_order_acq_rel); }
-    CommandThread* GetOwner() const { return m_owner; }
+    // The thread whose pending list holds the command; null once it is out
+    // of that list (taken for processing, cancelled or dropped).
+    CommandThread* GetOwner() const { return m_owner.load(std::memory_order_acquire); }
     // Takes a command that has not started out of its pending list. False
     // once Process has begun, or when the command is in no pending list.
     bool Cancel();
@@ -38,9 +43,11 @@ private:
     friend class CommandThread;
 
     std::atomic<int> m_state{STATE_FINISHED};
-    CommandThread* m_owner = nullptr;
+    // Written under the owner's MT lock; read anywhere.
+    std::atomic<CommandThread*> m_owner{nullptr};
     // Links of the one list that holds the command, and whether that is a
-    // pending MT list (the handle Cancel needs).
+    // pending MT list (the handle Cancel needs): the owner's MT lock guards
+    // them while the command is pending.
     ThreadCommand* m_previous = nullptr;
     ThreadCommand* m_next = nullptr;
     bool m_linked = false;
@@ -94,12 +101,19 @@ private:
 
 // A thread with MT and AT command lists. Posting swaps nothing and waits
 // only for a pointer operation; processing swaps the pending list out under
-// the lock and runs the commands with no lock held.
+// the lock and runs the commands with no lock held. Made as
+// FinalThread<CommandThread> or FinalThread of a subclass.
+//
+// Threads: MT_PostCommand, AT_PostCommand and MT_GetCommandCount are safe
+// from any thread. The MT list is processed by one thread at a time (the
+// worker, or the owner while the worker is not running); the AT list by the
+// main thread.
 class KOVEX_API CommandThread : public Thread
 {
 public:
     CommandThread() = default;
     explicit CommandThread(Semaphore* shared) : Thread(shared) {}
+    // Drops what is still pending; the thread is stopped by then.
     ~CommandThread() override;
 
     // Runs the pending MT commands.
@@ -161,12 +175,14 @@ public:
     using UpdateCommand = KovexEngine::UpdateCommand;
 
     explicit UpdateThread(Semaphore* shared) : CommandThread(shared) {}
-    ~UpdateThread() override;
     void Procedure() override;
 };
 
 // The update threads, fed round-robin together with the calling thread.
 // A pool without threads runs every command inline; Init is the switch.
+//
+// Threads: Submit is safe from any thread; Init, Term, Tick and Destroy
+// belong to the main thread, while nobody submits.
 class KOVEX_API UpdateThreadPool : public ThreadPool
 {
 public:
@@ -185,7 +201,7 @@ private:
     ~UpdateThreadPool() override;
 
     Mutex m_lock;
-    unsigned int m_nextIndex = 0;
+    unsigned int m_nextIndex = 0; // under m_lock
 };
 
 } // namespace KovexEngine

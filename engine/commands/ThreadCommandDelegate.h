@@ -5,7 +5,9 @@
 
 namespace KovexEngine {
 
-// A command whose work is a delegate.
+// A command whose work is a delegate. The delegate runs on whichever thread
+// processes the command; what it touches must be safe from there. Posting
+// and cancelling are as for any ThreadCommand.
 class KOVEX_API ThreadCommand_Delegate : public ThreadCommand
 {
     KOVEX_CLASS(ThreadCommand_Delegate)

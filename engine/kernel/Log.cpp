@@ -41,6 +41,12 @@ bool WriteAll(int fd, const char* data, size_t size)
 
 LogProxy::~LogProxy() = default;
 
+void LogProxy::SetLevelMask(uint32 mask)
+{
+    m_levelMask.store(mask, std::memory_order_relaxed);
+    Log::RefreshWantedLevels();
+}
+
 const char16_t* LogProxy::GetBanner(unsigned int level)
 {
     switch (level)
@@ -198,7 +204,13 @@ LogProxy_File::LogProxy_File(const WString& path)
     m_open = true;
 }
 
-LogProxy_File::~LogProxy_File() { Flush(); }
+LogProxy_File::~LogProxy_File() { FlushLocked(); }
+
+unsigned int LogProxy_File::GetBufferedLength() const
+{
+    CriticalSection::Scope guard(m_lock);
+    return m_buffer.Length();
+}
 
 void LogProxy_File::Print(unsigned int level, const char16_t* text)
 {
@@ -210,10 +222,16 @@ void LogProxy_File::Print(unsigned int level, const char16_t* text)
     m_buffer.Append(u"\r\n");
     m_lastLevel = level;
     if (m_buffer.Length() >= kFlushThreshold)
-        Flush();
+        FlushLocked();
 }
 
 bool LogProxy_File::Flush()
+{
+    CriticalSection::Scope guard(m_lock);
+    return FlushLocked();
+}
+
+bool LogProxy_File::FlushLocked()
 {
     if (m_buffer.IsEmpty())
         return true;
@@ -234,52 +252,140 @@ bool LogProxy_File::Flush()
 
 // --- Log ----------------------------------------------------------------------------
 
+namespace {
+
+// A published list of proxies. It never changes: writers publish a new one,
+// and each reader holds a reference to the one it walks.
+struct ProxyList
+{
+    std::atomic<int> references{1};
+    TArray<Ptr<LogProxy>> proxies;
+
+    void Release()
+    {
+        if (references.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+};
+
+// Guards publication (constant-initialised, so usable from static initialisers).
+std::mutex s_listLock;
+ProxyList* s_list = nullptr;
+// The union of the masks of the listed proxies: the masked-off path reads
+// only this.
+std::atomic<uint32> s_wantedLevels{0};
+// Set while this thread is inside a proxy's Print: a message logged from
+// there would wait for the lock its own thread holds.
+thread_local bool t_printing = false;
+
+uint32 WantedLevels(const ProxyList* list)
+{
+    uint32 levels = 0;
+    if (list)
+        for (const Ptr<LogProxy>& proxy : list->proxies)
+            levels |= proxy->GetLevelMask();
+    return levels;
+}
+
+ProxyList* AcquireList()
+{
+    std::lock_guard<std::mutex> guard(s_listLock);
+    if (s_list)
+        s_list->references.fetch_add(1, std::memory_order_relaxed);
+    return s_list;
+}
+
+// Publishes what `change` makes of a copy of the current list (a null
+// result removes the list). The old list is let go outside the lock, since
+// the proxies it may take with it can log as they go.
+template <typename Change>
+void Publish(Change&& change)
+{
+    ProxyList* old;
+    {
+        std::lock_guard<std::mutex> guard(s_listLock);
+        old = s_list;
+        ProxyList* next = new ProxyList();
+        if (old)
+            next->proxies = old->proxies;
+        if (!change(next))
+        {
+            delete next;
+            next = nullptr;
+        }
+        s_list = next;
+        Log::ms_proxis = next ? &next->proxies : nullptr;
+        s_wantedLevels.store(WantedLevels(next), std::memory_order_relaxed);
+    }
+    if (old)
+        old->Release();
+}
+
+} // namespace
+
 void Log::Init()
 {
-    if (!ms_proxis)
-        ms_proxis = new TArray<Ptr<LogProxy>>();
-    if (ms_proxis->IsEmpty())
-        ms_proxis->Add(Ptr<LogProxy>(new LogProxy_DebugOutput()));
+    Publish([](ProxyList* list) {
+        if (list->proxies.IsEmpty())
+            list->proxies.Add(Ptr<LogProxy>(new LogProxy_DebugOutput()));
+        return true;
+    });
 }
 
 void Log::Clear()
 {
-    delete ms_proxis;
-    ms_proxis = nullptr;
+    Publish([](ProxyList*) { return false; });
 }
 
 void Log::AddProxy(const Ptr<LogProxy>& proxy)
 {
-    if (!ms_proxis)
-        ms_proxis = new TArray<Ptr<LogProxy>>();
-    ms_proxis->Add(proxy);
+    Publish([&](ProxyList* list) {
+        list->proxies.Add(proxy);
+        return true;
+    });
 }
 
 void Log::RemoveProxy(const Ptr<LogProxy>& proxy)
 {
-    if (ms_proxis)
-        ms_proxis->Remove(proxy);
+    Publish([&](ProxyList* list) {
+        list->proxies.Remove(proxy);
+        return true;
+    });
 }
 
-bool Log::HasProxies() { return ms_proxis && !ms_proxis->IsEmpty(); }
+void Log::RefreshWantedLevels()
+{
+    std::lock_guard<std::mutex> guard(s_listLock);
+    s_wantedLevels.store(WantedLevels(s_list), std::memory_order_relaxed);
+}
+
+bool Log::HasProxies()
+{
+    std::lock_guard<std::mutex> guard(s_listLock);
+    return s_list && !s_list->proxies.IsEmpty();
+}
 
 bool Log::IsLevelWanted(unsigned int level)
 {
-    if (!ms_proxis)
-        return false;
-    for (const Ptr<LogProxy>& proxy : *ms_proxis)
-        if (proxy->Accepts(level))
-            return true;
-    return false;
+    return (s_wantedLevels.load(std::memory_order_relaxed) >> (level & 31)) & 1u;
 }
 
 void Log::Print(unsigned int level, const char16_t* text)
 {
-    if (!ms_proxis || !text)
+    if (!text || !IsLevelWanted(level) || t_printing)
         return;
-    for (const Ptr<LogProxy>& proxy : *ms_proxis)
+    ProxyList* list = AcquireList();
+    if (!list)
+        return;
+    t_printing = true;
+    for (const Ptr<LogProxy>& proxy : list->proxies)
         if (proxy->Accepts(level))
+        {
+            CriticalSection::Scope guard(proxy->m_lock);
             proxy->Print(level, text);
+        }
+    t_printing = false;
+    list->Release();
 }
 
 void Log::Format(unsigned int level, const char16_t* format, ...)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kernel/CriticalSection.h"
 #include "kernel/RefCount.h"
 #include "kernel/Strings.h"
 
@@ -19,21 +20,29 @@ enum : unsigned int
 
 // One destination of log messages. It takes a message only when bit `level`
 // (modulo 32) of its mask is set.
+//
+// Threads: Log calls Print under the proxy's own lock, so a proxy sees one
+// message at a time whichever threads log; Print must not log itself (such a
+// nested message is dropped). Calling Print directly, bypassing Log, is for
+// one thread only. The level mask may be read and set from any thread.
 class KOVEX_API LogProxy : public ReferenceObj
 {
 public:
     ~LogProxy() override;
     virtual void Print(unsigned int level, const char16_t* text) = 0;
 
-    bool Accepts(unsigned int level) const { return (m_levelMask >> (level & 31)) & 1u; }
-    void SetLevelMask(uint32 mask) { m_levelMask = mask; }
-    uint32 GetLevelMask() const { return m_levelMask; }
+    bool Accepts(unsigned int level) const { return (GetLevelMask() >> (level & 31)) & 1u; }
+    void SetLevelMask(uint32 mask);
+    uint32 GetLevelMask() const { return m_levelMask.load(std::memory_order_relaxed); }
 
     // "<<<Info>>>\n" and its kin; null for levels without a banner.
     static const char16_t* GetBanner(unsigned int level);
 
 protected:
-    uint32 m_levelMask = 0xFFFFFFFFu;
+    friend class Log;
+    // Held around Print while Log calls it.
+    mutable CriticalSection m_lock;
+    std::atomic<uint32> m_levelMask{0xFFFFFFFFu};
     unsigned int m_lastLevel = 0;
 };
 
@@ -94,8 +103,8 @@ public:
     void Print(unsigned int level, const char16_t* text) override;
     bool IsOpen() const { return m_open; }
     const AString& GetPath() const { return m_path; }
-    unsigned int GetBufferedLength() const { return m_buffer.Length(); }
-    // Writes the buffer out now.
+    unsigned int GetBufferedLength() const;
+    // Writes the buffer out now; safe from any thread.
     bool Flush();
 
     static constexpr unsigned kFlushThreshold = 1024;
@@ -107,14 +116,21 @@ public:
     static void SetPathResolver(PathResolver resolver);
 
 private:
+    bool FlushLocked();
+
     WString m_buffer;
     AString m_path;
     AString m_conversion;
     bool m_open = false;
 };
 
-// Static front to the list of proxies. The list changes only while the engine
-// starts and stops, so printing takes no lock.
+// Static front to the list of proxies.
+//
+// Threads: every function is safe from any thread. The list is copied on
+// write: AddProxy, RemoveProxy, Init and Clear publish a new list, and a
+// message goes to the proxies of the list it found, each under that proxy's
+// lock. A level nobody takes costs one atomic read (IsLevelWanted), so
+// callers test it to skip formatting that nobody would read.
 class KOVEX_API Log
 {
 public:
@@ -134,7 +150,14 @@ public:
 
     static unsigned GetNumProcessors();
 
+    // The current list, null when there is none. A published list never
+    // changes; read it only on a thread that no other thread logs beside.
     static TArray<Ptr<LogProxy>>* ms_proxis;
+
+private:
+    friend class LogProxy;
+    // Recomputes the levels some proxy takes.
+    static void RefreshWantedLevels();
 };
 
 } // namespace KovexEngine

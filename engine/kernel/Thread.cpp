@@ -96,8 +96,9 @@ void Semaphore::Release() { sem_post(&m_semaphore); }
 
 ThreadBase::~ThreadBase()
 {
-    // A subclass must have stopped its thread: by now its ThreadProc is gone.
-    if (m_created)
+    // FinalThread has stopped the thread already; this is the last resort of
+    // a thread that stops itself from its own destructor.
+    if (m_created.load(std::memory_order_acquire))
     {
         if (pthread_equal(m_handle, pthread_self()))
             pthread_detach(m_handle);
@@ -120,12 +121,12 @@ void* ThreadBase::Entry(void* self)
 
 bool ThreadBase::Init()
 {
-    if (m_created)
+    if (IsCreated())
         return true;
     m_threadId.store(0, std::memory_order_relaxed);
     if (pthread_create(&m_handle, nullptr, &ThreadBase::Entry, this) != 0)
         return false;
-    m_created = true;
+    m_created.store(true, std::memory_order_release);
     // The identifier is the new thread's to tell; it does so at once.
     SpinWait spin;
     while (m_threadId.load(std::memory_order_acquire) == 0)
@@ -136,7 +137,7 @@ bool ThreadBase::Init()
 
 void ThreadBase::Term()
 {
-    if (!m_created)
+    if (!IsCreated())
         return;
     OnTerm();
     RequestExit();
@@ -144,16 +145,16 @@ void ThreadBase::Term()
         pthread_detach(m_handle); // a thread cannot wait for itself
     else
         pthread_join(m_handle, nullptr);
-    m_created = false;
+    m_created.store(false, std::memory_order_release);
     m_handle = pthread_t{};
     m_threadId.store(0, std::memory_order_release);
 }
 
-bool ThreadBase::IsCurrentThread() const { return m_created && GetThreadID() == Kovex_GetCurrentThreadId(); }
+bool ThreadBase::IsCurrentThread() const { return IsCreated() && GetThreadID() == Kovex_GetCurrentThreadId(); }
 
 void ThreadBase::SetName(const AString& name)
 {
-    if (!m_created)
+    if (!IsCreated())
         return;
     AString cut(name);
     cut.TerminateAtIndex(15);

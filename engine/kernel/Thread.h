@@ -29,7 +29,8 @@ public:
 };
 
 // A recursive lock that spins briefly before it sleeps (an adaptive mutex
-// with an owner and a depth on top).
+// with an owner and a depth on top). Like Semaphore and Interlocked, it is
+// made to be shared: every call is safe from any thread.
 class KOVEX_API Mutex
 {
 public:
@@ -80,6 +81,15 @@ private:
 
 // A thread of the engine. Stopping is cooperative: Term runs OnTerm, asks
 // the thread to leave its loop (RequestExit) and joins it.
+//
+// Every thread object is made as a FinalThread<T> (see below): a class
+// derived from ThreadBase stays abstract until FinalThread completes it, and
+// FinalThread's destructor stops the thread before any part of the object
+// is torn down. A thread stopped only by a base destructor would go on
+// calling the virtual functions of a half-destroyed object.
+//
+// Threads: Init and Term belong to the thread that owns the object; any
+// thread may ask IsCreated, GetThreadID and IsCurrentThread meanwhile.
 class KOVEX_API ThreadBase : public HeapObject
 {
 public:
@@ -95,7 +105,7 @@ public:
     // thread. False when the thread could not be created.
     bool Init();
     void Term();
-    bool IsCreated() const { return m_created; }
+    bool IsCreated() const { return m_created.load(std::memory_order_acquire); }
     uint32 GetThreadID() const { return m_threadId.load(std::memory_order_acquire); }
     bool IsCurrentThread() const;
     // Names the running thread (cut to 15 characters, as the system allows).
@@ -107,15 +117,35 @@ protected:
     virtual void RequestExit();
 
 private:
+    template <typename T> friend class FinalThread;
+    // Implemented by FinalThread alone, which makes every other thread class
+    // abstract: a thread object that would not stop before its destruction
+    // cannot be made.
+    virtual void StopsBeforeDestruction() = 0;
     static void* Entry(void* self);
 
     pthread_t m_handle{};
-    bool m_created = false;
+    std::atomic<bool> m_created{false};
     std::atomic<uint32> m_threadId{0};
 };
 
+// The most derived part of every thread object: `new FinalThread<MyThread>(...)`
+// or a FinalThread<MyThread> member. Its destructor runs first, so the thread
+// is stopped while the whole object still stands.
+template <typename T>
+class FinalThread final : public T
+{
+public:
+    using T::T;
+    ~FinalThread() override { this->Term(); }
+
+private:
+    void StopsBeforeDestruction() override {}
+};
+
 // A thread that sleeps on a semaphore and runs Procedure each time it is
-// signalled, until told to exit.
+// signalled, until told to exit. Signal and NotifyExit are safe from any
+// thread while the object lives.
 class KOVEX_API Thread : public ThreadBase
 {
 public:
@@ -141,7 +171,8 @@ private:
     std::atomic<bool> m_exit{false};
 };
 
-// Threads that share one semaphore.
+// Threads that share one semaphore. Init and Term belong to the owning
+// thread; Signal and NotifyExit are safe from any thread between them.
 class KOVEX_API ThreadPool : public HeapObject
 {
 public:

@@ -252,8 +252,10 @@ void Kovex_Main_Terminate()
     // 1. g_ptrRenderer->Cleanup()
     // 2. ScriptEnvironment::Destroy()
     // 3. delete the SinglePassLightingFWBuilder singleton
-    ResourceManager::Ins()->TermFactories();
+    // The resource thread stops first: a load it has under way finishes and
+    // reaches its factory's cache before the factories let their caches go.
     ResourceThread::Destroy();
+    ResourceManager::Ins()->TermFactories();
     // 6. FontFace::Destroy()
     g_kovexRootPath.Clear();
     s_mainInited = false;

@@ -37,8 +37,8 @@ void Resource::StaticConstructor(Class* cls)
 
 Resource::~Resource()
 {
-    if (m_factory)
-        m_factory->RemoveCached(this);
+    if (ResourceFactory* factory = GetFactory())
+        factory->RemoveCached(this);
 }
 
 WString Resource::GetResPath() const
@@ -50,7 +50,7 @@ WString Resource::GetResPath() const
 
 void Resource::SetPath(const WString& path)
 {
-    ResourceFactory* factory = m_factory;
+    ResourceFactory* factory = GetFactory();
     if (factory)
         factory->RemoveCached(this);
     m_path = path;
@@ -60,7 +60,11 @@ void Resource::SetPath(const WString& path)
         factory->AddCached(this, factory->GetResourceDateTime(m_path));
 }
 
-WString Resource::GetFileExt() const { return m_factory ? m_factory->GetExtension() : WString(); }
+WString Resource::GetFileExt() const
+{
+    ResourceFactory* factory = GetFactory();
+    return factory ? factory->GetExtension() : WString();
+}
 
 Ptr<Resource> Resource::LoadFromPath(const WString& path, unsigned int flags)
 {
@@ -77,7 +81,11 @@ bool Resource::IsObjUrlShown(const Property* property) { return property && prop
 bool Resource::IsObjExpanded(const Property* property) { return property && property->HasFlag(Property::FLAG_EXPANDED); }
 bool Resource::canSaveAsFile(const Property* property) { return property && property->HasFlag(Property::FLAG_SAVE_AS_FILE); }
 
-bool Resource::IsClonable() const { return m_path.IsEmpty() || !m_factory || m_factory->GetMode() != RESOURCE_CACHED; }
+bool Resource::IsClonable() const
+{
+    ResourceFactory* factory = GetFactory();
+    return m_path.IsEmpty() || !factory || factory->GetMode() != RESOURCE_CACHED;
+}
 
 bool Resource::Duplicate(Object* destination, unsigned int flags) const
 {
@@ -92,15 +100,14 @@ bool Resource::Duplicate(Object* destination, unsigned int flags) const
 
 bool Resource::SupportSerializeDiff(const Object* other) const
 {
+    ResourceFactory* factory = GetFactory();
     return other && other->GetClass() == GetClass() &&
-           (!m_factory || m_factory->GetMode() != RESOURCE_CACHED || m_path.IsEmpty());
+           (!factory || factory->GetMode() != RESOURCE_CACHED || m_path.IsEmpty());
 }
 
 // --- ResourceFactory ---------------------------------------------------------------------------------
 
 namespace {
-
-bool CopyResource(Resource* stored, Resource* value) { return value->Duplicate(stored, 0); }
 
 // Takes a reference to a cached resource unless it is already being destroyed.
 Ptr<Resource> Hold(Resource* resource)
@@ -110,6 +117,20 @@ Ptr<Resource> Hold(Resource* resource)
     Ptr<Resource> held(resource);
     resource->Release();
     return held;
+}
+
+using HeldResources = TArray<Ptr<Resource>>;
+
+// Copies into a cached version only while holding it: a version whose last
+// holder is letting go on another thread is left to its destructor. The
+// references are let go by the caller, after the factory's lock.
+bool CopyResource(Resource* stored, Resource* value, void* held)
+{
+    Ptr<Resource> alive = Hold(stored);
+    if (!alive)
+        return false;
+    static_cast<HeldResources*>(held)->Add(alive);
+    return value->Duplicate(stored, 0);
 }
 
 WString Absolute(const WString& path)
@@ -161,7 +182,7 @@ void ResourceFactory::OnTerminated()
     m_cache->Clear(
         [](Resource* resource, void* factory) {
             static_cast<ResourceFactory*>(factory)->OnDeleteResource(resource);
-            resource->m_factory = nullptr;
+            resource->m_factory.store(nullptr, std::memory_order_release);
         },
         this);
     delete m_cache;
@@ -184,7 +205,7 @@ void ResourceFactory::AddCached(Resource* resource, const DateTime& date)
     if (!m_cache)
         return;
     m_cache->Add(resource, resource->m_path, date);
-    resource->m_factory = this;
+    resource->m_factory.store(this, std::memory_order_release);
 }
 
 void ResourceFactory::RemoveCached(Resource* resource)
@@ -215,14 +236,18 @@ Ptr<Resource> ResourceFactory::Load(const WString& path, unsigned int flags)
     Ptr<Resource> resource = InternalFind(absolute, date);
     if (!resource)
     {
+        // A load of this path still under way on another thread is not in
+        // the cache yet: this thread loads its own, and the cache keeps the
+        // later of the two.
         resource = InternalLoad(absolute, flags);
         if (!resource)
             return resource;
         if (!g_IsNullRenderer || (flags & ResourceLoadFlags::GRAPHICS_WITH_NULL_RENDERER))
             resource->LoadGraphicsObjects(nullptr);
-        AddCached(resource.Get(), date);
+        CompleteLoad(resource, date, flags, true);
+        return resource;
     }
-    else if (m_mode == RESOURCE_CACHED)
+    if (m_mode == RESOURCE_CACHED)
         return resource;
     PostLoad(resource, flags);
     return resource;
@@ -241,7 +266,9 @@ void ResourceFactory::AsyncLoad(const WString& path, const ResourceSucceedDelega
     if (m_mode != RESOURCE_NOT_MANAGED)
         if (Ptr<Resource> cached = InternalFind(absolute, date))
         {
-            PostLoad(cached, flags);
+            // A shared resource was post-loaded once, when it was loaded.
+            if (m_mode != RESOURCE_CACHED)
+                PostLoad(cached, flags);
             ResourceThread::ProcessSucceed(cached, succeed);
             return;
         }
@@ -262,6 +289,21 @@ void ResourceFactory::PostLoad(Ptr<Resource>& resource, unsigned int flags)
     if (!resource)
         return;
     resource->PostLoad();
+    Instantiate(resource, flags);
+}
+
+void ResourceFactory::CompleteLoad(Ptr<Resource>& resource, const DateTime& date, unsigned int flags, bool publish)
+{
+    if (!resource)
+        return;
+    resource->PostLoad();
+    if (publish)
+        AddCached(resource.Get(), date);
+    Instantiate(resource, flags);
+}
+
+void ResourceFactory::Instantiate(Ptr<Resource>& resource, unsigned int flags)
+{
     if (m_mode != RESOURCE_INSTANCED || (flags & ResourceLoadFlags::NO_CLONE))
         return;
     Ptr<Resource> clone = DynamicCast<Resource>(resource->Clone(flags));
@@ -408,8 +450,10 @@ bool ResourceFactory::Replace(const WString& path, const Resource* resource)
 {
     if (!resource || m_mode == RESOURCE_NOT_MANAGED || path.IsEmpty() || path.GetFileExt() != m_extension)
         return false;
+    WString absolute = Absolute(path);
+    HeldResources held; // let go after the lock: one of them may be the last reference
     MutexLock lock(m_lock);
-    return m_cache && m_cache->Replace(Absolute(path), const_cast<Resource*>(resource));
+    return m_cache && m_cache->Replace(absolute, const_cast<Resource*>(resource), &held);
 }
 
 // A resource referred to from another file is stored as its path when it

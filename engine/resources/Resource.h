@@ -28,6 +28,10 @@ constexpr unsigned int GRAPHICS_WITH_NULL_RENDERER = 64;
 } // namespace ResourceLoadFlags
 
 // An object that lives in a file of its own and may be shared by path.
+//
+// Threads: a resource may be loaded, held and let go on any thread; one
+// found in a cache is complete. Changing one (SetPath, properties) belongs to
+// one thread at a time.
 class KOVEX_API Resource : public NamedObject
 {
     KOVEX_CLASS(Resource)
@@ -41,12 +45,12 @@ public:
     const WString& GetPath() const { return m_path; }
     // Moves the resource in its factory's cache to the new (absolute) path.
     void SetPath(const WString& path);
-    bool IsCached() const { return m_factory && !m_path.IsEmpty(); }
+    bool IsCached() const { return GetFactory() && !m_path.IsEmpty(); }
     bool IsReference() const { return m_origin.Get() != nullptr; }
     WString GetFileExt() const;
     const Ptr<Resource>& GetOriginRes() const { return m_origin; }
     void SetOriginRes(const Ptr<Resource>& origin) { m_origin = origin; }
-    ResourceFactory* GetFactory() const { return m_factory; }
+    ResourceFactory* GetFactory() const { return m_factory.load(std::memory_order_acquire); }
 
     static Ptr<Resource> LoadFromPath(const WString& path, unsigned int flags = 0);
     static void AsyncLoadFromPath(const WString& path, const ResourceSucceedDelegate& succeed,
@@ -61,20 +65,28 @@ public:
     bool Duplicate(Object* destination, unsigned int flags) const override;
     bool SupportSerializeDiff(const Object* other) const override;
     // Creates the device objects the resource needs; true when they are made
-    // (or under way, with `*pending` set until they are).
-    virtual bool LoadGraphicsObjects(volatile int* /*pending*/) { return true; }
+    // (or under way, with `*pending` set non-zero until they are). A thread
+    // that finishes them elsewhere clears `*pending` with release order last.
+    virtual bool LoadGraphicsObjects(std::atomic<int>* /*pending*/) { return true; }
 
 private:
     friend class ResourceFactory;
 
     WString m_path;
     Ptr<Resource> m_origin;
-    ResourceFactory* m_factory = nullptr; // set while the resource is in its factory's cache
+    // Set while the resource is in its factory's cache: written under the
+    // factory's lock, read by the destructor on whichever thread lets go last.
+    std::atomic<ResourceFactory*> m_factory{nullptr};
 };
 
 // Loads, shares and saves the resources of one class, by file extension.
 // It is the object factory of its class too, so a resource referred to from
 // another object's file is stored as its path.
+//
+// Threads: Load, Find, Replace, Save, AddCached and RemoveCached are safe
+// from any thread (the cache is under the factory's lock; loading runs
+// outside it). AsyncLoad, OnInitialized and OnTerminated belong to the main
+// thread.
 class KOVEX_API ResourceFactory : public ObjectFactory
 {
 public:
@@ -114,11 +126,17 @@ public:
 
 protected:
     Ptr<Resource> InternalFind(const WString& path, const DateTime& date);
+    // PostLoad of a cached resource, then the clone an instanced factory hands out.
     void PostLoad(Ptr<Resource>& resource, unsigned int flags);
+    // The end of a load that missed the cache: PostLoad, then (with
+    // `publish`) the cache entry, so that only a complete object is ever
+    // found, then the clone an instanced factory hands out.
+    void CompleteLoad(Ptr<Resource>& resource, const DateTime& date, unsigned int flags, bool publish);
     bool InternalSaveObject(const Resource* resource, Serializer* serializer, bool writeClass);
 
 private:
     friend class ResourceThread;
+    void Instantiate(Ptr<Resource>& resource, unsigned int flags);
 
     ResourceManagementMode m_mode;
     WString m_extension;

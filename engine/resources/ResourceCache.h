@@ -7,14 +7,17 @@ namespace KovexEngine {
 
 // Where a resource factory keeps what it has loaded, by path. The cache does
 // not own its values: a resource leaves its cache when it is destroyed.
+// Threads: a cache has no lock of its own; its factory calls it under the
+// factory's lock.
 template <typename K, typename V>
 class CacheInterface
 {
 public:
     using DateTime = Stream::DateTime;
     // Gives `stored` the contents of `value`, so that every holder of the
-    // cached object sees a replacement; true when it did.
-    using CopyFunction = bool (*)(V stored, V value);
+    // cached object sees a replacement; true when it did. `context` is the
+    // one given to Replace.
+    using CopyFunction = bool (*)(V stored, V value, void* context);
     using EachFunction = void (*)(V value, void* context);
 
     virtual ~CacheInterface() = default;
@@ -24,7 +27,7 @@ public:
     virtual V Find(const K& key, const DateTime& date) const = 0;
     // Hands every value to `each`, then forgets them all.
     virtual void Clear(EachFunction each, void* context) = 0;
-    virtual bool Replace(const K& key, V value) = 0;
+    virtual bool Replace(const K& key, V value, void* context) = 0;
 
     void SetCopyFunction(CopyFunction copy) { m_copy = copy; }
 
@@ -60,10 +63,10 @@ public:
             for (auto& pair : taken)
                 each(pair.value, context);
     }
-    bool Replace(const K& key, V value) override
+    bool Replace(const K& key, V value, void* context) override
     {
         const V* stored = m_table.FindValue(key);
-        return stored && value && this->m_copy && this->m_copy(*stored, value);
+        return stored && value && this->m_copy && this->m_copy(*stored, value, context);
     }
     unsigned Count() const { return m_table.Count(); }
 
@@ -150,7 +153,7 @@ public:
 
     // Versions that take the new contents are re-dated to Zero, so that no
     // file date matches them again; the newest remaining becomes the head.
-    bool Replace(const K& key, V value) override
+    bool Replace(const K& key, V value, void* context) override
     {
         TArray<Version>* versions = m_versions.FindValue(key);
         Head* head = m_heads.FindValue(key);
@@ -158,7 +161,7 @@ public:
             return false;
         TArray<Version> kept, copied;
         for (const Version& version : *versions)
-            (this->m_copy(version.value, value) ? copied : kept).Add(version);
+            (this->m_copy(version.value, value, context) ? copied : kept).Add(version);
         if (copied.IsEmpty())
             return false;
         for (Version& version : copied)

@@ -13,7 +13,7 @@ ResourceThread* s_resourceThread = nullptr;
 ResourceThread* ResourceThread::Ins()
 {
     if (!s_resourceThread)
-        s_resourceThread = new ResourceThread();
+        s_resourceThread = new FinalThread<ResourceThread>();
     return s_resourceThread;
 }
 
@@ -28,19 +28,19 @@ void ResourceThread::Destroy()
     s_resourceThread = nullptr;
 }
 
-void ResourceThread::PostLoadFor(ResourceFactory* factory, Ptr<Resource>& resource, unsigned int flags)
-{
-    factory->PostLoad(resource, flags);
-}
-
 void ResourceThread::OnInit() { SetName(AString("Resource Thread")); }
+
+void ResourceThread::Procedure()
+{
+    while (MT_HasPending() && !IsExitNotified())
+        ProcessMTCommandSingle();
+}
 
 bool ResourceThread::MT_InternalPostCommand(const Ptr<ThreadCommand>& command)
 {
     if (!CommandThread::MT_InternalPostCommand(command))
         return false;
-    if (IsCreated())
-        Signal();
+    GetSemaphore()->Release();
     return true;
 }
 
@@ -75,16 +75,23 @@ void ResourceThread::LoadingCommand::Process()
         m_result = nullptr;
     if (!m_result)
         return;
-    m_factory->AddCached(m_result.Get(), m_date);
+    m_loaded = m_result;
     if (!g_IsNullRenderer || (m_flags & ResourceLoadFlags::GRAPHICS_WITH_NULL_RENDERER))
-        m_result->LoadGraphicsObjects(&m_pending);
-    PostLoadFor(m_factory, m_result, m_flags);
+        m_loaded->LoadGraphicsObjects(&m_pending);
+    // With its graphics side still under way elsewhere, the resource is
+    // published from the main thread once that is done.
+    m_published = m_pending.load(std::memory_order_acquire) == 0;
+    m_factory->CompleteLoad(m_result, m_date, m_flags, m_published);
 }
 
 bool ResourceThread::LoadingCommand::AfterProcess()
 {
-    if (m_result && m_pending != 0)
+    if (m_loaded && m_pending.load(std::memory_order_acquire) != 0)
         return false; // the graphics side is still under way
+    if (m_loaded && !m_published)
+        m_factory->AddCached(m_loaded.Get(), m_date);
+    m_published = true;
+    m_loaded = nullptr;
     if (m_result)
         ProcessSucceed(m_result, m_succeed);
     else

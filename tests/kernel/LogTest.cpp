@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "kernel/Log.h"
 #include "kernel/MemoryTracker.h"
@@ -152,4 +154,102 @@ TEST(LogConsole, WritesToItsDescriptorAndClosesOnRequest)
     EXPECT_EQ(LogProxy_Console::Get(), nullptr) << "a close with nobody waiting destroys the console";
     close(fds[0]);
     close(fds[1]);
+}
+
+namespace {
+
+// Takes every proxy out of the log for the life of a test, and puts them back.
+class QuietLog
+{
+public:
+    QuietLog()
+    {
+        if (Log::ms_proxis)
+            for (const Ptr<LogProxy>& proxy : *Log::ms_proxis)
+                m_saved.push_back(proxy);
+        for (const Ptr<LogProxy>& proxy : m_saved)
+            Log::RemoveProxy(proxy);
+    }
+    ~QuietLog()
+    {
+        for (const Ptr<LogProxy>& proxy : m_saved)
+            Log::AddProxy(proxy);
+    }
+
+private:
+    std::vector<Ptr<LogProxy>> m_saved;
+};
+
+} // namespace
+
+// The resource thread logs each load while the main thread logs its frame:
+// every line reaches the file whole, while proxies come and go meanwhile.
+TEST(LogThreads, ThreadsLogThroughOneFileWhileProxiesComeAndGo)
+{
+    QuietLog quiet;
+    char pattern[] = "/tmp/kovex-log-XXXXXX";
+    std::string dir = mkdtemp(pattern);
+    std::string path = dir + "/threads.log";
+    Ptr<LogProxy_File> file(new LogProxy_File(StringConvFuncs::ToWString(path.c_str())));
+    ASSERT_TRUE(file->IsOpen());
+    Log::AddProxy(Ptr<LogProxy>(file.Get()));
+
+    constexpr int kLines = 20000;
+    std::atomic<bool> writing{true};
+    std::thread churn([&] {
+        // Adds and removes a proxy for as long as the writers write.
+        int rounds = 0;
+        while (writing.load() || rounds < 100)
+        {
+            KovexTest::LogCapture capture;
+            capture->SetLevelMask(1u << LOG_NOTICE);
+            ++rounds;
+        }
+    });
+    auto writer = [](char16_t tag) {
+        char16_t line[] = u"x line of a thread";
+        line[0] = tag;
+        for (int i = 0; i < kLines; ++i)
+            Log::Print(LOG_INFO, line);
+    };
+    std::thread a(writer, u'a'), b(writer, u'b');
+    a.join();
+    b.join();
+    writing = false;
+    churn.join();
+    Log::RemoveProxy(Ptr<LogProxy>(file.Get()));
+    file = nullptr; // writes the last run
+
+    std::ifstream in(path);
+    std::string line;
+    int counts[2] = {0, 0}, torn = 0;
+    while (std::getline(in, line))
+    {
+        if (line == "<<<Info>>>")
+            continue;
+        if (line == "a line of a thread\r")
+            ++counts[0];
+        else if (line == "b line of a thread\r")
+            ++counts[1];
+        else
+            ++torn;
+    }
+    EXPECT_EQ(counts[0], kLines);
+    EXPECT_EQ(counts[1], kLines);
+    EXPECT_EQ(torn, 0);
+    std::filesystem::remove_all(dir);
+}
+
+TEST(LogThreads, ALevelMaskChangedAfterAddingIsObeyed)
+{
+    QuietLog quiet;
+    KovexTest::LogCapture capture;
+    EXPECT_TRUE(Log::IsLevelWanted(LOG_INFO));
+    capture->SetLevelMask(1u << LOG_ERROR);
+    EXPECT_FALSE(Log::IsLevelWanted(LOG_INFO)) << "nobody takes it any more";
+    EXPECT_TRUE(Log::IsLevelWanted(LOG_ERROR));
+    Log::Format(LOG_INFO, u"%d", 1);
+    Log::Format(LOG_ERROR, u"%d", 2);
+    ASSERT_EQ(capture->entries.Count(), 1u);
+    EXPECT_TRUE(capture->entries[0].text == u"2");
 }

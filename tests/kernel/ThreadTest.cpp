@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "commands/CommandThread.h"
@@ -38,7 +39,7 @@ bool Eventually(F&& condition)
     return condition();
 }
 
-struct CountingThread : Thread
+struct Counting : Thread
 {
     std::atomic<int> procedures{0};
     std::atomic<int> inits{0};
@@ -46,8 +47,8 @@ struct CountingThread : Thread
     void Procedure() override { ++procedures; }
     void OnInit() override { ++inits; }
     void OnTerm() override { ++terms; }
-    ~CountingThread() override { Term(); }
 };
+using CountingThread = FinalThread<Counting>;
 
 // Records where and in which state it ran.
 struct Probe : ThreadCommand2
@@ -71,10 +72,7 @@ struct Plain : ThreadCommand
 };
 
 // A worker whose commands run only when the test says so.
-struct ManualThread : CommandThread
-{
-    ~ManualThread() override { Term(); }
-};
+using ManualThread = FinalThread<CommandThread>;
 
 struct Recorder : UpdateCommand
 {
@@ -345,4 +343,118 @@ TEST(UpdateThreadPool, ManyCommandsFromTheMainThreadAllComplete)
     for (auto& c : commands)
         ASSERT_EQ(c->runs.load(), 1);
     UpdateThreadPool::Destroy();
+}
+
+// --- Several threads at once ---------------------------------------------------------------
+
+TEST(UpdateThreadPool, SubmittingFromSeveralThreadsRunsEachCommandOnce)
+{
+    UpdateThreadPool* pool = UpdateThreadPool::Ins();
+    ASSERT_TRUE(pool->Init(2));
+    constexpr int kPerThread = 20000;
+    std::vector<Ptr<Recorder>> submitted[2];
+    auto submitter = [&](std::vector<Ptr<Recorder>>* mine) {
+        mine->reserve(kPerThread);
+        for (int i = 0; i < kPerThread; ++i)
+        {
+            mine->push_back(Ptr<Recorder>(new Recorder()));
+            mine->back()->Submit();
+        }
+        for (auto& c : *mine)
+            c->Wait();
+    };
+    std::thread a(submitter, &submitted[0]), b(submitter, &submitted[1]);
+    a.join();
+    b.join();
+    int wrong = 0;
+    for (auto& list : submitted)
+        for (auto& c : list)
+            wrong += c->runs.load() != 1 || c->GetState() != ThreadCommand::STATE_FINISHED;
+    EXPECT_EQ(wrong, 0) << "every command ran exactly once before its Wait returned";
+    UpdateThreadPool::Destroy();
+}
+
+TEST(CommandThread, WaitAndCancelRaceTheWorkerCleanly)
+{
+    UpdateThreadPool* pool = UpdateThreadPool::Ins();
+    ASSERT_TRUE(pool->Init(1));
+    auto* worker = static_cast<UpdateThread*>(pool->GetThread(0));
+    // Submit then Wait: Wait cancels and runs whatever the worker has not
+    // taken yet, while the worker takes commands from the same list.
+    for (int i = 0; i < 5000; ++i)
+    {
+        Ptr<Recorder> command(new Recorder());
+        command->Submit(worker);
+        command->Wait();
+        ASSERT_EQ(command->runs.load(), 1);
+        EXPECT_EQ(command->GetOwner(), nullptr) << "a finished command has no owner";
+    }
+    UpdateThreadPool::Destroy();
+}
+
+TEST(CommandThread, ADroppedCommandForgetsItsThread)
+{
+    Ptr<Plain> finished(new Plain()), dropped(new Plain());
+    {
+        ManualThread worker;
+        worker.MT_PostCommand(finished.Get());
+        worker.ProcessMTCommandList();
+        EXPECT_EQ(finished->GetOwner(), nullptr) << "out of the pending list, no owner";
+        worker.MT_PostCommand(dropped.Get());
+    }
+    EXPECT_EQ(dropped->GetOwner(), nullptr) << "the thread that dropped it is gone";
+    EXPECT_FALSE(dropped->Cancel());
+    EXPECT_EQ(dropped->runs.load(), 0);
+}
+
+TEST(Threads, PostersSignalWhileTheThreadStartsAndStops)
+{
+    CountingThread thread;
+    std::atomic<bool> running{true};
+    auto poster = [&] {
+        for (int i = 0; i < 20000 || running.load(); ++i)
+        {
+            thread.Signal();
+            (void)thread.IsCreated();
+        }
+    };
+    std::thread a(poster), b(poster);
+    for (int i = 0; i < 200; ++i)
+    {
+        ASSERT_TRUE(thread.Init());
+        thread.Term();
+    }
+    running = false;
+    a.join();
+    b.join();
+    EXPECT_FALSE(thread.IsCreated());
+}
+
+namespace {
+
+// Polls as an update thread does, and has no destructor of its own.
+struct Poller : CommandThread
+{
+    std::atomic<int> polls{0};
+    void Procedure() override
+    {
+        while (!IsExitNotified())
+            polls.fetch_add(1, std::memory_order_relaxed);
+    }
+};
+
+} // namespace
+
+TEST(Threads, AThreadStopsBeforeAnyPartOfItIsTornDown)
+{
+    static_assert(std::is_abstract_v<Poller>, "a thread class is made only as a FinalThread");
+    for (int i = 0; i < 200; ++i)
+    {
+        auto* poller = new FinalThread<Poller>();
+        ASSERT_TRUE(poller->Init());
+        poller->Signal();
+        while (poller->polls.load() == 0)
+            std::this_thread::yield();
+        delete poller;
+    }
 }

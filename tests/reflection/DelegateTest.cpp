@@ -104,10 +104,7 @@ TEST(Delegate, VariablesHoldDelegates)
 
 TEST(Delegate, ACommandCanRunADelegate)
 {
-    struct Worker : CommandThread
-    {
-        ~Worker() override { Term(); }
-    } worker;
+    FinalThread<CommandThread> worker;
     Counter counter;
     Ptr<ThreadCommand_Delegate> command(new ThreadCommand_Delegate(DelegateC<void()>(&counter, &Counter::Bump)));
     EXPECT_TRUE(command->GetClass()->IsKindOf(ThreadCommand::StaticGetClass()));

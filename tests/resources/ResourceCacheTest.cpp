@@ -18,7 +18,7 @@ struct Item
     bool acceptsCopies = true;
 };
 
-bool CopyInto(Item* stored, Item* value)
+bool CopyInto(Item* stored, Item* value, void*)
 {
     if (!stored->acceptsCopies)
         return false;
@@ -45,9 +45,9 @@ TEST(ResourceCache, DefaultHoldsOneValuePerPath)
 
     cache.Remove(&first, kPath); // no longer the cached one: nothing happens
     EXPECT_EQ(cache.Find(kPath, DateTime::Invalid), &second);
-    EXPECT_TRUE(cache.Replace(kPath, &replacement));
+    EXPECT_TRUE(cache.Replace(kPath, &replacement, nullptr));
     EXPECT_EQ(second.contents, 42) << "holders of the cached object see the new contents";
-    EXPECT_FALSE(cache.Replace(WString(u"/data/other.mt"), &replacement));
+    EXPECT_FALSE(cache.Replace(WString(u"/data/other.mt"), &replacement, nullptr));
 
     std::vector<Item*> cleared;
     cache.Clear(&Collect, &cleared);
@@ -83,14 +83,14 @@ TEST(ResourceCache, TimeMaskedReplaceRedatesTheVersionsItCopiedInto)
     TimeMaskedCacheInterface<WString, Item*> cache;
     Item only, replacement{7};
     cache.Add(&only, kPath, DateTime::FromTicks(10));
-    EXPECT_FALSE(cache.Replace(kPath, &replacement)) << "no copy function";
+    EXPECT_FALSE(cache.Replace(kPath, &replacement, nullptr)) << "no copy function";
     cache.SetCopyFunction(&CopyInto);
-    EXPECT_FALSE(cache.Replace(kPath, &replacement)) << "a single version is left alone";
+    EXPECT_FALSE(cache.Replace(kPath, &replacement, nullptr)) << "a single version is left alone";
     EXPECT_EQ(only.contents, 0);
 
     Item refusing{0, false};
     cache.Add(&refusing, kPath, DateTime::FromTicks(20));
-    EXPECT_TRUE(cache.Replace(kPath, &replacement));
+    EXPECT_TRUE(cache.Replace(kPath, &replacement, nullptr));
     EXPECT_EQ(only.contents, 7);
     EXPECT_EQ(refusing.contents, 0);
     // The copied version no longer answers to its file date; the other is the head.

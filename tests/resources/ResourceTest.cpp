@@ -453,3 +453,361 @@ TEST_F(BackgroundLoads, StoppingWithLoadsInFlightLosesNothingAndLeaksNothing)
     EXPECT_TRUE(g_delivered.succeeded.empty()) << "no delegate runs after the thread is gone";
     ASSERT_TRUE(ResourceThread::Ins()->Init()); // for TearDown
 }
+
+// --- Loads that meet across threads ---------------------------------------------------------------
+
+namespace KovexResourceTest {
+
+// Records how far each load went. Its graphics side can be held on the
+// resource thread, or finished by a thread of its own as a renderer would.
+class Tracked : public Resource
+{
+    KOVEX_CLASS(Tracked)
+public:
+    int32 serial = 0;
+    std::atomic<int> postLoads{0};
+    bool graphicsDone = false;
+    int deviceHandle = 0; // written by the "graphics thread"
+    static std::atomic<bool> holdGraphics;
+    static std::atomic<bool> inGraphics;
+    static bool separateGraphicsThread;
+    static std::vector<std::thread> graphicsThreads;
+    static std::vector<Ptr<Resource>> keepers; // what an application would hold on to
+    static bool keepLoaded;
+
+    void PostLoad() override
+    {
+        ++postLoads;
+        if (keepLoaded)
+            keepers.push_back(Ptr<Resource>(this));
+    }
+    bool LoadGraphicsObjects(std::atomic<int>* pending) override
+    {
+        if (pending && ResourceThread::Ins()->IsCurrentThread())
+        {
+            inGraphics = true;
+            for (int i = 0; i < 10000 && holdGraphics.load(); ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (separateGraphicsThread)
+            {
+                pending->store(1);
+                graphicsThreads.emplace_back([this, pending] {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                    deviceHandle = 42;
+                    graphicsDone = true;
+                    pending->store(0, std::memory_order_release);
+                });
+                return true;
+            }
+        }
+        deviceHandle = 42;
+        graphicsDone = true;
+        return true;
+    }
+    bool Complete() const { return graphicsDone && deviceHandle == 42 && postLoads.load() >= 1; }
+};
+std::atomic<bool> Tracked::holdGraphics{false};
+std::atomic<bool> Tracked::inGraphics{false};
+bool Tracked::separateGraphicsThread = false;
+std::vector<std::thread> Tracked::graphicsThreads;
+std::vector<Ptr<Resource>> Tracked::keepers;
+bool Tracked::keepLoaded = false;
+
+// The instanced kind: each load a clone of a cached origin.
+class TrackedCopy : public Tracked
+{
+    KOVEX_CLASS(TrackedCopy)
+};
+
+KOVEX_REGISTER_CLASS_EX(Tracked, u"Tests")
+void Tracked::StaticConstructor(Class* cls)
+{
+    RegisterBases<Tracked, Resource>(cls);
+    AddField(cls, u"Serial", &Tracked::serial);
+    cls->ProcessClass();
+}
+KOVEX_REGISTER_CLASS_EX(TrackedCopy, u"Tests")
+void TrackedCopy::StaticConstructor(Class* cls)
+{
+    RegisterBases<TrackedCopy, Tracked>(cls);
+    cls->ProcessClass();
+}
+
+// Counts the cached resources handed back at termination.
+class CountingFactory : public ResourceFactory
+{
+public:
+    using ResourceFactory::ResourceFactory;
+    void OnDeleteResource(Resource*) override { ++deleted; }
+    std::atomic<int> deleted{0};
+};
+
+// Holds the graphics side of background loads until opened or destroyed.
+struct GraphicsHold
+{
+    GraphicsHold()
+    {
+        Tracked::inGraphics = false;
+        Tracked::holdGraphics = true;
+    }
+    ~GraphicsHold() { Open(); }
+    void Open() { Tracked::holdGraphics = false; }
+};
+
+template <typename F>
+bool Eventually(F&& condition)
+{
+    for (int i = 0; i < 5000 && !condition(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return condition();
+}
+
+class TrackedLoads : public BackgroundLoads
+{
+protected:
+    void SetUp() override
+    {
+        BackgroundLoads::SetUp();
+        if (!(tracked = dynamic_cast<CountingFactory*>(ResourceManager::Ins()->GetFactory(WString(u".tracked")))))
+        {
+            tracked = new CountingFactory(Tracked::StaticGetClass(), RESOURCE_CACHED, WString(u".tracked"), 540);
+            ASSERT_TRUE(ObjectManager::Ins()->Register(Tracked::StaticGetClass(), tracked));
+            ASSERT_TRUE(ResourceManager::Ins()->Register(Tracked::StaticGetClass(), tracked));
+            tracked->OnInitialized();
+        }
+        copies = MakeFactory<TrackedCopy>(RESOURCE_INSTANCED, u".tcopy", 545);
+    }
+    void TearDown() override
+    {
+        BackgroundLoads::TearDown();
+        for (std::thread& t : Tracked::graphicsThreads)
+            t.join();
+        Tracked::graphicsThreads.clear();
+        Tracked::separateGraphicsThread = false;
+        Tracked::keepLoaded = false;
+        Tracked::keepers.clear();
+    }
+    WString SaveTracked(const char* name, int serial)
+    {
+        Ptr<Tracked> resource(std::string(name).ends_with(".tcopy") ? new TrackedCopy() : new Tracked());
+        resource->serial = serial;
+        EXPECT_TRUE(ResourceManager::Ins()->Save(resource.Get(), Path(name), Ptr<SerializerState>()));
+        return Path(name);
+    }
+    static Tracked* At(size_t i) { return static_cast<Tracked*>(g_delivered.succeeded[i].Get()); }
+
+    CountingFactory* tracked = nullptr;
+    ResourceFactory* copies = nullptr;
+};
+
+// A counting command for the resource thread's queue.
+struct Counted : ThreadCommand
+{
+    std::atomic<int> runs{0};
+    void Process() override { ++runs; }
+};
+
+} // namespace KovexResourceTest
+
+TEST_F(TrackedLoads, ABackgroundLoadIsCachedOnlyOnceItIsComplete)
+{
+    WString path = SaveTracked("half.tracked", 7);
+    {
+        GraphicsHold hold;
+        Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+        ASSERT_TRUE(Eventually([] { return Tracked::inGraphics.load(); }));
+        // The same path loaded here while the background load is half done:
+        // this thread loads its own, complete object.
+        Ptr<Resource> mine = Resource::LoadFromPath(path);
+        ASSERT_TRUE(mine);
+        EXPECT_TRUE(static_cast<Tracked*>(mine.Get())->Complete()) << "never an unfinished object";
+        EXPECT_EQ(static_cast<Tracked*>(mine.Get())->postLoads.load(), 1);
+        hold.Open();
+        ASSERT_TRUE(Pump(1));
+        EXPECT_NE(At(0), mine.Get());
+    }
+    ASSERT_EQ(g_delivered.succeeded.size(), 1u);
+    EXPECT_TRUE(At(0)->Complete());
+    EXPECT_EQ(At(0)->postLoads.load(), 1);
+    EXPECT_EQ(tracked->Find(path).Get(), At(0)) << "the later publication is the one found";
+
+    // An asynchronous hit on a shared resource runs no PostLoad, as Load does.
+    Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+    ASSERT_EQ(g_delivered.succeeded.size(), 2u);
+    EXPECT_EQ(At(1), At(0));
+    EXPECT_EQ(At(0)->postLoads.load(), 1);
+    EXPECT_EQ(Resource::LoadFromPath(path).Get(), At(0));
+    EXPECT_EQ(At(0)->postLoads.load(), 1);
+}
+
+TEST_F(TrackedLoads, InstancedLoadsKeepAPostLoadPerLoad)
+{
+    WString path = SaveTracked("origin.tcopy", 3);
+    Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+    ASSERT_TRUE(Pump(1));
+    Resource::AsyncLoadFromPath(path, kSucceed, kFailed); // a hit: delivered at once
+    ASSERT_EQ(g_delivered.succeeded.size(), 2u);
+    ASSERT_NE(At(0), At(1));
+    auto* origin = static_cast<Tracked*>(At(0)->GetOriginRes().Get());
+    ASSERT_NE(origin, nullptr);
+    EXPECT_EQ(At(1)->GetOriginRes().Get(), origin);
+    EXPECT_EQ(origin->postLoads.load(), 2) << "the origin's PostLoad runs on each load";
+    EXPECT_EQ(At(0)->postLoads.load(), 1);
+    EXPECT_EQ(At(1)->postLoads.load(), 1);
+    EXPECT_EQ(At(0)->serial, 3);
+}
+
+TEST_F(TrackedLoads, AGraphicsSideFinishedElsewhereIsSeenWhole)
+{
+    WString path = SaveTracked("device.tracked", 1);
+    Tracked::separateGraphicsThread = true;
+    for (int i = 0; i < 50; ++i)
+        Resource::AsyncLoadFromPath(Path("device.tracked"), kSucceed, kFailed);
+    ASSERT_TRUE(Pump(50));
+    int incomplete = 0;
+    for (size_t i = 0; i < g_delivered.succeeded.size(); ++i)
+        incomplete += !At(i)->Complete();
+    EXPECT_EQ(incomplete, 0) << "delivered only once the graphics side is done";
+}
+
+TEST_F(TrackedLoads, CommandsPostedBeforeTheThreadStartsAllRun)
+{
+    ResourceThread::Destroy();
+    ResourceThread* thread = ResourceThread::Ins();
+    Ptr<Counted> early[3] = {Ptr<Counted>(new Counted()), Ptr<Counted>(new Counted()), Ptr<Counted>(new Counted())};
+    for (auto& c : early)
+        ASSERT_TRUE(thread->MT_PostCommand(c.Get()));
+    ASSERT_TRUE(thread->Init());
+    Ptr<Counted> late(new Counted());
+    ASSERT_TRUE(thread->MT_PostCommand(late.Get()));
+    EXPECT_TRUE(Eventually([&] { return late->runs.load() == 1; }));
+    for (auto& c : early)
+        EXPECT_TRUE(Eventually([&] { return c->runs.load() == 1; })) << "a wake runs everything pending";
+}
+
+// Main-thread loads, background loads and asynchronous hits of a few paths,
+// mixed, with objects let go as they come: each one seen is complete and
+// was post-loaded once.
+TEST_F(TrackedLoads, ManyLoadsOfFewPathsMeetOnlyCompleteObjects)
+{
+    std::vector<WString> paths;
+    for (int i = 0; i < 4; ++i)
+        paths.push_back(SaveTracked(("mix" + std::to_string(i) + ".tracked").c_str(), i));
+    std::atomic<int> incomplete{0};
+    std::thread other([&] {
+        // A second thread of the application loading the same files.
+        for (int i = 0; i < 300; ++i)
+        {
+            Ptr<Resource> loaded = Resource::LoadFromPath(paths[size_t(i) % paths.size()]);
+            auto* t = static_cast<Tracked*>(loaded.Get());
+            incomplete += !t || !t->Complete() || t->postLoads.load() != 1;
+        }
+    });
+    for (int i = 0; i < 300; ++i)
+    {
+        Resource::AsyncLoadFromPath(paths[size_t(i) % paths.size()], kSucceed, kFailed);
+        Ptr<Resource> loaded = Resource::LoadFromPath(paths[size_t(i + 1) % paths.size()]);
+        auto* t = static_cast<Tracked*>(loaded.Get());
+        incomplete += !t || !t->Complete() || t->postLoads.load() != 1;
+        if (i % 20 == 19)
+        {
+            ASSERT_TRUE(Pump(g_delivered.succeeded.size() + 1));
+            for (size_t k = 0; k < g_delivered.succeeded.size(); ++k)
+                incomplete += !At(k)->Complete() || At(k)->postLoads.load() != 1;
+            g_delivered = Delivered();
+        }
+    }
+    other.join();
+    EXPECT_EQ(incomplete.load(), 0);
+}
+
+TEST_F(TrackedLoads, ResourcesDieWhileTheirFactoryTerminates)
+{
+    StreamManager::Ins(); // made before any thread asks for it
+    ResourceFactory local(Swatch::StaticGetClass(), RESOURCE_CACHED, WString(u".dying"), 1);
+    local.OnInitialized();
+    WString path = Path("x.dying");
+    std::atomic<bool> done{false};
+    auto churn = [&] {
+        for (int i = 0; i < 5000; ++i)
+        {
+            Ptr<Swatch> swatch(new Swatch());
+            swatch->SetPath(path);
+            local.AddCached(swatch.Get(), Stream::DateTime::Invalid);
+        }
+    };
+    std::thread a(churn), b(churn);
+    std::thread cycler([&] {
+        while (!done.load())
+        {
+            local.OnTerminated();
+            local.OnInitialized();
+        }
+    });
+    a.join();
+    b.join();
+    done = true;
+    cycler.join();
+    EXPECT_FALSE(local.Find(path)) << "every one left its cache";
+}
+
+TEST(ResourceThreads, ReplaceCopiesOnlyIntoLiveVersions)
+{
+    TempDir dir;
+    StreamManager::Ins(); // made before any thread asks for it
+    Kovex_SetCacheStrategy(KOVEX_CACHE_TIME_MASKED);
+    ResourceFactory factory(Swatch::StaticGetClass(), RESOURCE_CACHED, WString(u".mswatch"), 1);
+    factory.OnInitialized();
+    Kovex_SetCacheStrategy(KOVEX_CACHE_DEFAULT);
+    WString path = dir.W("r.mswatch");
+    std::atomic<bool> done{false};
+    auto churn = [&] {
+        for (int i = 0; i < 3000; ++i)
+        {
+            Ptr<Swatch> older(new Swatch()), newer(new Swatch());
+            older->SetPath(path);
+            newer->SetPath(path);
+            factory.AddCached(older.Get(), Stream::DateTime{1, 0});
+            factory.AddCached(newer.Get(), Stream::DateTime{2, 0});
+        }
+    };
+    std::thread a(churn), b(churn);
+    Ptr<Swatch> edited(new Swatch());
+    edited->colour = Vector4(0, 1, 0, 1);
+    std::thread replacer([&] {
+        while (!done.load())
+            factory.Replace(path, edited.Get());
+    });
+    a.join();
+    b.join();
+    done = true;
+    replacer.join();
+    EXPECT_FALSE(factory.Find(path));
+}
+
+TEST_F(TrackedLoads, ALoadUnderWayAtTerminateIsStillHandedToItsFactory)
+{
+    Kovex_Main_Initialize();
+    WString path = SaveTracked("late.tracked", 9);
+    int deletedBefore = tracked->deleted.load();
+    Tracked::keepLoaded = true;
+    {
+        GraphicsHold hold;
+        Resource::AsyncLoadFromPath(path, kSucceed, kFailed);
+        ASSERT_TRUE(Eventually([] { return Tracked::inGraphics.load(); }));
+        std::thread opener([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            hold.Open();
+        });
+        Kovex_Main_Terminate();
+        opener.join();
+    }
+    EXPECT_FALSE(ResourceThread::Exists());
+    ASSERT_EQ(Tracked::keepers.size(), 1u) << "the load finished";
+    EXPECT_EQ(tracked->deleted.load() - deletedBefore, 1) << "its factory saw it at termination";
+    EXPECT_EQ(Tracked::keepers[0]->GetFactory(), nullptr);
+    Tracked::keepers.clear();
+    ResourceManager::Ins()->InitFactories();
+    Kovex_Main_Initialize();
+    ASSERT_TRUE(ResourceThread::Ins()->Init()); // for TearDown
+}

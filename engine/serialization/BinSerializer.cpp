@@ -1,5 +1,6 @@
 #include "serialization/BinSerializer.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <memory>
@@ -306,16 +307,17 @@ bool BinSerializer::InternalEnter(FourCC tag)
         m_current = child;
         return true;
     }
+    // After a child was left, the next sibling of this id, as the XML form
+    // finds it: sections of one id with others between them are then read
+    // in turn, never the first of them again and again.
     Node* found = nullptr;
-    if (m_lastLeft && m_lastLeft->next && m_lastLeft->next->id == tag)
-        found = m_lastLeft->next;
-    else
-        for (Node* child = m_current->firstChild; child; child = child->next)
-            if (child->id == tag)
-            {
-                found = child;
-                break;
-            }
+    Node* after = m_lastLeft && m_lastLeft->parent == m_current ? m_lastLeft->next : nullptr;
+    for (Node* child = after; child && !found; child = child->next)
+        if (child->id == tag)
+            found = child;
+    for (Node* child = m_current->firstChild; child && !found; child = child->next)
+        if (child->id == tag)
+            found = child;
     if (!found)
         return false;
     m_current->savedPosition = m_position;
@@ -323,6 +325,15 @@ bool BinSerializer::InternalEnter(FourCC tag)
     m_current = found;
     m_position = found->offset;
     return true;
+}
+
+unsigned int BinSerializer::CountSections(FourCC tag) const
+{
+    unsigned count = 0;
+    if (m_mode == MODE_READ && m_current)
+        for (const Node* child = m_current->firstChild; child; child = child->next)
+            count += child->id == tag;
+    return count;
 }
 
 void BinSerializer::InternalLeave()
@@ -572,8 +583,10 @@ bool BinSerializer::Read(FourCC tag, void*& values, unsigned int& count, const S
         return false;
     Cursor cursor(m_file.GetPointer(), m_position, m_current->end);
     uint32 stored = 0;
-    // Every element takes at least one byte: a count beyond the block is a lie.
-    if (!cursor.Take(&stored, 4) || stored > cursor.Remaining() || (!allocate && stored > count))
+    // Each element takes at least its fewest encoded bytes (one, for a struct
+    // that encodes to nothing): a count beyond the block is a lie.
+    uint64 least = std::max<uint64>(1, StructCodec::MinEncodedSize(type));
+    if (!cursor.Take(&stored, 4) || uint64(stored) * least > cursor.Remaining() || (!allocate && stored > count))
     {
         m_position = start;
         return false;

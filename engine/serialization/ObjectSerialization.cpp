@@ -124,6 +124,14 @@ bool Object::LoadProperties(Serializer* serializer)
     uint32 count = 0;
     if (!serializer->Read(FourCCs::PRSZ, count))
         return false;
+    // Each property is a section of its own: a count beyond them is a lie.
+    unsigned stored = serializer->CountSections(FourCCs::PROP);
+    if (count > stored)
+    {
+        Log::Format(LOG_WARNING, u"Property count %u of '%s' exceeds the %u stored.\n", count, GetClass()->GetName()(),
+                    stored);
+        return false;
+    }
     for (uint32 i = 0; i < count; ++i)
     {
         WString name;

@@ -62,7 +62,32 @@ void NormalizeBools(uint8* data, const Struct* type, unsigned depth)
     }
 }
 
+uint64 MinEncodedSizeAt(const Struct* type, unsigned depth)
+{
+    if (depth > kMaxDepth)
+        return 0;
+    if ((type->GetFlags() & Class::FLAG_CONTIGUOUS_STRUCT) && PlainAt(type, depth))
+        return type->GetSerializeSize();
+    uint64 size = 0;
+    for (const Property* field : type->GetStructFields())
+    {
+        KOVEX_BASE_TYPE kind = field->GetType();
+        if (IsRawType(kind))
+            size += field->GetClass()->GetSize();
+        else if (kind == KOVEX_TYPE_ASTRING || kind == KOVEX_TYPE_WSTRING)
+            size += 4;
+        else if (kind == KOVEX_TYPE_CUSTOM && NestedStruct(field))
+            size += MinEncodedSizeAt(NestedStruct(field), depth + 1);
+    }
+    return size;
+}
+
 } // namespace
+
+uint64 MinEncodedSize(const Struct* type)
+{
+    return type ? MinEncodedSizeAt(type, 0) : 0;
+}
 
 bool IsPlain(const Struct* type)
 {

@@ -484,6 +484,19 @@ bool XmlSerializer::InternalEnter(FourCC tag)
     return true;
 }
 
+unsigned int XmlSerializer::CountSections(FourCC tag) const
+{
+    const State& s = *m_state;
+    unsigned count = 0;
+    if (m_mode != MODE_READ || !s.current || tag == 0)
+        return 0;
+    AString name = FourCCs::ToString(tag);
+    for (XmlNode* child = s.current->first_node(name(), name.Length()); child;
+         child = child->next_sibling(name(), name.Length()))
+        ++count;
+    return count;
+}
+
 void XmlSerializer::InternalLeave()
 {
     State& s = *m_state;

@@ -269,6 +269,32 @@ TEST_P(ObjectForms, UnknownPropertiesAndClassesAreReported)
     EXPECT_TRUE(log->Contains(u"Load Property 'Id' failed.\n"));
 }
 
+TEST_P(ObjectForms, PropertyCountBeyondTheStoredSectionsFails)
+{
+    // One property stored, more claimed: the count is not followed round
+    // and round the one section (a forged count of some billions took
+    // minutes); the load fails and says why.
+    for (uint32 claimed : {2u, 5u})
+    {
+        Bytes bytes = WriteWith(Form(), [claimed](Serializer& s) {
+            ASSERT_TRUE(s.Enter(FourCCs::OBJ));
+            s.Write(FourCCs::OBID, 1u);
+            s.Write(FourCCs::CLS, WString(u"Leaf"));
+            s.Write(FourCCs::PRSZ, claimed);
+            s.Enter(FourCCs::PROP);
+            s.Write(FourCCs::NAME, WString(u"NoSuchProperty"));
+            s.Leave();
+            s.Leave();
+        });
+        LogCapture log;
+        EXPECT_FALSE(LoadFrom(bytes));
+        WString line;
+        line.Format(u"Property count %u of 'Leaf' exceeds the 1 stored.\n", claimed);
+        EXPECT_TRUE(log->Contains(line())) << claimed;
+        EXPECT_LE(log->entries.Count(), 2u);
+    }
+}
+
 TEST_P(ObjectForms, ChainsLoadAndCyclesFailCleanly)
 {
     // A long chain is fine...

@@ -191,13 +191,7 @@ bool Property::SavePropertyValue(const void* object, Serializer* serializer) con
         return serializer->Write(VAL, text);
     }
     case KOVEX_TYPE_OBJECT: return serializer->SaveObject(ConstPtr<Object>(value.GetObject()), 1);
-    case KOVEX_TYPE_CUSTOM:
-    {
-        const auto* type = static_cast<const Struct*>(GetClass());
-        if (type->HasOwnSerialization())
-            return type->SaveValue(value.GetStructMem(), serializer);
-        return serializer->Write(SKT, value.GetStructMem(), type);
-    }
+    case KOVEX_TYPE_CUSTOM: return SaveStruct(object, this, serializer);
     default: return false;
     }
 }
@@ -250,14 +244,7 @@ bool Property::LoadPropertyValue(void* object, Serializer* serializer) const
         ok = true;
         break;
     }
-    case KOVEX_TYPE_CUSTOM:
-    {
-        const auto* type = static_cast<const Struct*>(GetClass());
-        value.SetDefaultValue(type);
-        ok = type->HasOwnSerialization() ? type->LoadValue(value.GetStructMem(), serializer)
-                                         : serializer->Read(SKT, value.GetStructMem(), type);
-        break;
-    }
+    case KOVEX_TYPE_CUSTOM: return LoadStruct(object, this, serializer);
     default: return false;
     }
     return ok && value.SetPropertyValue(this, object);

@@ -160,31 +160,6 @@ void ExpectSameScene(const Scene& a, const Scene& b)
     EXPECT_FALSE(b.none);
 }
 
-Bytes SaveIn(const Class* form, const ConstPtr<Object>& object)
-{
-    return WriteWith(form, [&](Serializer& s) {
-        ASSERT_TRUE(s.Enter(FourCCs::OBJ));
-        EXPECT_TRUE(s.SaveObject(object, 0));
-        s.Leave();
-    });
-}
-
-Ptr<Object> LoadFrom(const Bytes& bytes)
-{
-    Ptr<Object> out;
-    Serializer* s = OpenReader(bytes);
-    if (!s)
-        return out;
-    if (s->Enter(FourCCs::OBJ))
-    {
-        if (!s->LoadObject(out, nullptr, 0))
-            out = nullptr;
-        s->Leave();
-    }
-    delete s;
-    return out;
-}
-
 } // namespace KovexObjectSerializationTest
 
 using namespace KovexObjectSerializationTest;

@@ -71,18 +71,22 @@ struct BinSerializer::Node
 };
 
 // A file has a node per section, often a million of them: they come from
-// chunks rather than one allocation each, and go all at once.
+// chunks rather than one allocation each, and go all at once. Chunks grow
+// from small, so that a file of a few sections costs a few nodes.
 struct BinSerializer::NodePool
 {
-    static constexpr unsigned kChunk = 4096;
+    static constexpr unsigned kFirstChunk = 16;
+    static constexpr unsigned kLargestChunk = 4096;
     std::vector<std::unique_ptr<Node[]>> chunks;
-    unsigned used = kChunk;
+    unsigned size = 0; // of the last chunk
+    unsigned used = 0;
 
     Node* New()
     {
-        if (used == kChunk)
+        if (used == size)
         {
-            chunks.emplace_back(new Node[kChunk]);
+            size = size ? std::min(size * 2, kLargestChunk) : kFirstChunk;
+            chunks.emplace_back(new Node[size]);
             used = 0;
         }
         return &chunks.back()[used++];
@@ -90,7 +94,7 @@ struct BinSerializer::NodePool
     void Clear()
     {
         chunks.clear();
-        used = kChunk;
+        size = used = 0;
     }
 };
 

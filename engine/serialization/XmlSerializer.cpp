@@ -194,6 +194,23 @@ struct Tokens
     }
 };
 
+// `count` values joined by ",", the last one followed by `last` (the end
+// of the text is '\0').
+template <typename T>
+bool ParseList(Tokens& tokens, const char* stops, char last, T* out, unsigned count)
+{
+    for (unsigned i = 0; i < count; ++i)
+    {
+        const char* token;
+        unsigned length;
+        char stop;
+        if (!tokens.Next(stops, token, length, stop) || stop != (i + 1 == count ? last : ',') ||
+            !ParseValue(token, length, out[i]))
+            return false;
+    }
+    return true;
+}
+
 // "count;" at the front of array text; the count cannot exceed what the
 // remaining text could hold, so a forged count allocates nothing.
 bool ParseCount(Tokens& tokens, unsigned& count)
@@ -393,16 +410,7 @@ bool NextMember(Tokens& tokens, std::string& member)
 bool ParseFloats(const std::string& text, float* out, unsigned count)
 {
     Tokens parts{text.data(), text.data() + text.size()};
-    for (unsigned i = 0; i < count; ++i)
-    {
-        const char* token;
-        unsigned length;
-        char stop;
-        if (!parts.Next(",", token, length, stop) || stop != (i + 1 == count ? '\0' : ',') ||
-            !ParseValue(token, length, out[i]))
-            return false;
-    }
-    return true;
+    return ParseList(parts, ",", '\0', out, count);
 }
 
 bool ParseStruct(Tokens& tokens, uint8* data, const Struct* type, unsigned depth, const Property*& failed);
@@ -768,18 +776,11 @@ bool XmlSerializer::ReadArray(FourCC tag, T*& values, unsigned int& count, bool 
     T* target = allocate ? new (std::nothrow) T[stored] : values;
     if (!target)
         return false;
-    for (unsigned i = 0; i < stored; ++i)
+    if (!ParseList(tokens, ",;", ';', target, stored))
     {
-        const char* token;
-        unsigned size;
-        char stop;
-        if (!tokens.Next(",;", token, size, stop) || stop != (i + 1 == stored ? ';' : ',') ||
-            !ParseValue(token, size, target[i]))
-        {
-            if (allocate)
-                delete[] target;
-            return false;
-        }
+        if (allocate)
+            delete[] target;
+        return false;
     }
     values = target;
     count = stored;
@@ -845,8 +846,10 @@ bool XmlSerializer::Read(FourCC tag, void*& records, unsigned int& count, const 
         count = 0;
         return true;
     }
+    // Each field of each record ends with a separator in the text.
     uint64 bytes = uint64(stored) * layout.GetSize();
-    if (bytes > DataStream::kMaxSize)
+    if (bytes > DataStream::kMaxSize ||
+        uint64(stored) * layout.GetFields().Count() > uint64(tokens.end - tokens.at) + 1)
         return false;
     uint8* target = allocate ? new (std::nothrow) uint8[size_t(bytes)]() : static_cast<uint8*>(records);
     if (!target)

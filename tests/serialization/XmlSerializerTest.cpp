@@ -8,6 +8,7 @@
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
 #include "serialization/SerializerTestSupport.h"
+#include "support/AllocCounter.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -278,4 +279,27 @@ TEST(XmlSerializer, OutputIsWellFormedForXmllint)
     dir.Write("out.xml", text.substr(8));
     std::string path = dir.path + "/out.xml";
     EXPECT_EQ(std::system(("xmllint --noout " + path).c_str()), 0);
+}
+
+TEST(XmlSerializer, RecordCountIsBoundedByTheFieldsTheTextCanHold)
+{
+    // Four records of two fields claimed, one stored: refused before a
+    // block for four records of 4 KiB is allocated.
+    Bytes text = Xml([](Serializer& s) {
+        ASSERT_TRUE(s.Enter(ROOT));
+        s.Write(FourCCs::Make("RECS"), AString("4;1,2;"));
+        s.Leave();
+    });
+    SerializeMemLayout layout(4096);
+    layout.Add(SerializeMemLayout::UInt8, 0).Add(SerializeMemLayout::UInt8, 1);
+    Serializer* s = OpenReader(text);
+    ASSERT_NE(s, nullptr);
+    ASSERT_TRUE(s->Enter(ROOT));
+    void* records = nullptr;
+    unsigned count = 0;
+    KovexTest::AllocationScope scope;
+    EXPECT_FALSE(s->Read(FourCCs::Make("RECS"), records, count, layout, true));
+    EXPECT_LT(scope.Bytes(), 4096u);
+    EXPECT_EQ(records, nullptr);
+    delete s;
 }

@@ -102,6 +102,12 @@ bool EncodeBinary(Sink& sink, const uint8* data, const Struct* type, unsigned de
         return sink.Put(data + type->GetSerializeOffset(), type->GetSerializeSize());
     for (const Property* field : type->GetStructFields())
     {
+        // A field behind accessors has no place in the value's memory.
+        if (field->GetOffset() < 0)
+        {
+            RefuseField(field, type);
+            return false;
+        }
         const uint8* at = data + field->GetOffset();
         KOVEX_BASE_TYPE kind = field->GetType();
         if (IsRawType(kind))
@@ -150,6 +156,11 @@ bool DecodeBinary(Source& source, uint8* data, const Struct* type, unsigned dept
     }
     for (const Property* field : type->GetStructFields())
     {
+        if (field->GetOffset() < 0)
+        {
+            RefuseField(field, type);
+            return false;
+        }
         uint8* at = data + field->GetOffset();
         KOVEX_BASE_TYPE kind = field->GetType();
         if (IsRawType(kind))

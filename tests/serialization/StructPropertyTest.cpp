@@ -35,6 +35,16 @@ struct Pose
     bool visible = false;
 };
 
+// A struct whose one field is behind accessors: it has no place in the
+// value's memory that the codecs could read or write.
+struct Gauge
+{
+    KOVEX_STRUCT(Gauge)
+    float GetLevel() const { return level; }
+    void SetLevel(float value) { level = value; }
+    float level = 0.5f;
+};
+
 class Shapes : public Object
 {
     KOVEX_CLASS(Shapes)
@@ -77,6 +87,13 @@ void Pose::StaticConstructor(Class* cls)
     AddStructField(cls, u"Label", &Pose::label);
     AddStructField(cls, u"Rank", &Pose::rank);
     AddStructField(cls, u"Visible", &Pose::visible);
+    cls->ProcessClass();
+}
+
+KOVEX_REGISTER_STRUCT(Gauge, u"Tests", KOVEX_TYPE_CUSTOM)
+void Gauge::StaticConstructor(Class* cls)
+{
+    AddAccessor(cls, u"Level", &Gauge::GetLevel, &Gauge::SetLevel, Property::FLAG_STRUCT_FIELD);
     cls->ProcessClass();
 }
 
@@ -340,4 +357,33 @@ TEST_P(StructForms, AdaptersReadFieldsInPlaceAndAccessorsThroughAVariable)
     EXPECT_EQ(loaded.GetClass(), transformType);
     ExpectSameBytes(*static_cast<const Transform*>(loaded.GetStructMem()), Transform(), "default transform");
     delete r;
+}
+
+TEST_P(StructForms, StructFieldBehindAccessorsIsRefused)
+{
+    const auto* type = static_cast<const Struct*>(Gauge::StaticGetClass());
+    ASSERT_EQ(type->GetStructFields().Count(), 1u);
+    Gauge gauge;
+    LogCapture log;
+    Bytes bytes = WriteWith(Form(), [&](Serializer& s) {
+        ASSERT_TRUE(s.Enter(FourCCs::DATA));
+        EXPECT_FALSE(s.Write(FourCCs::SKT, &gauge, type));
+        s.Leave();
+    });
+    if (!IsXml())
+        EXPECT_TRUE(log->Contains(u"Serializer: field 'Level' of struct 'Gauge' has a type that cannot be serialized.\n"));
+    Bytes forged = WriteWith(Form(), [&](Serializer& s) {
+        ASSERT_TRUE(s.Enter(FourCCs::DATA));
+        if (IsXml())
+            s.Write(FourCCs::SKT, AString("0.25;"));
+        else
+            s.Write(FourCCs::SKT, 0.25f);
+        s.Leave();
+    });
+    Serializer* s = OpenReader(forged);
+    ASSERT_NE(s, nullptr);
+    ASSERT_TRUE(s->Enter(FourCCs::DATA));
+    EXPECT_FALSE(s->Read(FourCCs::SKT, &gauge, type));
+    EXPECT_EQ(gauge.level, 0.5f);
+    delete s;
 }

@@ -13,18 +13,68 @@
 #include "fuzz/QuietLog.h"
 #include "io/MemoryStream.h"
 #include "lifecycle/Engine.h"
+#include "math/Bounds.h"
 #include "math/Matrix.h"
+#include "math/Transform.h"
+#include "reflection/Struct.h"
 #include "serialization/Serializer.h"
 
 namespace KovexFuzz {
 
 using namespace KovexEngine;
 
+// A struct of every kind of member the struct codecs handle: nested
+// structs, text in both widths and plain values.
+struct FuzzPose
+{
+    KOVEX_STRUCT(FuzzPose)
+    Transform where;
+    Sphere reach;
+    AString label;
+    WString title;
+    int32 rank = 0;
+    bool visible = false;
+};
+
+// Registered here: the header is included by one source file of each target.
+KOVEX_REGISTER_STRUCT(FuzzPose, u"Fuzz", KOVEX_TYPE_CUSTOM)
+inline void FuzzPose::StaticConstructor(Class* cls)
+{
+    AddStructField(cls, u"Where", &FuzzPose::where);
+    AddStructField(cls, u"Reach", &FuzzPose::reach);
+    AddStructField(cls, u"Label", &FuzzPose::label);
+    AddStructField(cls, u"Title", &FuzzPose::title);
+    AddStructField(cls, u"Rank", &FuzzPose::rank);
+    AddStructField(cls, u"Visible", &FuzzPose::visible);
+    cls->ProcessClass();
+}
+
+inline const Struct* FuzzPoseStruct() { return static_cast<const Struct*>(FuzzPose::StaticGetClass()); }
+
+template <typename T>
+void ReadStructs(Serializer& s, FourCC tag, const Struct* type)
+{
+    T one;
+    s.Read(tag, &one, type);
+    void* many = nullptr;
+    unsigned count = 0;
+    if (s.Read(tag, many, count, type, true) && count)
+        type->DeleteArray(many);
+    T two[2];
+    many = two;
+    count = 2;
+    s.Read(tag, many, count, type, false);
+}
+
 inline void ReadValues(Serializer& s)
 {
     const FourCC tags[] = {FourCCs::VAL, FourCCs::PRSZ, FourCCs::NAME, FourCCs::CLS, FourCCs::OBID, FourCCs::VLD, FourCCs::SKT};
     for (FourCC tag : tags)
     {
+        // Structs first: in the binary form a value read as a plain one is
+        // used up, and a struct read that fails gives its bytes back.
+        ReadStructs<FuzzPose>(s, tag, FuzzPoseStruct());
+        ReadStructs<Transform>(s, tag, static_cast<const Struct*>(Transform::StaticGetClass()));
         uint32 u = 0;
         float f = 0;
         Matrix4 m;
@@ -94,3 +144,4 @@ inline int Run(const uint8_t* data, size_t size)
 }
 
 } // namespace KovexFuzz
+

@@ -84,6 +84,12 @@ public:
     // The members of an enum property's class, or the empty list.
     const TArray<EnumMember>& GetEnums() const;
 
+    // The stored form of a struct property (type 15): the struct's
+    // LoadVariable into a temporary, then the setter; SaveStruct reads the
+    // value through the getter and writes it with SaveVariable.
+    static bool LoadStruct(void* object, const Property* property, Serializer* serializer);
+    static bool SaveStruct(const void* object, const Property* property, Serializer* serializer);
+
 protected:
     const Class* m_owner = nullptr;
     const Class* m_type;
@@ -103,6 +109,16 @@ public:
     // Getter and setter flags from what the property can do; serialisable
     // when it can both read and write a type that has a stored form.
     void ProcessProperty() override;
+    // True when values pass through accessor functions rather than a field.
+    virtual bool UsesAccessors() const { return false; }
+
+    // Struct values go through the adapters below; other types as Property's.
+    bool LoadPropertyValue(void* object, Serializer* serializer) const override;
+    bool SavePropertyValue(const void* object, Serializer* serializer) const override;
+    // A struct in a plain field (no accessors, a real offset) is read and
+    // written in place; otherwise as LoadStruct and SaveStruct do.
+    static bool LoadStructFast(void* object, const Property* property, Serializer* serializer);
+    static bool SaveStructFast(const void* object, const Property* property, Serializer* serializer);
 
 private:
     int m_offset;

@@ -53,6 +53,7 @@ public:
           m_setter(setter)
     {
     }
+    bool UsesAccessors() const override { return true; }
     bool GetPropertyValue(const void* object, void* out) const override
     {
         if (!m_getter)

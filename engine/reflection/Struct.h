@@ -29,6 +29,11 @@ public:
     virtual bool HasOwnSerialization() const { return false; }
     virtual bool LoadValue(void* value, Serializer* serializer) const;
     virtual bool SaveValue(const void* value, Serializer* serializer) const;
+    // The same through a Variable: LoadVariable stores a default value of
+    // the struct in `out` and reads into it; SaveVariable refuses a value
+    // of another class.
+    virtual bool LoadVariable(Variable& out, Serializer* serializer) const;
+    virtual bool SaveVariable(const Variable& value, Serializer* serializer) const;
     virtual void* NewArray(unsigned int count) const = 0;
     virtual void DeleteArray(void* array) const = 0;
 

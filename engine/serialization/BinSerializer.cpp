@@ -1,5 +1,6 @@
 #include "serialization/BinSerializer.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <memory>
@@ -70,18 +71,22 @@ struct BinSerializer::Node
 };
 
 // A file has a node per section, often a million of them: they come from
-// chunks rather than one allocation each, and go all at once.
+// chunks rather than one allocation each, and go all at once. Chunks grow
+// from small, so that a file of a few sections costs a few nodes.
 struct BinSerializer::NodePool
 {
-    static constexpr unsigned kChunk = 4096;
+    static constexpr unsigned kFirstChunk = 16;
+    static constexpr unsigned kLargestChunk = 4096;
     std::vector<std::unique_ptr<Node[]>> chunks;
-    unsigned used = kChunk;
+    unsigned size = 0; // of the last chunk
+    unsigned used = 0;
 
     Node* New()
     {
-        if (used == kChunk)
+        if (used == size)
         {
-            chunks.emplace_back(new Node[kChunk]);
+            size = size ? std::min(size * 2, kLargestChunk) : kFirstChunk;
+            chunks.emplace_back(new Node[size]);
             used = 0;
         }
         return &chunks.back()[used++];
@@ -89,7 +94,7 @@ struct BinSerializer::NodePool
     void Clear()
     {
         chunks.clear();
-        used = kChunk;
+        size = used = 0;
     }
 };
 
@@ -306,16 +311,17 @@ bool BinSerializer::InternalEnter(FourCC tag)
         m_current = child;
         return true;
     }
+    // After a child was left, the next sibling of this id, as the XML form
+    // finds it: sections of one id with others between them are then read
+    // in turn, never the first of them again and again.
     Node* found = nullptr;
-    if (m_lastLeft && m_lastLeft->next && m_lastLeft->next->id == tag)
-        found = m_lastLeft->next;
-    else
-        for (Node* child = m_current->firstChild; child; child = child->next)
-            if (child->id == tag)
-            {
-                found = child;
-                break;
-            }
+    Node* after = m_lastLeft && m_lastLeft->parent == m_current ? m_lastLeft->next : nullptr;
+    for (Node* child = after; child && !found; child = child->next)
+        if (child->id == tag)
+            found = child;
+    for (Node* child = m_current->firstChild; child && !found; child = child->next)
+        if (child->id == tag)
+            found = child;
     if (!found)
         return false;
     m_current->savedPosition = m_position;
@@ -332,6 +338,15 @@ bool BinSerializer::InternalEnterNext(FourCC tag)
     if (m_mode == MODE_READ && m_lastLeft && (!m_lastLeft->next || m_lastLeft->next->id != tag))
         return false;
     return InternalEnter(tag);
+}
+
+unsigned int BinSerializer::CountSections(FourCC tag) const
+{
+    unsigned count = 0;
+    if (m_mode == MODE_READ && m_current)
+        for (const Node* child = m_current->firstChild; child; child = child->next)
+            count += child->id == tag;
+    return count;
 }
 
 void BinSerializer::InternalLeave()
@@ -581,8 +596,10 @@ bool BinSerializer::Read(FourCC tag, void*& values, unsigned int& count, const S
         return false;
     Cursor cursor(m_file.GetPointer(), m_position, m_current->end);
     uint32 stored = 0;
-    // Every element takes at least one byte: a count beyond the block is a lie.
-    if (!cursor.Take(&stored, 4) || stored > cursor.Remaining() || (!allocate && stored > count))
+    // Each element takes at least its fewest encoded bytes (one, for a struct
+    // that encodes to nothing): a count beyond the block is a lie.
+    uint64 least = std::max<uint64>(1, StructCodec::MinEncodedSize(type));
+    if (!cursor.Take(&stored, 4) || uint64(stored) * least > cursor.Remaining() || (!allocate && stored > count))
     {
         m_position = start;
         return false;

@@ -47,6 +47,7 @@ public:
     bool Write(FourCC tag, const void* values, unsigned int count, const Struct* type) override;
     using Serializer::Read;
     using Serializer::Write;
+    unsigned int CountSections(FourCC tag) const override;
 
     // An indented listing of the section tree with the size of each block
     // and its first bytes, for tools.

@@ -116,6 +116,14 @@ bool Object::LoadProperties(Serializer* serializer)
     uint32 count = 0;
     if (!serializer->Read(FourCCs::PRSZ, count))
         return false;
+    // Each property is a section of its own: a count beyond them is a lie.
+    unsigned stored = serializer->CountSections(FourCCs::PROP);
+    if (count > stored)
+    {
+        Log::Format(LOG_WARNING, u"Property count %u of '%s' exceeds the %u stored.\n", count, GetClass()->GetName()(),
+                    stored);
+        return false;
+    }
     for (uint32 i = 0; i < count; ++i)
     {
         WString name;
@@ -288,13 +296,7 @@ bool SaveValue(const Variable& value, const Class* cls, const ValueContext& c)
     case KOVEX_TYPE_ASTRING:
     case KOVEX_TYPE_WSTRING: return SaveText(value, c);
     case KOVEX_TYPE_OBJECT: return SaveObjectRef(value.GetObject(), c);
-    case KOVEX_TYPE_CUSTOM:
-    {
-        const auto* type = static_cast<const Struct*>(cls);
-        if (type->HasOwnSerialization())
-            return type->SaveValue(value.GetStructMem(), serializer);
-        return serializer->Write(SKT, value.GetStructMem(), type);
-    }
+    case KOVEX_TYPE_CUSTOM: return static_cast<const Struct*>(cls)->SaveVariable(value, serializer);
     case KOVEX_TYPE_DELEGATE: return cls->IsDelegate() && SaveDelegate(value, static_cast<const DelegateClass*>(cls), c);
     default: return false;
     }
@@ -336,13 +338,8 @@ bool LoadValue(Variable& value, const Class* cls, const ValueContext& c)
         break;
     }
     case KOVEX_TYPE_CUSTOM:
-    {
-        const auto* type = static_cast<const Struct*>(cls);
-        value.SetDefaultValue(type);
-        ok = type->HasOwnSerialization() ? type->LoadValue(value.GetStructMem(), serializer)
-                                         : serializer->Read(SKT, value.GetStructMem(), type);
+        ok = static_cast<const Struct*>(cls)->LoadVariable(value, serializer);
         break;
-    }
     case KOVEX_TYPE_DELEGATE:
         ok = cls->IsDelegate() && LoadDelegate(value, static_cast<const DelegateClass*>(cls), c);
         break;
@@ -500,6 +497,7 @@ bool Property::SavePropertyValue(const void* object, Serializer* serializer) con
     case KOVEX_TYPE_ASTRING: return SaveAString(this, object, serializer);
     case KOVEX_TYPE_WSTRING: return SaveWString(this, object, serializer);
     case KOVEX_TYPE_OBJECT: return SaveObject(this, object, serializer);
+    case KOVEX_TYPE_CUSTOM: return SaveStruct(object, this, serializer);
     case KOVEX_TYPE_TARRAY:
     case KOVEX_TYPE_TMAP:
     {
@@ -520,6 +518,7 @@ bool Property::LoadPropertyValue(void* object, Serializer* serializer) const
     case KOVEX_TYPE_ASTRING: return LoadAString(this, object, serializer);
     case KOVEX_TYPE_WSTRING: return LoadWString(this, object, serializer);
     case KOVEX_TYPE_OBJECT: return LoadObject(this, object, serializer);
+    case KOVEX_TYPE_CUSTOM: return LoadStruct(object, this, serializer);
     case KOVEX_TYPE_TARRAY:
     case KOVEX_TYPE_TMAP:
     {

@@ -220,6 +220,9 @@ public:
     bool EnterNext(FourCC tag) { return InternalEnterNext(tag); }
     void Leave() { InternalLeave(); }
     void Close();
+    // While reading: how many sections of `tag` lie directly inside the
+    // current one. A count read from the file is never trusted beyond it.
+    virtual unsigned int CountSections(FourCC tag) const = 0;
 
     // --- Objects ----------------------------------------------------------------
     // An object graph: each object is stored once per file; later references

@@ -62,7 +62,32 @@ void NormalizeBools(uint8* data, const Struct* type, unsigned depth)
     }
 }
 
+uint64 MinEncodedSizeAt(const Struct* type, unsigned depth)
+{
+    if (depth > kMaxDepth)
+        return 0;
+    if ((type->GetFlags() & Class::FLAG_CONTIGUOUS_STRUCT) && PlainAt(type, depth))
+        return type->GetSerializeSize();
+    uint64 size = 0;
+    for (const Property* field : type->GetStructFields())
+    {
+        KOVEX_BASE_TYPE kind = field->GetType();
+        if (IsRawType(kind))
+            size += field->GetClass()->GetSize();
+        else if (kind == KOVEX_TYPE_ASTRING || kind == KOVEX_TYPE_WSTRING)
+            size += 4;
+        else if (kind == KOVEX_TYPE_CUSTOM && NestedStruct(field))
+            size += MinEncodedSizeAt(NestedStruct(field), depth + 1);
+    }
+    return size;
+}
+
 } // namespace
+
+uint64 MinEncodedSize(const Struct* type)
+{
+    return type ? MinEncodedSizeAt(type, 0) : 0;
+}
 
 bool IsPlain(const Struct* type)
 {
@@ -77,6 +102,12 @@ bool EncodeBinary(Sink& sink, const uint8* data, const Struct* type, unsigned de
         return sink.Put(data + type->GetSerializeOffset(), type->GetSerializeSize());
     for (const Property* field : type->GetStructFields())
     {
+        // A field behind accessors has no place in the value's memory.
+        if (field->GetOffset() < 0)
+        {
+            RefuseField(field, type);
+            return false;
+        }
         const uint8* at = data + field->GetOffset();
         KOVEX_BASE_TYPE kind = field->GetType();
         if (IsRawType(kind))
@@ -125,6 +156,11 @@ bool DecodeBinary(Source& source, uint8* data, const Struct* type, unsigned dept
     }
     for (const Property* field : type->GetStructFields())
     {
+        if (field->GetOffset() < 0)
+        {
+            RefuseField(field, type);
+            return false;
+        }
         uint8* at = data + field->GetOffset();
         KOVEX_BASE_TYPE kind = field->GetType();
         if (IsRawType(kind))

@@ -32,6 +32,9 @@ constexpr unsigned kMaxDepth = 32;
 
 KOVEX_API bool EncodeBinary(Sink& sink, const uint8* data, const Struct* type, unsigned depth);
 KOVEX_API bool DecodeBinary(Source& source, uint8* data, const Struct* type, unsigned depth);
+// The fewest bytes one value of the struct takes encoded: what bounds a
+// count of them read from a file.
+KOVEX_API uint64 MinEncodedSize(const Struct* type);
 // True when every field is a plain value or a nested struct of plain values.
 KOVEX_API bool IsPlain(const Struct* type);
 

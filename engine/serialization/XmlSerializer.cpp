@@ -1,5 +1,6 @@
 #include "serialization/XmlSerializer.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -30,6 +31,7 @@ template <class OutIt, class Ch> inline OutIt print_pi_node(OutIt, const xml_nod
 #include "reflection/FunctionRegistration.h"
 #include "reflection/Property.h"
 #include "reflection/Struct.h"
+#include "serialization/StructCodec.h"
 
 namespace KovexEngine {
 
@@ -194,6 +196,23 @@ struct Tokens
     }
 };
 
+// `count` values joined by ",", the last one followed by `last` (the end
+// of the text is '\0').
+template <typename T>
+bool ParseList(Tokens& tokens, const char* stops, char last, T* out, unsigned count)
+{
+    for (unsigned i = 0; i < count; ++i)
+    {
+        const char* token;
+        unsigned length;
+        char stop;
+        if (!tokens.Next(stops, token, length, stop) || stop != (i + 1 == count ? last : ',') ||
+            !ParseValue(token, length, out[i]))
+            return false;
+    }
+    return true;
+}
+
 // "count;" at the front of array text; the count cannot exceed what the
 // remaining text could hold, so a forged count allocates nothing.
 bool ParseCount(Tokens& tokens, unsigned& count)
@@ -305,6 +324,18 @@ bool ParseRecord(Tokens& tokens, uint8* record, const SerializeMemLayout& layout
 
 bool AppendStruct(std::string& out, const uint8* data, const Struct* type, unsigned depth);
 
+// A string member ends at its ";": a ";" or "\\" inside it is escaped by a
+// backslash, so that the text reads back to the same string.
+void AppendEscaped(std::string& out, const char* text, unsigned length)
+{
+    for (unsigned i = 0; i < length; ++i)
+    {
+        if (text[i] == ';' || text[i] == '\\')
+            out += '\\';
+        out += text[i];
+    }
+}
+
 bool AppendMember(std::string& out, const uint8* at, const Property* field, unsigned depth)
 {
     switch (field->GetType())
@@ -324,7 +355,7 @@ bool AppendMember(std::string& out, const uint8* at, const Property* field, unsi
     case KOVEX_TYPE_ASTRING:
     {
         const AString& text = *reinterpret_cast<const AString*>(at);
-        out.append(text(), text.Length());
+        AppendEscaped(out, text(), text.Length());
         break;
     }
     case KOVEX_TYPE_WSTRING:
@@ -332,7 +363,7 @@ bool AppendMember(std::string& out, const uint8* at, const Property* field, unsi
         const WString& text = *reinterpret_cast<const WString*>(at);
         AString utf8;
         StringConvFuncs::UTF16toUTF8(utf8, text(), text.Length());
-        out.append(utf8(), utf8.Length());
+        AppendEscaped(out, utf8(), utf8.Length());
         break;
     }
     case KOVEX_TYPE_CUSTOM:
@@ -348,12 +379,146 @@ bool AppendMember(std::string& out, const uint8* at, const Property* field, unsi
 
 bool AppendStruct(std::string& out, const uint8* data, const Struct* type, unsigned depth)
 {
-    if (!type || depth > 32)
+    if (!type || depth > StructCodec::kMaxDepth)
         return false;
     for (const Property* field : type->GetStructFields())
-        if (!AppendMember(out, data + field->GetOffset(), field, depth))
+        if (field->GetOffset() < 0 || !AppendMember(out, data + field->GetOffset(), field, depth))
             return false;
     return true;
+}
+
+// --- Structs, read back from their text ------------------------------------------------------------
+
+// The next member's text, up to its ";", with escapes resolved.
+bool NextMember(Tokens& tokens, std::string& member)
+{
+    member.clear();
+    for (; tokens.at < tokens.end; ++tokens.at)
+    {
+        char c = *tokens.at;
+        if (c == ';')
+        {
+            ++tokens.at;
+            return true;
+        }
+        if (c == '\\' && tokens.at + 1 < tokens.end)
+            c = *++tokens.at;
+        member += c;
+    }
+    return false;
+}
+
+// Exactly `count` floats joined by commas.
+bool ParseFloats(const std::string& text, float* out, unsigned count)
+{
+    Tokens parts{text.data(), text.data() + text.size()};
+    return ParseList(parts, ",", '\0', out, count);
+}
+
+bool ParseStruct(Tokens& tokens, uint8* data, const Struct* type, unsigned depth, const Property*& failed);
+
+// Reads one member into `at`; on failure `failed` names the field.
+bool ParseMember(Tokens& tokens, uint8* at, const Property* field, unsigned depth, const Property*& failed)
+{
+    failed = field;
+    KOVEX_BASE_TYPE kind = field->GetType();
+    if (kind == KOVEX_TYPE_CUSTOM)
+        return field->GetClass()->IsStruct() &&
+               ParseStruct(tokens, at, static_cast<const Struct*>(field->GetClass()), depth + 1, failed);
+    std::string member;
+    if (!NextMember(tokens, member))
+        return false;
+    const char* text = member.data();
+    unsigned length = unsigned(member.size());
+    auto parse = [&](auto& value) { return ParseValue(text, length, value); };
+    bool ok = false;
+    switch (kind)
+    {
+    case KOVEX_TYPE_BOOL:
+    {
+        bool value = false;
+        ok = parse(value);
+        if (ok)
+            *reinterpret_cast<bool*>(at) = value;
+        break;
+    }
+    case KOVEX_TYPE_INT32:
+    case KOVEX_TYPE_ENUM: ok = parse(*reinterpret_cast<int32*>(at)); break;
+    case KOVEX_TYPE_UINT32: ok = parse(*reinterpret_cast<uint32*>(at)); break;
+    case KOVEX_TYPE_FLOAT: ok = ParseFloats(member, reinterpret_cast<float*>(at), 1); break;
+    case KOVEX_TYPE_VECTOR2: ok = ParseFloats(member, reinterpret_cast<float*>(at), 2); break;
+    case KOVEX_TYPE_VECTOR3: ok = ParseFloats(member, reinterpret_cast<float*>(at), 3); break;
+    case KOVEX_TYPE_VECTOR4:
+    case KOVEX_TYPE_QUATERNION:
+    case KOVEX_TYPE_MATRIX2: ok = ParseFloats(member, reinterpret_cast<float*>(at), 4); break;
+    case KOVEX_TYPE_MATRIX3: ok = ParseFloats(member, reinterpret_cast<float*>(at), 9); break;
+    case KOVEX_TYPE_MATRIX4: ok = ParseFloats(member, reinterpret_cast<float*>(at), 16); break;
+    case KOVEX_TYPE_ASTRING:
+        reinterpret_cast<AString*>(at)->Set(text, length);
+        ok = true;
+        break;
+    case KOVEX_TYPE_WSTRING:
+        StringConvFuncs::UTF8toUTF16(*reinterpret_cast<WString*>(at), text, length);
+        ok = true;
+        break;
+    default: break;
+    }
+    return ok;
+}
+
+// Members in field order, as AppendStruct wrote them.
+bool ParseStruct(Tokens& tokens, uint8* data, const Struct* type, unsigned depth, const Property*& failed)
+{
+    failed = nullptr;
+    if (depth > StructCodec::kMaxDepth)
+        return false;
+    for (const Property* field : type->GetStructFields())
+    {
+        failed = field;
+        if (field->GetOffset() < 0 || !ParseMember(tokens, data + field->GetOffset(), field, depth, failed))
+            return false;
+    }
+    return true;
+}
+
+// The members written per value (nested structs counted by their own): each
+// ends with a ";", which bounds a count of values read from a text.
+uint64 MemberCount(const Struct* type, unsigned depth)
+{
+    uint64 count = 0;
+    if (depth <= StructCodec::kMaxDepth)
+        for (const Property* field : type->GetStructFields())
+            count += field->GetType() == KOVEX_TYPE_CUSTOM && field->GetClass()->IsStruct()
+                         ? MemberCount(static_cast<const Struct*>(field->GetClass()), depth + 1)
+                         : 1;
+    return count;
+}
+
+// One value from the text, read into a copy first, so that a bad text leaves
+// the value as it was; the failure names the field. A `whole` text holds
+// this one value and nothing behind it.
+bool ReadStructText(FourCC tag, Tokens& tokens, void* value, const Struct* type, bool whole)
+{
+    void* scratch = type->Clone(value);
+    if (!scratch)
+        return false;
+    const Property* failed = nullptr;
+    bool ok = ParseStruct(tokens, static_cast<uint8*>(scratch), type, 0, failed);
+    if (!ok)
+        Log::Format(LOG_WARNING, u"XmlSerializer: field '%s' of struct '%s' in \"%S\" is missing or unreadable.\n",
+                    failed ? failed->GetName()() : u"",
+                    (failed && failed->GetOwnerClass() ? failed->GetOwnerClass() : type)->GetName()(),
+                    FourCCs::ToString(tag)());
+    else if (whole && tokens.at < tokens.end)
+    {
+        Log::Format(LOG_WARNING, u"XmlSerializer: \"%S\" holds more than one struct '%s'.\n", FourCCs::ToString(tag)(),
+                    type->GetName()());
+        ok = false;
+    }
+    if (ok)
+        type->Copy(value, scratch);
+    type->Delete(scratch);
+    return ok;
 }
 
 } // namespace
@@ -500,6 +665,19 @@ bool XmlSerializer::InternalEnterNext(FourCC tag)
     return InternalEnter(tag);
 }
 
+unsigned int XmlSerializer::CountSections(FourCC tag) const
+{
+    const State& s = *m_state;
+    unsigned count = 0;
+    if (m_mode != MODE_READ || !s.current || tag == 0)
+        return 0;
+    AString name = FourCCs::ToString(tag);
+    for (XmlNode* child = s.current->first_node(name(), name.Length()); child;
+         child = child->next_sibling(name(), name.Length()))
+        ++count;
+    return count;
+}
+
 void XmlSerializer::InternalLeave()
 {
     State& s = *m_state;
@@ -614,18 +792,11 @@ bool XmlSerializer::ReadArray(FourCC tag, T*& values, unsigned int& count, bool 
     T* target = allocate ? new (std::nothrow) T[stored] : values;
     if (!target)
         return false;
-    for (unsigned i = 0; i < stored; ++i)
+    if (!ParseList(tokens, ",;", ';', target, stored))
     {
-        const char* token;
-        unsigned size;
-        char stop;
-        if (!tokens.Next(",;", token, size, stop) || stop != (i + 1 == stored ? ';' : ',') ||
-            !ParseValue(token, size, target[i]))
-        {
-            if (allocate)
-                delete[] target;
-            return false;
-        }
+        if (allocate)
+            delete[] target;
+        return false;
     }
     values = target;
     count = stored;
@@ -691,8 +862,10 @@ bool XmlSerializer::Read(FourCC tag, void*& records, unsigned int& count, const 
         count = 0;
         return true;
     }
+    // Each field of each record ends with a separator in the text.
     uint64 bytes = uint64(stored) * layout.GetSize();
-    if (bytes > DataStream::kMaxSize)
+    if (bytes > DataStream::kMaxSize ||
+        uint64(stored) * layout.GetFields().Count() > uint64(tokens.end - tokens.at) + 1)
         return false;
     uint8* target = allocate ? new (std::nothrow) uint8[size_t(bytes)]() : static_cast<uint8*>(records);
     if (!target)
@@ -729,7 +902,44 @@ bool XmlSerializer::Write(FourCC tag, const void* values, unsigned int count, co
     return WriteText(tag, text.data(), unsigned(text.size()));
 }
 
-bool XmlSerializer::Read(FourCC, void*, const Struct*) { return false; }
-bool XmlSerializer::Read(FourCC, void*&, unsigned int&, const Struct*, bool) { return false; }
+bool XmlSerializer::Read(FourCC tag, void* value, const Struct* type)
+{
+    if (!value || !type)
+        return false;
+    unsigned length = 0;
+    const char* text = FindText(tag, &length);
+    if (!text)
+        return false;
+    Tokens tokens{text, text + length};
+    return ReadStructText(tag, tokens, value, type, true);
+}
+
+bool XmlSerializer::Read(FourCC tag, void*& values, unsigned int& count, const Struct* type, bool allocate)
+{
+    if (!type || (!values && !allocate) || type->GetSize() == 0)
+        return false;
+    unsigned length = 0, stored = 0;
+    const char* text = FindText(tag, &length);
+    Tokens tokens{};
+    if (!OpenArray(text, length, allocate, count, tokens, stored))
+        return false;
+    // Each value writes at least one ";" a member.
+    if (uint64(stored) * std::max<uint64>(1, MemberCount(type, 0)) > uint64(tokens.end - tokens.at) + 1)
+        return false;
+    void* target = allocate && stored ? type->NewArray(stored) : values;
+    if (!target)
+        return false;
+    for (unsigned i = 0; i < stored; ++i)
+        if (!ReadStructText(tag, tokens, static_cast<uint8*>(target) + uint64(i) * type->GetSize(), type, false))
+        {
+            if (target != values)
+                type->DeleteArray(target);
+            return false;
+        }
+    count = stored;
+    if (stored)
+        values = target;
+    return true;
+}
 
 } // namespace KovexEngine

@@ -47,6 +47,7 @@ public:
     bool Write(FourCC tag, const void* values, unsigned int count, const Struct* type) override;
     using Serializer::Read;
     using Serializer::Write;
+    unsigned int CountSections(FourCC tag) const override;
 
     // Deepest element nesting a document may have; checked before parsing,
     // since the parser descends recursively.

@@ -6,6 +6,8 @@
 #include "reflection/Struct.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/SerializerTestSupport.h"
+#include "math/Transform.h"
+#include "support/AllocCounter.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -193,6 +195,42 @@ TEST(BinSerializer, SectionsAreFoundByTagAndMissingValuesReadFalse)
     delete s;
 }
 
+TEST(BinSerializer, RepeatedSectionsWithOthersBetweenAreReadInTurn)
+{
+    // A, X, A, X, A: each Enter(A) after a Leave takes the next A, as the
+    // text form does, and only after the last one starts again at the first.
+    Bytes bytes = Bin([](Serializer& s) {
+        ASSERT_TRUE(s.Enter(B));
+        for (uint32 i = 0; i < 3; ++i)
+        {
+            s.Enter(A);
+            s.Write(FourCCs::VAL, i);
+            s.Leave();
+            if (i < 2)
+            {
+                s.Enter(X);
+                s.Leave();
+            }
+        }
+        s.Leave();
+    });
+    Serializer* s = OpenReader(bytes);
+    ASSERT_NE(s, nullptr);
+    ASSERT_TRUE(s->Enter(B));
+    EXPECT_EQ(s->CountSections(A), 3u);
+    EXPECT_EQ(s->CountSections(X), 2u);
+    EXPECT_EQ(s->CountSections(FourCCs::PROP), 0u);
+    for (uint32 i = 0; i < 4; ++i)
+    {
+        ASSERT_TRUE(s->Enter(A));
+        uint32 v = 99;
+        EXPECT_TRUE(s->Read(FourCCs::VAL, v));
+        EXPECT_EQ(v, i % 3);
+        s->Leave();
+    }
+    delete s;
+}
+
 TEST(BinSerializer, SizeWrittenAfterwardsLandsInItsPlace)
 {
     Bytes bytes = Bin([](Serializer& s) {
@@ -257,4 +295,29 @@ TEST(BinSerializer, HostileFilesAreRefused)
     Bytes offsets = good;
     offsets[28] = 60;
     EXPECT_EQ(OpenReader(offsets), nullptr);
+}
+
+TEST(BinSerializer, StructCountIsBoundedByTheBytesBehindIt)
+{
+    // 100 transforms claimed, 104 bytes stored: a count that fits one byte
+    // an element but not the 44 bytes a transform takes is refused before
+    // anything is allocated for it.
+    Bytes bytes = Bin([](Serializer& s) {
+        ASSERT_TRUE(s.Enter(A));
+        uint8 filler[100] = {};
+        uint8* data = filler;
+        s.Write(FourCCs::SKT, data, 100u);
+        s.Leave();
+    });
+    const auto* type = static_cast<const Struct*>(Transform::StaticGetClass());
+    Serializer* s = OpenReader(bytes);
+    ASSERT_NE(s, nullptr);
+    ASSERT_TRUE(s->Enter(A));
+    void* values = nullptr;
+    unsigned count = 0;
+    KovexTest::AllocationScope scope;
+    EXPECT_FALSE(s->Read(FourCCs::SKT, values, count, type, true));
+    EXPECT_LT(scope.Bytes(), 100 * sizeof(Transform));
+    EXPECT_EQ(values, nullptr);
+    delete s;
 }

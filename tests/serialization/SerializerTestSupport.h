@@ -49,4 +49,35 @@ inline KovexEngine::Serializer* OpenReader(const Bytes& bytes)
     return KovexEngine::Serializer::OpenReadStream(ReadStream(bytes));
 }
 
+// The bytes of `object` saved in an "OBJ" section in the form `form`.
+inline Bytes SaveIn(const KovexEngine::Class* form, const KovexEngine::ConstPtr<KovexEngine::Object>& object)
+{
+    using namespace KovexEngine;
+    return WriteWith(form, [&](Serializer& s) {
+        if (s.Enter(FourCCs::OBJ))
+        {
+            s.SaveObject(object, 0);
+            s.Leave();
+        }
+    });
+}
+
+// The object graph in the "OBJ" section of `bytes`, or null.
+inline KovexEngine::Ptr<KovexEngine::Object> LoadFrom(const Bytes& bytes)
+{
+    using namespace KovexEngine;
+    Ptr<Object> out;
+    Serializer* s = OpenReader(bytes);
+    if (!s)
+        return out;
+    if (s->Enter(FourCCs::OBJ))
+    {
+        if (!s->LoadObject(out, nullptr, 0))
+            out = nullptr;
+        s->Leave();
+    }
+    delete s;
+    return out;
+}
+
 } // namespace KovexTest

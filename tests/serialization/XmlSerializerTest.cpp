@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "math/Transform.h"
 #include "reflection/Struct.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
 #include "serialization/SerializerTestSupport.h"
+#include "support/AllocCounter.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -120,22 +122,82 @@ TEST(XmlSerializer, ValuesReadBackByNameInAnyOrder)
     delete s;
 }
 
-TEST(XmlSerializer, StructsAreWrittenAsTextButReadOnlyByTheirOwnLoad)
+TEST(XmlSerializer, StructsAreWrittenAsTextAndReadBackByTheirFields)
 {
     Transform t;
+    reinterpret_cast<float*>(&t.rotation)[1] = -0.5f;
     t.translation = Vector3(1, 2, 3);
+    t.scale = Vector3(0.25f, 4, 1);
+    t.flags = 7;
+    Transform many[2];
+    many[1].translation = Vector3(-1, 0, 9);
     Bytes text = Xml([&](Serializer& s) {
         ASSERT_TRUE(s.Enter(ROOT));
         EXPECT_TRUE(s.Write(FourCCs::SKT, &t, TransformStruct()));
+        EXPECT_TRUE(s.Write(FourCCs::Make("MANY"), many, 2u, TransformStruct()));
         s.Leave();
     });
-    EXPECT_NE(text.find("SKT=\"1,0,0,0,1,0,0,0,1;1,2,3;1,1,1;"), Bytes::npos) << text;
+    EXPECT_NE(text.find("SKT=\"1,-0.5,0,0,1,0,0,0,1;1,2,3;0.25,4,1;7;\""), Bytes::npos) << text;
     Serializer* s = OpenReader(text);
     ASSERT_NE(s, nullptr);
     ASSERT_TRUE(s->Enter(ROOT));
     Transform back;
-    EXPECT_FALSE(s->Read(FourCCs::SKT, &back, TransformStruct()));
+    ASSERT_TRUE(s->Read(FourCCs::SKT, &back, TransformStruct()));
+    EXPECT_EQ(0, std::memcmp(&back, &t, sizeof t));
+    void* values = nullptr;
+    unsigned count = 0;
+    ASSERT_TRUE(s->Read(FourCCs::Make("MANY"), values, count, TransformStruct(), true));
+    ASSERT_EQ(count, 2u);
+    EXPECT_EQ(static_cast<Transform*>(values)[1].translation.z, 9.f);
+    TransformStruct()->DeleteArray(values);
+    // Into a caller's buffer: too small is refused.
+    Transform one[1];
+    values = one;
+    count = 1;
+    EXPECT_FALSE(s->Read(FourCCs::Make("MANY"), values, count, TransformStruct(), false));
     delete s;
+}
+
+TEST(XmlSerializer, StructTextThatLacksOrSpoilsAFieldFailsAndLeavesTheValue)
+{
+    struct Case
+    {
+        const char* text;
+        const char16_t* line;
+    };
+    const Case cases[] = {
+        {"1,0,0,0,1,0,0,0,1;1,2,3;1,1,1;", u"XmlSerializer: field 'Flags' of struct 'Transform' in \"SKT\" is missing or unreadable.\n"},
+        {"1,0,0,0,1,0,0,0,1;1,2;1,1,1;0;", u"XmlSerializer: field 'Translation' of struct 'Transform' in \"SKT\" is missing or unreadable.\n"},
+        {"1,0,0,0,1,0,0,0,1;1,2,3,4;1,1,1;0;", u"XmlSerializer: field 'Translation' of struct 'Transform' in \"SKT\" is missing or unreadable.\n"},
+        {"1,0,0,0,1,0,0,0,1;1,x,3;1,1,1;0;", u"XmlSerializer: field 'Translation' of struct 'Transform' in \"SKT\" is missing or unreadable.\n"},
+        {"", u"XmlSerializer: field 'Rotation' of struct 'Transform' in \"SKT\" is missing or unreadable.\n"},
+        {"1,0,0,0,1,0,0,0,1;1,2,3;1,1,1;0;5;", u"XmlSerializer: \"SKT\" holds more than one struct 'Transform'.\n"},
+    };
+    for (const Case& c : cases)
+    {
+        Bytes text = Xml([&](Serializer& s) {
+            ASSERT_TRUE(s.Enter(ROOT));
+            s.Write(FourCCs::SKT, AString(c.text));
+            s.Write(FourCCs::VAL, AString("3;x;"));
+            s.Leave();
+        });
+        Serializer* s = OpenReader(text);
+        ASSERT_NE(s, nullptr);
+        ASSERT_TRUE(s->Enter(ROOT));
+        Transform back;
+        back.flags = 42;
+        LogCapture log;
+        EXPECT_FALSE(s->Read(FourCCs::SKT, &back, TransformStruct())) << c.text;
+        EXPECT_TRUE(log->Contains(c.line)) << c.text;
+        EXPECT_EQ(back.flags, 42u) << "a failed read leaves the value as it was";
+        EXPECT_EQ(back.translation.x, 0.f);
+        // A forged count: more values than the text can hold.
+        void* values = nullptr;
+        unsigned count = 0;
+        EXPECT_FALSE(s->Read(FourCCs::VAL, values, count, TransformStruct(), true));
+        EXPECT_EQ(values, nullptr);
+        delete s;
+    }
 }
 
 TEST(XmlSerializer, RepeatedSectionsAreReachedInOrder)
@@ -217,4 +279,27 @@ TEST(XmlSerializer, OutputIsWellFormedForXmllint)
     dir.Write("out.xml", text.substr(8));
     std::string path = dir.path + "/out.xml";
     EXPECT_EQ(std::system(("xmllint --noout " + path).c_str()), 0);
+}
+
+TEST(XmlSerializer, RecordCountIsBoundedByTheFieldsTheTextCanHold)
+{
+    // Four records of two fields claimed, one stored: refused before a
+    // block for four records of 4 KiB is allocated.
+    Bytes text = Xml([](Serializer& s) {
+        ASSERT_TRUE(s.Enter(ROOT));
+        s.Write(FourCCs::Make("RECS"), AString("4;1,2;"));
+        s.Leave();
+    });
+    SerializeMemLayout layout(4096);
+    layout.Add(SerializeMemLayout::UInt8, 0).Add(SerializeMemLayout::UInt8, 1);
+    Serializer* s = OpenReader(text);
+    ASSERT_NE(s, nullptr);
+    ASSERT_TRUE(s->Enter(ROOT));
+    void* records = nullptr;
+    unsigned count = 0;
+    KovexTest::AllocationScope scope;
+    EXPECT_FALSE(s->Read(FourCCs::Make("RECS"), records, count, layout, true));
+    EXPECT_LT(scope.Bytes(), 4096u);
+    EXPECT_EQ(records, nullptr);
+    delete s;
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "fuzz/SampleClasses.h"
+#include "kernel/StringConv.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/SerializerTestSupport.h"
 #include "serialization/XmlSerializer.h"
@@ -317,22 +318,27 @@ TEST(ContainerSerialization, StructsStoredByTheirFields)
         spots->spots.Add(spot);
         spots->byKind.Set(i * 10, spot);
     }
-    Bytes bytes = SaveCrate(BinSerializer::StaticGetClass(), ConstPtr<Object>(spots.Get()));
-    Serializer* s = OpenReader(bytes);
-    ASSERT_TRUE(s);
-    Ptr<Object> out;
-    ASSERT_TRUE(s->Enter(FourCCs::OBJ));
-    EXPECT_TRUE(s->LoadObject(out, nullptr, 0));
-    delete s;
-    Spots* loaded = DynamicCast<Spots>(out.Get());
-    ASSERT_TRUE(loaded);
-    ASSERT_EQ(loaded->spots.Count(), 3u);
-    ASSERT_EQ(loaded->byKind.Count(), 3u);
-    for (int32 i = 0; i < 3; ++i)
+    // Both forms: the text form reads a struct back through its fields.
+    for (const Class* form : {BinSerializer::StaticGetClass(), XmlSerializer::StaticGetClass()})
     {
-        EXPECT_EQ(loaded->spots[unsigned(i)].at.x, float(i));
-        EXPECT_EQ(loaded->spots[unsigned(i)].size, 0.5f * float(i));
-        EXPECT_EQ(loaded->byKind.FindValue(i * 10)->kind, i);
+        SCOPED_TRACE(StringConvFuncs::ToAString(form->GetName()())());
+        Bytes bytes = SaveCrate(form, ConstPtr<Object>(spots.Get()));
+        Serializer* s = OpenReader(bytes);
+        ASSERT_TRUE(s);
+        Ptr<Object> out;
+        ASSERT_TRUE(s->Enter(FourCCs::OBJ));
+        EXPECT_TRUE(s->LoadObject(out, nullptr, 0));
+        delete s;
+        Spots* loaded = DynamicCast<Spots>(out.Get());
+        ASSERT_TRUE(loaded);
+        ASSERT_EQ(loaded->spots.Count(), 3u);
+        ASSERT_EQ(loaded->byKind.Count(), 3u);
+        for (int32 i = 0; i < 3; ++i)
+        {
+            EXPECT_EQ(loaded->spots[unsigned(i)].at.x, float(i));
+            EXPECT_EQ(loaded->spots[unsigned(i)].size, 0.5f * float(i));
+            EXPECT_EQ(loaded->byKind.FindValue(i * 10)->kind, i);
+        }
     }
 }
 

@@ -19,28 +19,28 @@ CommandLine::CommandLine(const char* tool, std::string help) : m_tool(tool), m_h
 
 void CommandLine::Add(char shortName, const char* longName, bool takesValue)
 {
-    m_specs.push_back(Spec{shortName, longName ? longName : "", takesValue});
+    m_defs.push_back(OptionDef{shortName, longName ? longName : "", takesValue});
 }
 
-const CommandLine::Spec* CommandLine::FindShort(char letter) const
+const CommandLine::OptionDef* CommandLine::FindShort(char letter) const
 {
-    for (const Spec& spec : m_specs)
-        if (spec.shortName && spec.shortName == letter)
-            return &spec;
+    for (const OptionDef& def : m_defs)
+        if (def.shortName && def.shortName == letter)
+            return &def;
     return nullptr;
 }
 
-const CommandLine::Spec* CommandLine::FindLong(const std::string& name) const
+const CommandLine::OptionDef* CommandLine::FindLong(const std::string& name) const
 {
-    for (const Spec& spec : m_specs)
-        if (!spec.longName.empty() && spec.longName == name)
-            return &spec;
+    for (const OptionDef& def : m_defs)
+        if (!def.longName.empty() && def.longName == name)
+            return &def;
     return nullptr;
 }
 
-std::string CommandLine::KeyOf(const Spec& spec)
+std::string CommandLine::KeyOf(const OptionDef& def)
 {
-    return spec.longName.empty() ? std::string(1, spec.shortName) : spec.longName;
+    return def.longName.empty() ? std::string(1, def.shortName) : def.longName;
 }
 
 int CommandLine::Parse(int argc, char** argv)
@@ -59,7 +59,7 @@ int CommandLine::Parse(int argc, char** argv)
             optionsEnded = true;
             continue;
         }
-        const Spec* spec = nullptr;
+        const OptionDef* def = nullptr;
         std::string value;
         bool hasValue = false;
         if (arg[1] == '-')
@@ -72,32 +72,32 @@ int CommandLine::Parse(int argc, char** argv)
                 name.resize(equals);
                 hasValue = true;
             }
-            spec = FindLong(name);
-            if (!spec)
+            def = FindLong(name);
+            if (!def)
                 return UsageError("unknown option '--" + name + "'");
-            if (hasValue && !spec->takesValue)
+            if (hasValue && !def->takesValue)
                 return UsageError("option '--" + name + "' takes no value");
         }
         else
         {
-            spec = FindShort(arg[1]);
-            if (!spec)
+            def = FindShort(arg[1]);
+            if (!def)
                 return UsageError(std::string("unknown option '-") + arg[1] + "'");
             if (arg.size() > 2)
             {
-                if (!spec->takesValue)
+                if (!def->takesValue)
                     return UsageError("unknown option '" + arg + "'");
                 value = arg.substr(2);
                 hasValue = true;
             }
         }
-        if (spec->takesValue && !hasValue)
+        if (def->takesValue && !hasValue)
         {
             if (i + 1 >= argc)
                 return UsageError("option '" + arg + "' needs a value");
             value = argv[++i];
         }
-        m_given.push_back(Given{spec, value});
+        m_given.push_back(Given{def, value});
     }
     if (Has("help"))
     {
@@ -115,7 +115,7 @@ int CommandLine::Parse(int argc, char** argv)
 bool CommandLine::Has(const char* name) const
 {
     for (const Given& given : m_given)
-        if (KeyOf(*given.spec) == name)
+        if (KeyOf(*given.def) == name)
             return true;
     return false;
 }
@@ -124,7 +124,7 @@ std::string CommandLine::Value(const char* name, const std::string& fallback) co
 {
     std::string result = fallback;
     for (const Given& given : m_given)
-        if (KeyOf(*given.spec) == name)
+        if (KeyOf(*given.def) == name)
             result = given.value;
     return result;
 }
@@ -133,7 +133,7 @@ std::vector<std::string> CommandLine::Values(const char* name) const
 {
     std::vector<std::string> result;
     for (const Given& given : m_given)
-        if (KeyOf(*given.spec) == name)
+        if (KeyOf(*given.def) == name)
             result.push_back(given.value);
     return result;
 }

@@ -52,7 +52,7 @@ public:
     const char* Tool() const { return m_tool; }
 
 private:
-    struct Spec
+    struct OptionDef
     {
         char shortName;
         std::string longName;
@@ -60,16 +60,16 @@ private:
     };
     struct Given
     {
-        const Spec* spec;
+        const OptionDef* def;
         std::string value;
     };
-    const Spec* FindShort(char letter) const;
-    const Spec* FindLong(const std::string& name) const;
-    static std::string KeyOf(const Spec& spec);
+    const OptionDef* FindShort(char letter) const;
+    const OptionDef* FindLong(const std::string& name) const;
+    static std::string KeyOf(const OptionDef& def);
 
     const char* m_tool;
     std::string m_help;
-    std::vector<Spec> m_specs;
+    std::vector<OptionDef> m_defs;
     std::vector<Given> m_given;
     std::vector<std::string> m_operands;
 };

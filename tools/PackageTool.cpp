@@ -279,19 +279,32 @@ bool ExtractOne(const std::string& package, const ConstPtr<Package::File>& file,
     return true;
 }
 
+// The members named, in the order given; false, with a message that ends in
+// `consequence`, at the first name the package lacks.
+bool FindMembers(const Package& package, const std::string& path, const std::vector<std::string>& members,
+                 const char* consequence, TArray<ConstPtr<Package::File>>& chosen)
+{
+    for (const std::string& member : members)
+    {
+        ConstPtr<Package::File> file = package.GetFile(Wide(member));
+        if (!file)
+        {
+            Fail("no member " + Quote(member) + " in " + Quote(path) + consequence);
+            return false;
+        }
+        chosen.Add(file);
+    }
+    return true;
+}
+
 int Extract(const std::string& path, const std::string& dir, const std::vector<std::string>& members)
 {
     Ptr<Package> package = Open(path, false);
     if (!package)
         return kExitFailure;
     TArray<ConstPtr<Package::File>> chosen;
-    for (const std::string& member : members)
-    {
-        ConstPtr<Package::File> file = package->GetFile(Wide(member));
-        if (!file)
-            return Fail("no member " + Quote(member) + " in " + Quote(path));
-        chosen.Add(file);
-    }
+    if (!FindMembers(*package, path, members, "", chosen))
+        return kExitFailure;
     if (members.empty())
         for (const auto& pair : package->GetFiles())
             chosen.Add(pair.value);
@@ -330,13 +343,8 @@ int Delete(const std::string& path, const std::vector<std::string>& members)
     if (!package)
         return kExitFailure;
     TArray<ConstPtr<Package::File>> chosen;
-    for (const std::string& member : members)
-    {
-        ConstPtr<Package::File> file = package->GetFile(Wide(member));
-        if (!file)
-            return Fail("no member " + Quote(member) + " in " + Quote(path) + "; nothing deleted");
-        chosen.Add(file);
-    }
+    if (!FindMembers(*package, path, members, "; nothing deleted", chosen))
+        return kExitFailure;
     for (const ConstPtr<Package::File>& file : chosen)
         if (!package->Delete(file))
             return Fail("cannot delete " + Quote(Utf8(file->name)));

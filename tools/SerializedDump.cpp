@@ -185,6 +185,7 @@ bool Printable(const uint8* p, size_t n)
 // Reads tag and value after tag while the value's size can be told: by a
 // length in front (strings), by the next tag, or by the end of the section.
 // `complete` says whether the bytes are the whole section.
+constexpr size_t kStringShown = 64;
 std::string DecodeValues(const std::vector<uint8>& bytes, bool complete)
 {
     std::string out;
@@ -203,10 +204,13 @@ std::string DecodeValues(const std::vector<uint8>& bytes, bool complete)
             (length <= left - 4 || !complete) && (length > left - 4 || length == left - 4 || !TagAt(value + 4 + length, left - 4 - length).empty()))
         {
             size_t shown = std::min<size_t>(length, left - 4);
+            // A long string is shown by its start; the rest is still passed over.
+            size_t printed = std::min<size_t>(shown, kStringShown);
             if (shown == 0)
                 item = tag + " (a string of " + std::to_string(length) + " bytes)";
             else
-                item = tag + " \"" + std::string(reinterpret_cast<const char*>(value + 4), shown) + (shown < length ? "\"..." : "\"");
+                item = tag + " \"" + std::string(reinterpret_cast<const char*>(value + 4), printed) +
+                       (printed < length ? "\"..." : "\"");
             used = 4 + shown;
             if (shown < length)
             {
@@ -251,17 +255,25 @@ std::string DecodeValues(const std::vector<uint8>& bytes, bool complete)
     return out;
 }
 
-// Adds under each section line of the tree the values its bytes decode to.
+// The tree is listed with this many bytes of each section, which the values
+// are decoded from; the hex shown stops at kHexShown.
+constexpr unsigned kDecodedBytes = 4096;
+constexpr size_t kHexShown = 24;
+
+// Shows each section line of the tree with its first bytes in hex and, under
+// it, the values its bytes decode to.
 std::string Annotate(const std::string& tree)
 {
     std::istringstream lines(tree);
     std::string line, out;
     while (std::getline(lines, line))
     {
-        out += line + "\n";
         size_t mark = line.find(" bytes)  ");
         if (mark == std::string::npos)
+        {
+            out += line + "\n";
             continue;
+        }
         std::istringstream hex(line.substr(mark + 9));
         std::vector<uint8> bytes;
         std::string token;
@@ -275,6 +287,9 @@ std::string Annotate(const std::string& tree)
             }
             bytes.push_back(uint8(std::stoul(token, nullptr, 16)));
         }
+        // At most kHexShown bytes of hex: a 3-character column each.
+        out += line.substr(0, mark + 9 + std::min(bytes.size(), kHexShown) * 3 - 1);
+        out += bytes.size() > kHexShown || !complete ? " ...\n" : "\n";
         std::string decoded = DecodeValues(bytes, complete);
         if (!decoded.empty())
             out += std::string(line.find_first_not_of(' '), ' ') + "    = " + decoded + "\n";
@@ -295,7 +310,7 @@ int Dump(const std::string& path)
     if (auto* binary = DynamicCast<BinSerializer>(static_cast<Object*>(serializer)))
     {
         AString tree;
-        binary->DumpTree(tree);
+        binary->DumpTree(tree, kDecodedBytes);
         std::string annotated = Annotate(std::string(tree(), tree.Length()));
         std::fwrite(annotated.data(), 1, annotated.size(), stdout);
     }

@@ -61,7 +61,7 @@ struct Sink
     }
 };
 
-struct Spec
+struct FieldFormat
 {
     bool left = false, plus = false, space = false, alt = false, zero = false;
     uint32 width = 0;
@@ -86,12 +86,12 @@ uint32 ParseNumber(const C*& f)
 }
 
 template <typename C>
-void EmitInteger(Sink<C>& out, const Spec& spec, uint64 magnitude, bool negative, unsigned base, bool upper)
+void EmitInteger(Sink<C>& out, const FieldFormat& field, uint64 magnitude, bool negative, unsigned base, bool upper)
 {
     char digits[72];
     int n = 0;
     const char* table = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-    if (magnitude == 0 && spec.precision == 0)
+    if (magnitude == 0 && field.precision == 0)
         n = 0; // "%.0d" of 0 prints no digit
     else
         do
@@ -104,25 +104,25 @@ void EmitInteger(Sink<C>& out, const Spec& spec, uint64 magnitude, bool negative
     int prefixLen = 0;
     if (negative)
         prefix[prefixLen++] = '-';
-    else if (spec.plus && base == 10)
+    else if (field.plus && base == 10)
         prefix[prefixLen++] = '+';
-    else if (spec.space && base == 10)
+    else if (field.space && base == 10)
         prefix[prefixLen++] = ' ';
-    if (spec.alt && base == 16 && !(n == 0 || (n == 1 && digits[0] == '0')))
+    if (field.alt && base == 16 && !(n == 0 || (n == 1 && digits[0] == '0')))
     {
         prefix[prefixLen++] = '0';
         prefix[prefixLen++] = upper ? 'X' : 'x';
     }
     // "%#o" makes the first digit a zero, adding one only when needed.
-    else if (spec.alt && base == 8 && (n == 0 || digits[n - 1] != '0') && spec.precision <= n)
+    else if (field.alt && base == 8 && (n == 0 || digits[n - 1] != '0') && field.precision <= n)
         prefix[prefixLen++] = '0';
 
-    uint64 precisionZeros = spec.precision > n ? uint64(spec.precision - n) : 0;
+    uint64 precisionZeros = field.precision > n ? uint64(field.precision - n) : 0;
     uint64 body = uint64(prefixLen) + precisionZeros + uint64(n);
-    uint64 pad = spec.width > body ? spec.width - body : 0;
-    bool zeroPad = spec.zero && !spec.left && spec.precision < 0;
+    uint64 pad = field.width > body ? field.width - body : 0;
+    bool zeroPad = field.zero && !field.left && field.precision < 0;
 
-    if (!spec.left && !zeroPad)
+    if (!field.left && !zeroPad)
         out.Pad(C(' '), pad);
     out.PutNarrow(prefix, size_t(prefixLen));
     if (zeroPad)
@@ -132,28 +132,28 @@ void EmitInteger(Sink<C>& out, const Spec& spec, uint64 magnitude, bool negative
     for (int i = 0; i < n; ++i)
         ordered[i] = digits[n - 1 - i];
     out.PutNarrow(ordered, size_t(n));
-    if (spec.left)
+    if (field.left)
         out.Pad(C(' '), pad);
 }
 
 template <typename C>
-void EmitFloat(Sink<C>& out, const Spec& spec, char conversion, double value)
+void EmitFloat(Sink<C>& out, const FieldFormat& field, char conversion, double value)
 {
     // Precision beyond what a double can carry only adds zeros; the cap keeps
     // the stack buffer sufficient for the widest "%f" (309 digits + 120).
-    int precision = spec.precision > 120 ? 120 : spec.precision;
+    int precision = field.precision > 120 ? 120 : field.precision;
     char text[512];
-    int n = int(CLocale::FormatDouble(text, sizeof text, conversion, value, precision, spec.plus, spec.space, spec.alt));
+    int n = int(CLocale::FormatDouble(text, sizeof text, conversion, value, precision, field.plus, field.space, field.alt));
 
-    uint64 pad = spec.width > uint32(n) ? spec.width - uint32(n) : 0;
+    uint64 pad = field.width > uint32(n) ? field.width - uint32(n) : 0;
     char last = n > 0 ? text[n - 1] : 0;
     bool finite = !(last == 'f' || last == 'F' || last == 'n' || last == 'N'); // not inf or nan
-    if (spec.left)
+    if (field.left)
     {
         out.PutNarrow(text, size_t(n));
         out.Pad(C(' '), pad);
     }
-    else if (spec.zero && finite && pad)
+    else if (field.zero && finite && pad)
     {
         // Zeros go between the sign and the digits.
         int signLen = (n > 0 && (text[0] == '-' || text[0] == '+' || text[0] == ' ')) ? 1 : 0;
@@ -170,35 +170,35 @@ void EmitFloat(Sink<C>& out, const Spec& spec, char conversion, double value)
 
 // Copies text of the format's own width, at most `limit` characters.
 template <typename C>
-void EmitSameWidth(Sink<C>& out, const Spec& spec, const C* s)
+void EmitSameWidth(Sink<C>& out, const FieldFormat& field, const C* s)
 {
     static constexpr C kNull[] = {C('('), C('n'), C('u'), C('l'), C('l'), C(')'), C(0)};
     if (!s)
         s = kNull;
     size_t n = 0;
-    size_t limit = spec.precision >= 0 ? size_t(spec.precision) : ~size_t(0);
+    size_t limit = field.precision >= 0 ? size_t(field.precision) : ~size_t(0);
     while (n < limit && s[n])
         ++n;
-    uint64 pad = spec.width > n ? spec.width - n : 0;
-    if (!spec.left)
+    uint64 pad = field.width > n ? field.width - n : 0;
+    if (!field.left)
         out.Pad(C(' '), pad);
     out.Put(s, n);
-    if (spec.left)
+    if (field.left)
         out.Pad(C(' '), pad);
 }
 
 // Transcodes text of the other width, at most `precision` output characters.
 template <typename C, typename O>
-void EmitOtherWidth(Sink<C>& out, const Spec& spec, const O* s)
+void EmitOtherWidth(Sink<C>& out, const FieldFormat& field, const O* s)
 {
     if (!s)
     {
         static constexpr C kNull[] = {C('('), C('n'), C('u'), C('l'), C('l'), C(')'), C(0)};
-        EmitSameWidth(out, spec, kNull);
+        EmitSameWidth(out, field, kNull);
         return;
     }
     // Measure first when padding is needed; the text is usually short.
-    size_t limit = spec.precision >= 0 ? size_t(spec.precision) : ~size_t(0);
+    size_t limit = field.precision >= 0 ? size_t(field.precision) : ~size_t(0);
     size_t srcLen = Utf::Length(s);
     auto transcode = [&](auto&& emit) {
         if constexpr (sizeof(O) == 1)
@@ -208,7 +208,7 @@ void EmitOtherWidth(Sink<C>& out, const Spec& spec, const O* s)
             Utf::EncodeUtf8(s, s + srcLen, emit);
     };
     size_t n = 0;
-    if (spec.width)
+    if (field.width)
     {
         size_t units = 0, whole = 0;
         transcode([&](C c) {
@@ -224,8 +224,8 @@ void EmitOtherWidth(Sink<C>& out, const Spec& spec, const O* s)
         if (units > limit)
             n = whole <= limit ? whole : limit;
     }
-    uint64 pad = spec.width > n ? spec.width - n : 0;
-    if (!spec.left)
+    uint64 pad = field.width > n ? field.width - n : 0;
+    if (!field.left)
         out.Pad(C(' '), pad);
     // A character that does not fit the precision whole is left out whole.
     size_t written = 0;
@@ -250,7 +250,7 @@ void EmitOtherWidth(Sink<C>& out, const Spec& spec, const O* s)
     });
     if (pendingCount)
         flush();
-    if (spec.left)
+    if (field.left)
         out.Pad(C(' '), pad);
 }
 
@@ -279,14 +279,14 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
             break;
         const C* directive = f++;
 
-        Spec spec;
+        FieldFormat field;
         for (;; ++f)
         {
-            if (*f == C('-')) spec.left = true;
-            else if (*f == C('+')) spec.plus = true;
-            else if (*f == C(' ')) spec.space = true;
-            else if (*f == C('#')) spec.alt = true;
-            else if (*f == C('0')) spec.zero = true;
+            if (*f == C('-')) field.left = true;
+            else if (*f == C('+')) field.plus = true;
+            else if (*f == C(' ')) field.space = true;
+            else if (*f == C('#')) field.alt = true;
+            else if (*f == C('0')) field.zero = true;
             else break;
         }
         if (*f == C('*'))
@@ -295,13 +295,13 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
             int w = va_arg(args, int);
             if (w < 0)
             {
-                spec.left = true;
+                field.left = true;
                 w = w == int(0x80000000) ? int(kMaxWidth) : -w;
             }
-            spec.width = uint32(w);
+            field.width = uint32(w);
         }
         else
-            spec.width = ParseNumber(f);
+            field.width = ParseNumber(f);
         if (*f == C('.'))
         {
             ++f;
@@ -309,36 +309,36 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
             {
                 ++f;
                 int p = va_arg(args, int);
-                spec.precision = p < 0 ? -1 : p;
+                field.precision = p < 0 ? -1 : p;
             }
             else
-                spec.precision = int32(ParseNumber(f));
+                field.precision = int32(ParseNumber(f));
         }
 
         // Length modifiers, the Windows forms included.
         if (*f == C('h'))
         {
             ++f;
-            if (*f == C('h')) { ++f; spec.length = Spec::Char; }
-            else spec.length = Spec::Short;
+            if (*f == C('h')) { ++f; field.length = FieldFormat::Char; }
+            else field.length = FieldFormat::Short;
         }
         else if (*f == C('l'))
         {
             ++f;
-            if (*f == C('l')) { ++f; spec.length = Spec::LongLong; }
-            else spec.length = Spec::Long;
+            if (*f == C('l')) { ++f; field.length = FieldFormat::LongLong; }
+            else field.length = FieldFormat::Long;
         }
-        else if (*f == C('q')) { ++f; spec.length = Spec::LongLong; }
-        else if (*f == C('L')) { ++f; spec.length = Spec::LongDouble; }
-        else if (*f == C('z')) { ++f; spec.length = Spec::Size; }
-        else if (*f == C('j')) { ++f; spec.length = Spec::Max; }
-        else if (*f == C('t')) { ++f; spec.length = Spec::Ptrdiff; }
-        else if (*f == C('w')) { ++f; spec.length = Spec::Wide; }
+        else if (*f == C('q')) { ++f; field.length = FieldFormat::LongLong; }
+        else if (*f == C('L')) { ++f; field.length = FieldFormat::LongDouble; }
+        else if (*f == C('z')) { ++f; field.length = FieldFormat::Size; }
+        else if (*f == C('j')) { ++f; field.length = FieldFormat::Max; }
+        else if (*f == C('t')) { ++f; field.length = FieldFormat::Ptrdiff; }
+        else if (*f == C('w')) { ++f; field.length = FieldFormat::Wide; }
         else if (*f == C('I'))
         {
-            if (f[1] == C('6') && f[2] == C('4')) { f += 3; spec.length = Spec::LongLong; }
-            else if (f[1] == C('3') && f[2] == C('2')) { f += 3; spec.length = Spec::None; }
-            else { ++f; spec.length = Spec::Size; }
+            if (f[1] == C('6') && f[2] == C('4')) { f += 3; field.length = FieldFormat::LongLong; }
+            else if (f[1] == C('3') && f[2] == C('2')) { f += 3; field.length = FieldFormat::None; }
+            else { ++f; field.length = FieldFormat::Size; }
         }
 
         C conversion = *f;
@@ -356,18 +356,18 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
         case C('i'):
         {
             int64 v;
-            switch (spec.length)
+            switch (field.length)
             {
-            case Spec::Char: v = static_cast<signed char>(va_arg(args, int)); break;
-            case Spec::Short: v = static_cast<short>(va_arg(args, int)); break;
-            case Spec::Long: v = va_arg(args, long); break;
-            case Spec::LongLong: v = va_arg(args, long long); break;
-            case Spec::Size: case Spec::Ptrdiff: v = va_arg(args, ptrdiff_t); break;
-            case Spec::Max: v = va_arg(args, intmax_t); break;
+            case FieldFormat::Char: v = static_cast<signed char>(va_arg(args, int)); break;
+            case FieldFormat::Short: v = static_cast<short>(va_arg(args, int)); break;
+            case FieldFormat::Long: v = va_arg(args, long); break;
+            case FieldFormat::LongLong: v = va_arg(args, long long); break;
+            case FieldFormat::Size: case FieldFormat::Ptrdiff: v = va_arg(args, ptrdiff_t); break;
+            case FieldFormat::Max: v = va_arg(args, intmax_t); break;
             default: v = va_arg(args, int); break;
             }
             uint64 magnitude = v < 0 ? uint64(0) - uint64(v) : uint64(v);
-            EmitInteger(out, spec, magnitude, v < 0, 10, false);
+            EmitInteger(out, field, magnitude, v < 0, 10, false);
             break;
         }
         case C('u'):
@@ -376,23 +376,23 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
         case C('o'):
         {
             uint64 v;
-            switch (spec.length)
+            switch (field.length)
             {
-            case Spec::Char: v = static_cast<unsigned char>(va_arg(args, unsigned)); break;
-            case Spec::Short: v = static_cast<unsigned short>(va_arg(args, unsigned)); break;
-            case Spec::Long: v = va_arg(args, unsigned long); break;
-            case Spec::LongLong: v = va_arg(args, unsigned long long); break;
-            case Spec::Size: case Spec::Ptrdiff: v = va_arg(args, size_t); break;
-            case Spec::Max: v = va_arg(args, uintmax_t); break;
+            case FieldFormat::Char: v = static_cast<unsigned char>(va_arg(args, unsigned)); break;
+            case FieldFormat::Short: v = static_cast<unsigned short>(va_arg(args, unsigned)); break;
+            case FieldFormat::Long: v = va_arg(args, unsigned long); break;
+            case FieldFormat::LongLong: v = va_arg(args, unsigned long long); break;
+            case FieldFormat::Size: case FieldFormat::Ptrdiff: v = va_arg(args, size_t); break;
+            case FieldFormat::Max: v = va_arg(args, uintmax_t); break;
             default: v = va_arg(args, unsigned); break;
             }
             unsigned base = conversion == C('o') ? 8 : conversion == C('u') ? 10 : 16;
-            EmitInteger(out, spec, v, false, base, conversion == C('X'));
+            EmitInteger(out, field, v, false, base, conversion == C('X'));
             break;
         }
         case C('p'):
         {
-            Spec p = spec;
+            FieldFormat p = field;
             p.alt = true;
             EmitInteger(out, p, uint64(reinterpret_cast<uintptr_t>(va_arg(args, void*))), false, 16, false);
             break;
@@ -400,8 +400,8 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
         case C('f'): case C('F'): case C('e'): case C('E'):
         case C('g'): case C('G'): case C('a'): case C('A'):
         {
-            double v = spec.length == Spec::LongDouble ? double(va_arg(args, long double)) : va_arg(args, double);
-            EmitFloat(out, spec, char(conversion), v);
+            double v = field.length == FieldFormat::LongDouble ? double(va_arg(args, long double)) : va_arg(args, double);
+            EmitFloat(out, field, char(conversion), v);
             break;
         }
         case C('c'):
@@ -410,8 +410,8 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
             // "%c" is a character of the format's width, "%C" of the other.
             unsigned v = va_arg(args, unsigned);
             bool other = conversion == C('C');
-            if (spec.length == Spec::Short) other = kWide;
-            else if (spec.length == Spec::Long || spec.length == Spec::Wide) other = !kWide;
+            if (field.length == FieldFormat::Short) other = kWide;
+            else if (field.length == FieldFormat::Long || field.length == FieldFormat::Wide) other = !kWide;
             C text[3] = {};
             if (other && !kWide)
             {
@@ -421,21 +421,21 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
                 int n = 0;
                 Utf::EncodeUtf8(&unit, &unit + 1, [&](char c) { encoded[n++] = c; });
                 encoded[n] = 0;
-                Spec s = spec;
+                FieldFormat s = field;
                 s.precision = -1;
                 EmitSameWidth(out, s, reinterpret_cast<const C*>(encoded));
                 break;
             }
             text[0] = C(other && kWide ? (v & 0xFF) : v);
-            Spec s = spec;
+            FieldFormat s = field;
             s.precision = 1;
             if (text[0] == 0)
             {
                 // A zero character still occupies its place.
-                uint64 pad = spec.width > 1 ? spec.width - 1 : 0;
-                if (!spec.left) out.Pad(C(' '), pad);
+                uint64 pad = field.width > 1 ? field.width - 1 : 0;
+                if (!field.left) out.Pad(C(' '), pad);
                 out.Put(C(0));
-                if (spec.left) out.Pad(C(' '), pad);
+                if (field.left) out.Pad(C(' '), pad);
             }
             else
                 EmitSameWidth(out, s, text);
@@ -447,14 +447,14 @@ unsigned FormatImpl(C* buffer, unsigned size, const C* format, va_list args)
             // "%s" is text of the format's width and "%S" of the other width;
             // "%hs" is always 8-bit and "%ls"/"%ws" always 16-bit.
             bool other = conversion == C('S');
-            if (spec.length == Spec::Short) other = kWide;
-            else if (spec.length == Spec::Long || spec.length == Spec::Wide) other = !kWide;
+            if (field.length == FieldFormat::Short) other = kWide;
+            else if (field.length == FieldFormat::Long || field.length == FieldFormat::Wide) other = !kWide;
             if (!other)
-                EmitSameWidth(out, spec, va_arg(args, const C*));
+                EmitSameWidth(out, field, va_arg(args, const C*));
             else if constexpr (kWide)
-                EmitOtherWidth(out, spec, va_arg(args, const char*));
+                EmitOtherWidth(out, field, va_arg(args, const char*));
             else
-                EmitOtherWidth(out, spec, va_arg(args, const char16_t*));
+                EmitOtherWidth(out, field, va_arg(args, const char16_t*));
             break;
         }
         case C('n'):

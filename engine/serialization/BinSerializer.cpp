@@ -630,7 +630,7 @@ bool BinSerializer::Read(FourCC tag, void*& values, unsigned int& count, const S
 
 // --- Inspection ------------------------------------------------------------------------------------
 
-bool BinSerializer::DumpTree(AString& out) const
+bool BinSerializer::DumpTree(AString& out, unsigned int bytesShown) const
 {
     if (m_mode != MODE_READ || !m_stream)
         return false;
@@ -644,7 +644,7 @@ bool BinSerializer::DumpTree(AString& out) const
         out.AppendFormat("%s%s  (%I64u bytes)", indent(), node == m_root ? "<root>" : FourCCs::ToString(node->id)(),
                          (unsigned long long)size);
         const uint8* bytes = m_file.GetPointer(unsigned(node->offset));
-        uint64 shown = size < 24 ? size : 24;
+        uint64 shown = size < bytesShown ? size : bytesShown;
         for (uint64 i = 0; i < shown; ++i)
             out.AppendFormat(i ? " %02x" : "  %02x", bytes[i]);
         if (shown < size)

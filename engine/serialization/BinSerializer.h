@@ -50,8 +50,8 @@ public:
     unsigned int CountSections(FourCC tag) const override;
 
     // An indented listing of the section tree with the size of each block
-    // and its first bytes, for tools.
-    bool DumpTree(AString& out) const;
+    // and its first `bytesShown` bytes in hex, for tools.
+    bool DumpTree(AString& out, unsigned int bytesShown = 24) const;
 
     struct Node;
     struct NodePool;

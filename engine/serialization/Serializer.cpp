@@ -27,11 +27,14 @@ void Serializer::StaticConstructor(Class* cls)
 
 AString FourCCs::ToString(FourCC tag)
 {
-    AString text;
+    // Built in place and copied once: the XML form names a section by it on
+    // every read.
+    char text[4];
+    unsigned length = 0;
     for (int shift = 24; shift >= 0; shift -= 8)
         if (char c = char((tag >> shift) & 0xFF))
-            text.Append(c);
-    return text;
+            text[length++] = c;
+    return AString(text, length);
 }
 
 bool FourCCs::FromString(const char* text, FourCC& out)

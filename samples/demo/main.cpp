@@ -3,6 +3,7 @@
 // serializer forms, runs frames on the null path and reports what the frame
 // clock measured.
 
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -114,11 +115,12 @@ int main(int argc, char** argv)
             dataDir = argv[++i];
             continue;
         }
-        AString count(argv[i]);
-        uint32 value = 0;
-        if (!count.AsValue(value) || value < 2 || value > 10000000)
+        // Decimal digits only: the engine's own parser would take "abc" as hex.
+        char* end = nullptr;
+        unsigned long value = std::strtoul(argv[i], &end, 10);
+        if (!std::isdigit(static_cast<unsigned char>(argv[i][0])) || *end || value < 2 || value > 10000000)
             return Usage(stderr, argv[0]);
-        frames = value;
+        frames = unsigned(value);
     }
 
     g_IsNullRenderer = true;

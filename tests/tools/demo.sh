@@ -12,6 +12,11 @@ cd "$work"
 "$demo" --help > help.txt
 grep -q "usage: .*--data DIR" help.txt
 if "$demo" 1 2> /dev/null; then exit 1; fi
+# A count is decimal: "abc" is not 2748 frames, nor "12x" twelve.
+for bad in abc 12x -5 ""; do
+  set +e; "$demo" "$bad" > /dev/null 2>&1; status=$?; set -e
+  [ "$status" -eq 2 ] || { echo "count '$bad' gave $status"; exit 1; }
+done
 
 "$demo" 40 > out.txt
 grep -q "^Frames: 40 run" out.txt

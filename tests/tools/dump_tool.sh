@@ -28,17 +28,24 @@ grep -q "damaged" err.txt
 if "$tool" to-xml "$corpus/serialized-bin/values" out.xml 2> err.txt; then exit 1; fi
 grep -q "cannot load the object graph" err.txt
 
-# The binary view decodes what the bytes allow: numbers, strings, and the
-# length of a string it cannot show.
+# The binary view decodes what a section's bytes allow, past the 24 bytes
+# its hex shows: numbers and whole strings.
 "$tool" "$corpus/serialized-bin/values" > tree.txt
-grep -q "^      = VAL 7, PRSZ 2, NAME (a string of 13 bytes)$" tree.txt
+grep -q "^  OBJ  (57 bytes)  4c 41 56 00 07 00 00 00 5a 53 52 50 02 00 00 00 45 4d 41 4e 0d 00 00 00 ...$" tree.txt
+grep -q '^      = VAL 7, PRSZ 2, NAME "name & <text>", SKT ...$' tree.txt
 grep -q "^          = CLS 1.25$" tree.txt
-"$tool" "$corpus/serialized-bin/object" | grep -q '^        = NAME "Name", VAL "seed"...$'
+"$tool" "$corpus/serialized-bin/object" > tree.txt
+grep -q '^      = OBID 1, CLS "NamedObject", PRSZ 1$' tree.txt
+grep -q '^        = NAME "Name", VAL "seed object"$' tree.txt
+# A long string shows its first 64 characters.
+long="$(printf 'x%.0s' $(seq 100))"
+sed "s/seed object/$long/" object.xml > long.xml
+"$tool" to-bin long.xml - | "$tool" - | grep -q "^        = NAME \"Name\", VAL \"$(printf 'x%.0s' $(seq 64))\"...$"
 
 # A conversion can go to standard output.
 "$tool" to-xml "$corpus/serialized-bin/object" - > piped.xml
 cmp piped.xml object.xml
-"$tool" to-bin object.xml - | "$tool" - | grep -q 'CLS "NamedObj"...$'
+"$tool" to-bin object.xml - | "$tool" - | grep -q 'CLS "NamedObject", PRSZ 1$'
 
 # An XML error gives its line; a class this build lacks is named.
 printf '<XML />\n<OBJ VAL="7">\n  <PROP VAL=1/>\n</OBJ>\n' > bad.xml

@@ -43,6 +43,10 @@ if "$tool" list bogus.kpk 2> err.txt; then exit 1; fi
 grep -q "not a package" err.txt
 if "$tool" extract game.kpk out3 no/such/member 2> err.txt; then exit 1; fi
 grep -q "no member" err.txt
+cp game.kpk before.kpk
+if "$tool" delete game.kpk no/such/member 2> err.txt; then exit 1; fi
+grep -q "no member 'no/such/member' in 'game.kpk'; nothing deleted" err.txt
+cmp game.kpk before.kpk
 if "$tool" rename game.kpk renamed.txt ../escape 2> err.txt; then exit 1; fi
 if "$tool" create x.kpk missing-dir 2> err.txt; then exit 1; fi
 if "$tool" frobnicate game.kpk 2> /dev/null; then exit 1; fi

@@ -59,3 +59,7 @@
 #include "resources/Resource.h"
 #include "resources/ResourceCache.h"
 #include "resources/ResourceThread.h"
+#include "graphics/GraphicsFormat.h"
+#include "graphics/HWCapability.h"
+#include "graphics/StateDesc.h"
+#include "graphics/VertexElement.h"

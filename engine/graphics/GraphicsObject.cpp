@@ -91,6 +91,21 @@ bool GraphicsResource::CopySubresourceRegion(GraphicsResource* dst, uint32 dstSu
 
 // --- GraphicsFactory -------------------------------------------------------------------
 
+namespace {
+std::atomic<GraphicsFactory*> s_slots[unsigned(FactoryType::COUNT)];
+}
+
+GraphicsFactory::GraphicsFactory(FactoryType slot) : m_slot(slot)
+{
+    if (slot < FactoryType::COUNT)
+        s_slots[unsigned(slot)].store(this, std::memory_order_release);
+}
+
+GraphicsFactory* GraphicsFactory::GetSlot(FactoryType slot)
+{
+    return slot < FactoryType::COUNT ? s_slots[unsigned(slot)].load(std::memory_order_acquire) : nullptr;
+}
+
 GraphicsFactory::~GraphicsFactory()
 {
     // Whatever is still linked outlives us; it must not call back.
@@ -174,6 +189,11 @@ void GraphicsFactory::OnExit()
 
 void GraphicsFactory::Cleanup()
 {
+    if (m_slot < FactoryType::COUNT)
+    {
+        GraphicsFactory* self = this;
+        s_slots[unsigned(m_slot)].compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
+    }
     ProcessDisposing();
     CriticalSection::Scope lock(m_listLock);
     while (m_head)

@@ -24,6 +24,30 @@ namespace KovexEngine {
 
 class GraphicsFactory;
 
+// X(name, class): the factory slots, in the order of the factory array.
+#define KOVEX_GRAPHICS_FACTORY_SLOTS(X)                  \
+    X(BlendStateFactory, BlendStateFactory)              \
+    X(SamplerStateFactory, SamplerStateFactory)          \
+    X(RasterizerStateFactory, RasterizerStateFactory)    \
+    X(DepthStencilStateFactory, DepthStencilStateFactory) \
+    X(VertexBufferFactory, GraphicsFactory)              \
+    X(IndexBufferFactory, GraphicsFactory)               \
+    X(ConstantBufferFactory, GraphicsFactory)            \
+    X(RWBufferFactory, GraphicsFactory)                  \
+    X(ShaderFactory, GraphicsFactory)                    \
+    X(WindowFactory, GraphicsWindowFactory)              \
+    X(InputLayoutFactory, GraphicsFactory)               \
+    X(ProgramCompiler, GraphicsFactory)                  \
+    X(TextureFactory, GraphicsFactory)
+
+enum class FactoryType : unsigned
+{
+#define KOVEX_FACTORY_ENUM(name, cls) name,
+    KOVEX_GRAPHICS_FACTORY_SLOTS(KOVEX_FACTORY_ENUM)
+#undef KOVEX_FACTORY_ENUM
+    COUNT
+};
+
 class KOVEX_API GraphicsObject : public Object
 {
     KOVEX_CLASS(GraphicsObject)
@@ -126,7 +150,9 @@ private:
 class KOVEX_API GraphicsFactory : public HeapObject
 {
 public:
-    GraphicsFactory() = default;
+    // A factory made for a slot is that slot's singleton (GetSlot) until its
+    // Cleanup; a factory without a slot is no singleton.
+    explicit GraphicsFactory(FactoryType slot = FactoryType::COUNT);
     GraphicsFactory(const GraphicsFactory&) = delete;
     GraphicsFactory& operator=(const GraphicsFactory&) = delete;
     virtual ~GraphicsFactory();
@@ -163,6 +189,8 @@ public:
         resource->m_usage = usage;
     }
 
+    static GraphicsFactory* GetSlot(FactoryType slot);
+
     // Objects linked now (diagnostics and tests).
     unsigned GetNumObjects();
     unsigned GetNumDisposing();
@@ -197,6 +225,7 @@ private:
     GraphicsObject* m_head = nullptr;
     GraphicsObject* m_tail = nullptr;
     unsigned m_count = 0;
+    FactoryType m_slot;
 };
 
 } // namespace KovexEngine

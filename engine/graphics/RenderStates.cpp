@@ -1,5 +1,7 @@
 #include "graphics/RenderStates.h"
 
+#include "kernel/Spin.h"
+
 namespace KovexEngine {
 
 KOVEX_REGISTER_CLASS(BlendState, u"Engine", GraphicsObject)
@@ -7,13 +9,20 @@ KOVEX_REGISTER_CLASS(RasterizerState, u"Engine", GraphicsObject)
 KOVEX_REGISTER_CLASS(DepthStencilState, u"Engine", GraphicsObject)
 KOVEX_REGISTER_CLASS(SamplerState, u"Engine", GraphicsObject)
 
+void StateMapLock::Enter()
+{
+    SpinWait spin;
+    while (m_held.exchange(true, std::memory_order_acquire))
+        spin.Pause();
+}
+
 template <typename STATE>
 Ptr<STATE> TStateFactory<STATE>::Create(const Desc& desc)
 {
     StateKey key;
     desc.MakeKey(key);
     {
-        CriticalSection::Scope lock(m_mapLock);
+        StateMapLock::Scope lock(m_mapLock);
         auto hit = m_byWords.find(key);
         if (hit != m_byWords.end())
             return hit->second;
@@ -24,7 +33,7 @@ Ptr<STATE> TStateFactory<STATE>::Create(const Desc& desc)
     Ptr<STATE> state;
     bool made = false;
     {
-        CriticalSection::Scope lock(m_mapLock);
+        StateMapLock::Scope lock(m_mapLock);
         auto hit = m_byText.find(textKey);
         if (hit != m_byText.end())
             state = hit->second;
@@ -45,7 +54,7 @@ Ptr<STATE> TStateFactory<STATE>::Create(const Desc& desc)
 template <typename STATE>
 unsigned TStateFactory<STATE>::GetNumStates()
 {
-    CriticalSection::Scope lock(m_mapLock);
+    StateMapLock::Scope lock(m_mapLock);
     return unsigned(m_byText.size());
 }
 
@@ -55,7 +64,7 @@ void TStateFactory<STATE>::OnExit()
     std::unordered_map<StateKey, Ptr<STATE>, StateKeyHash> words;
     std::unordered_map<std::string, Ptr<STATE>> texts;
     {
-        CriticalSection::Scope lock(m_mapLock);
+        StateMapLock::Scope lock(m_mapLock);
         words.swap(m_byWords);
         texts.swap(m_byText);
     }
@@ -69,24 +78,8 @@ template class TStateFactory<RasterizerState>;
 template class TStateFactory<DepthStencilState>;
 template class TStateFactory<SamplerState>;
 
-namespace {
-BlendStateFactory* s_blendFactory = nullptr;
-RasterizerStateFactory* s_rasterizerFactory = nullptr;
-DepthStencilStateFactory* s_depthStencilFactory = nullptr;
-SamplerStateFactory* s_samplerFactory = nullptr;
-} // namespace
-
 // --- Blend ----------------------------------------------------------------------
 
-BlendStateFactory::BlendStateFactory() { s_blendFactory = this; }
-BlendStateFactory* BlendStateFactory::Get() { return s_blendFactory; }
-
-void BlendStateFactory::Cleanup()
-{
-    if (s_blendFactory == this)
-        s_blendFactory = nullptr;
-    GraphicsFactory::Cleanup();
-}
 
 void BlendStateFactory::OnDeviceCreated()
 {
@@ -147,15 +140,6 @@ KOVEX_BLEND_PRESET_FAMILY(GetCombine, 3)
 
 // --- Rasterizer --------------------------------------------------------------------
 
-RasterizerStateFactory::RasterizerStateFactory() { s_rasterizerFactory = this; }
-RasterizerStateFactory* RasterizerStateFactory::Get() { return s_rasterizerFactory; }
-
-void RasterizerStateFactory::Cleanup()
-{
-    if (s_rasterizerFactory == this)
-        s_rasterizerFactory = nullptr;
-    GraphicsFactory::Cleanup();
-}
 
 void RasterizerStateFactory::OnDeviceCreated()
 {
@@ -188,15 +172,6 @@ void RasterizerStateFactory::OnExit()
 
 // --- Depth-stencil ----------------------------------------------------------------------
 
-DepthStencilStateFactory::DepthStencilStateFactory() { s_depthStencilFactory = this; }
-DepthStencilStateFactory* DepthStencilStateFactory::Get() { return s_depthStencilFactory; }
-
-void DepthStencilStateFactory::Cleanup()
-{
-    if (s_depthStencilFactory == this)
-        s_depthStencilFactory = nullptr;
-    GraphicsFactory::Cleanup();
-}
 
 void DepthStencilStateFactory::OnDeviceCreated()
 {
@@ -263,14 +238,5 @@ void DepthStencilStateFactory::OnExit()
 
 // --- Sampler ------------------------------------------------------------------------------
 
-SamplerStateFactory::SamplerStateFactory() { s_samplerFactory = this; }
-SamplerStateFactory* SamplerStateFactory::Get() { return s_samplerFactory; }
-
-void SamplerStateFactory::Cleanup()
-{
-    if (s_samplerFactory == this)
-        s_samplerFactory = nullptr;
-    GraphicsFactory::Cleanup();
-}
 
 } // namespace KovexEngine

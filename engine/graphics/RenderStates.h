@@ -7,9 +7,10 @@
 // and descriptors whose texts agree share the object of that text.
 //
 // Threads: Create may be called from any thread (loaders build materials on
-// workers); the maps are guarded by one lock per factory, held only for the
-// look-up and insertion, never across device work.
+// workers); the maps are guarded by one spin lock per factory, held only for
+// the look-up and insertion, never across device work.
 
+#include <atomic>
 #include <unordered_map>
 
 #include "graphics/GraphicsObject.h"
@@ -18,6 +19,24 @@
 namespace KovexEngine {
 
 class Renderer;
+
+// The key maps' lock: held for a look-up or an insertion only, so a spin
+// (pausing, then yielding) costs less than a mutex on the hit path.
+class KOVEX_API StateMapLock
+{
+public:
+    void Enter();
+    void Leave() { m_held.store(false, std::memory_order_release); }
+    struct Scope
+    {
+        explicit Scope(StateMapLock& lock) : m_lock(lock) { m_lock.Enter(); }
+        ~Scope() { m_lock.Leave(); }
+        StateMapLock& m_lock;
+    };
+
+private:
+    std::atomic<bool> m_held{false};
+};
 
 struct StateKeyHash
 {
@@ -81,6 +100,7 @@ class KOVEX_API TStateFactory : public GraphicsFactory
 public:
     using Desc = typename STATE::Desc;
 
+    explicit TStateFactory(FactoryType slot) : GraphicsFactory(slot) {}
     Ptr<STATE> Create(const Desc& desc);
     static void Hash(const Desc& desc, AString& out) { desc.Hash(out); }
     // Distinct objects made so far (one per key text).
@@ -91,7 +111,7 @@ protected:
     virtual STATE* NewState() { return new STATE(); }
 
 private:
-    CriticalSection m_mapLock;
+    StateMapLock m_mapLock;
     std::unordered_map<StateKey, Ptr<STATE>, StateKeyHash> m_byWords;
     std::unordered_map<std::string, Ptr<STATE>> m_byText;
 };
@@ -99,9 +119,8 @@ private:
 class KOVEX_API BlendStateFactory : public TStateFactory<BlendState>
 {
 public:
-    BlendStateFactory();
-    static BlendStateFactory* Get();
-    void Cleanup() override;
+    BlendStateFactory() : TStateFactory(FactoryType::BlendStateFactory) {}
+    static BlendStateFactory* Get() { return static_cast<BlendStateFactory*>(GetSlot(FactoryType::BlendStateFactory)); }
     void OnDeviceCreated() override;
     void OnExit() override;
 
@@ -126,9 +145,8 @@ private:
 class KOVEX_API RasterizerStateFactory : public TStateFactory<RasterizerState>
 {
 public:
-    RasterizerStateFactory();
-    static RasterizerStateFactory* Get();
-    void Cleanup() override;
+    RasterizerStateFactory() : TStateFactory(FactoryType::RasterizerStateFactory) {}
+    static RasterizerStateFactory* Get() { return static_cast<RasterizerStateFactory*>(GetSlot(FactoryType::RasterizerStateFactory)); }
     void OnDeviceCreated() override;
     void OnExit() override;
 
@@ -146,9 +164,8 @@ private:
 class KOVEX_API DepthStencilStateFactory : public TStateFactory<DepthStencilState>
 {
 public:
-    DepthStencilStateFactory();
-    static DepthStencilStateFactory* Get();
-    void Cleanup() override;
+    DepthStencilStateFactory() : TStateFactory(FactoryType::DepthStencilStateFactory) {}
+    static DepthStencilStateFactory* Get() { return static_cast<DepthStencilStateFactory*>(GetSlot(FactoryType::DepthStencilStateFactory)); }
     void OnDeviceCreated() override;
     void OnExit() override;
 
@@ -169,9 +186,8 @@ private:
 class KOVEX_API SamplerStateFactory : public TStateFactory<SamplerState>
 {
 public:
-    SamplerStateFactory();
-    static SamplerStateFactory* Get();
-    void Cleanup() override;
+    SamplerStateFactory() : TStateFactory(FactoryType::SamplerStateFactory) {}
+    static SamplerStateFactory* Get() { return static_cast<SamplerStateFactory*>(GetSlot(FactoryType::SamplerStateFactory)); }
 };
 
 } // namespace KovexEngine

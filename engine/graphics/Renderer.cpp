@@ -571,20 +571,6 @@ bool GraphicsWindow::Reset(const GraphicsParameters& parameters)
     return ok;
 }
 
-namespace {
-GraphicsWindowFactory* s_windowFactory = nullptr;
-}
-
-GraphicsWindowFactory::GraphicsWindowFactory() { s_windowFactory = this; }
-GraphicsWindowFactory* GraphicsWindowFactory::Get() { return s_windowFactory; }
-
-void GraphicsWindowFactory::Cleanup()
-{
-    if (s_windowFactory == this)
-        s_windowFactory = nullptr;
-    GraphicsFactory::Cleanup();
-}
-
 Ptr<GraphicsWindow> GraphicsWindowFactory::Create(const GraphicsParameters& parameters)
 {
     Ptr<GraphicsWindow> window(NewWindow());

@@ -42,63 +42,39 @@ struct KOVEX_API GraphicsParameters
     uint32 Extra1 = 1; // and quality
 };
 
-// X(name, class): the factory slots, in the order of the factory array.
-#define KOVEX_GRAPHICS_FACTORY_SLOTS(X)                  \
-    X(BlendStateFactory, BlendStateFactory)              \
-    X(SamplerStateFactory, SamplerStateFactory)          \
-    X(RasterizerStateFactory, RasterizerStateFactory)    \
-    X(DepthStencilStateFactory, DepthStencilStateFactory) \
-    X(VertexBufferFactory, GraphicsFactory)              \
-    X(IndexBufferFactory, GraphicsFactory)               \
-    X(ConstantBufferFactory, GraphicsFactory)            \
-    X(RWBufferFactory, GraphicsFactory)                  \
-    X(ShaderFactory, GraphicsFactory)                    \
-    X(WindowFactory, GraphicsWindowFactory)              \
-    X(InputLayoutFactory, GraphicsFactory)               \
-    X(ProgramCompiler, GraphicsFactory)                  \
-    X(TextureFactory, GraphicsFactory)
-
-enum class FactoryType : unsigned
-{
-#define KOVEX_FACTORY_ENUM(name, cls) name,
-    KOVEX_GRAPHICS_FACTORY_SLOTS(KOVEX_FACTORY_ENUM)
-#undef KOVEX_FACTORY_ENUM
-    COUNT
-};
-
 // X(result, name, (parameters), what the null device answers)
-#define KOVEX_RENDERER_DEVICE_OPS(X)                                                                          \
-    X(bool, OnCreateDevice, (const GraphicsParameters& parameters), NullCreateDevice(parameters))                                    \
-    X(bool, OnResetDevice, (const GraphicsParameters& parameters), true)                                     \
-    X(void, Clear, (GraphicsClearMode mode, const Vector4& color, float depth, uint32 stencil), void())      \
-    X(void, ClearSingle, (Texture * texture, const Vector4& color), void())                                   \
-    X(void, ClearUAV, (GraphicsResource * resource, uint32 index, uint32 value), void())                      \
-    X(void, Present, (), void())                                                                              \
-    X(void, ApplyViewport, (const Viewport& viewport), void())                                                \
-    X(void, ApplyRTGroup, (const RenderTargetGroup& group), void())                                           \
-    X(void, ApplyBlendState, (BlendState * state, BlendState * previous), void())                             \
-    X(void, ApplyRasterizerState, (RasterizerState * state, RasterizerState * previous), void())              \
-    X(void, ApplyDepthStencilState, (DepthStencilState * state, DepthStencilState * previous), void())        \
-    X(void, ClearTextures, (), void())                                                                        \
-    X(bool, CheckTextureFormat,                                                                               \
-      (GraphicsFormat format, TextureDimension dimension, uint32 view, GraphicsResourceUsage usage, uint32 cpu), \
-      !GraphicsFormat::IsCompressed(format) && format != GraphicsFormat::UNKNOWN)                             \
-    X(GraphicsFormatLayout, GetRenderTargetLayout, (GraphicsFormat format), GraphicsFormat::GetLayout(format)) \
-    X(Ptr<Texture>, CreateBackBuffer, (), NewNullTexture(m_parameters.BackBufferFormat, m_parameters.Width, m_parameters.Height))                      \
-    X(Ptr<Texture>, CreateDepthBuffer, (), NewNullTexture(m_parameters.DepthStencilFormat, m_parameters.Width, m_parameters.Height))                   \
-    X(GraphicsFactory*, CreateBlendStateFactory, (), new BlendStateFactory())                                 \
-    X(GraphicsFactory*, CreateSamplerStateFactory, (), new SamplerStateFactory())                             \
-    X(GraphicsFactory*, CreateRasterizerStateFactory, (), new RasterizerStateFactory())                       \
-    X(GraphicsFactory*, CreateDepthStencilStateFactory, (), new DepthStencilStateFactory())                   \
-    X(GraphicsFactory*, CreateVertexBufferFactory, (), new GraphicsFactory())                                 \
-    X(GraphicsFactory*, CreateIndexBufferFactory, (), new GraphicsFactory())                                  \
-    X(GraphicsFactory*, CreateConstantBufferFactory, (), new GraphicsFactory())                               \
-    X(GraphicsFactory*, CreateRWBufferFactory, (), new GraphicsFactory())                                     \
-    X(GraphicsFactory*, CreateShaderFactory, (), new GraphicsFactory())                                       \
-    X(GraphicsFactory*, CreateWindowFactory, (), NewNullWindowFactory())                                      \
-    X(GraphicsFactory*, CreateInputLayoutFactory, (), new GraphicsFactory())                                  \
-    X(GraphicsFactory*, CreateProgramCompiler, (), new GraphicsFactory())                                     \
-    X(GraphicsFactory*, CreateTextureFactory, (), new GraphicsFactory())
+#define KOVEX_RENDERER_DEVICE_OPS(X)                                                                                  \
+    X(bool, OnCreateDevice, (const GraphicsParameters& parameters), NullCreateDevice(parameters))                     \
+    X(bool, OnResetDevice, (const GraphicsParameters& parameters), true)                                              \
+    X(void, Clear, (GraphicsClearMode mode, const Vector4& color, float depth, uint32 stencil), void())               \
+    X(void, ClearSingle, (Texture * texture, const Vector4& color), void())                                           \
+    X(void, ClearUAV, (GraphicsResource * resource, uint32 index, uint32 value), void())                              \
+    X(void, Present, (), void())                                                                                      \
+    X(void, ApplyViewport, (const Viewport& viewport), void())                                                        \
+    X(void, ApplyRTGroup, (const RenderTargetGroup& group), void())                                                   \
+    X(void, ApplyBlendState, (BlendState * state, BlendState * previous), void())                                     \
+    X(void, ApplyRasterizerState, (RasterizerState * state, RasterizerState * previous), void())                      \
+    X(void, ApplyDepthStencilState, (DepthStencilState * state, DepthStencilState * previous), void())                \
+    X(void, ClearTextures, (), void())                                                                                \
+    X(bool, CheckTextureFormat,                                                                                       \
+      (GraphicsFormat format, TextureDimension dimension, uint32 view, GraphicsResourceUsage usage, uint32 cpu),      \
+      !GraphicsFormat::IsCompressed(format) && format != GraphicsFormat::UNKNOWN)                                     \
+    X(GraphicsFormatLayout, GetRenderTargetLayout, (GraphicsFormat format), GraphicsFormat::GetLayout(format))        \
+    X(Ptr<Texture>, CreateBackBuffer, (), NewNullBuffer(m_parameters.BackBufferFormat))                              \
+    X(Ptr<Texture>, CreateDepthBuffer, (), NewNullBuffer(m_parameters.DepthStencilFormat))                            \
+    X(GraphicsFactory*, CreateBlendStateFactory, (), new BlendStateFactory())                                         \
+    X(GraphicsFactory*, CreateSamplerStateFactory, (), new SamplerStateFactory())                                     \
+    X(GraphicsFactory*, CreateRasterizerStateFactory, (), new RasterizerStateFactory())                               \
+    X(GraphicsFactory*, CreateDepthStencilStateFactory, (), new DepthStencilStateFactory())                           \
+    X(GraphicsFactory*, CreateVertexBufferFactory, (), new GraphicsFactory(FactoryType::VertexBufferFactory))         \
+    X(GraphicsFactory*, CreateIndexBufferFactory, (), new GraphicsFactory(FactoryType::IndexBufferFactory))           \
+    X(GraphicsFactory*, CreateConstantBufferFactory, (), new GraphicsFactory(FactoryType::ConstantBufferFactory))     \
+    X(GraphicsFactory*, CreateRWBufferFactory, (), new GraphicsFactory(FactoryType::RWBufferFactory))                 \
+    X(GraphicsFactory*, CreateShaderFactory, (), new GraphicsFactory(FactoryType::ShaderFactory))                     \
+    X(GraphicsFactory*, CreateWindowFactory, (), NewNullWindowFactory())                                              \
+    X(GraphicsFactory*, CreateInputLayoutFactory, (), new GraphicsFactory(FactoryType::InputLayoutFactory))           \
+    X(GraphicsFactory*, CreateProgramCompiler, (), new GraphicsFactory(FactoryType::ProgramCompiler))                 \
+    X(GraphicsFactory*, CreateTextureFactory, (), new GraphicsFactory(FactoryType::TextureFactory))
 
 class KOVEX_API Renderer : public Object
 {
@@ -286,9 +262,11 @@ private:
 class KOVEX_API GraphicsWindowFactory : public GraphicsFactory
 {
 public:
-    GraphicsWindowFactory();
-    static GraphicsWindowFactory* Get();
-    void Cleanup() override;
+    GraphicsWindowFactory() : GraphicsFactory(FactoryType::WindowFactory) {}
+    static GraphicsWindowFactory* Get()
+    {
+        return static_cast<GraphicsWindowFactory*>(GetSlot(FactoryType::WindowFactory));
+    }
     Ptr<GraphicsWindow> Create(const GraphicsParameters& parameters);
 
 protected:

@@ -50,6 +50,11 @@ public:
 
 private:
     bool NullCreateDevice(const GraphicsParameters& parameters);
+    // A buffer of the size last applied.
+    Ptr<Texture> NewNullBuffer(GraphicsFormat format)
+    {
+        return NewNullTexture(format, m_parameters.Width, m_parameters.Height);
+    }
     static GraphicsFactory* NewNullWindowFactory() { return new NullGraphicsWindowFactory(); }
 };
 

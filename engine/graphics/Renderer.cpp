@@ -5,10 +5,34 @@
 #include "graphics/GraphicsThread.h"
 #include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
+#include "reflection/FunctionRegistration.h"
 
 namespace KovexEngine {
 
-KOVEX_REGISTER_CLASS(Renderer, u"Engine", Object)
+KOVEX_REGISTER_CLASS_EX(Renderer, u"Engine")
+void Renderer::StaticConstructor(Class* cls)
+{
+    RegisterBases<Renderer, Object>(cls);
+    using R = Renderer;
+    AddFunction(cls, u"Clear", &R::Clear, {u"mode", u"color", u"depth", u"stencil"});
+    AddFunction(cls, u"CleanupFrameState", &R::CleanupFrameState);
+    AddFunction(cls, u"SetViewportByRT0", &R::SetViewportByRT0);
+    AddFunction(cls, u"GetNumActivedRenderTargets", &R::GetNumActivedRenderTargets);
+    AddFunction(cls, u"GetRenderTargetArrayIndex", &R::GetRenderTargetArrayIndex, {u"slot"});
+    AddFunction(cls, u"GetDepthBufferArrayIndex", &R::GetDepthBufferArrayIndex);
+    AddFunction(cls, u"CheckTextureFormat", &R::CheckTextureFormat,
+                {u"format", u"dimension", u"view", u"usage", u"cpuAccess"});
+    AddFunction(cls, u"GetCompatibleTextureFormat", &R::GetCompatibleTextureFormat, {u"format"});
+    AddFunction(cls, u"GetDefaultDepthStencilFormat", &R::GetDefaultDepthStencilFormat);
+    AddFunction(cls, u"GetDefaultBackBufferFormat", &R::GetDefaultBackBufferFormat);
+    AddFunction(cls, u"GetDefaultBackBufferFormatLayout", &R::GetDefaultBackBufferFormatLayout);
+    AddFunction(cls, u"GetGPUVendor", &R::GetGPUVendor);
+    AddFunction(cls, u"GetMaxAnisotropy", &R::GetMaxAnisotropy);
+    AddFunction(cls, u"SetMaxAnisotropy", &R::SetMaxAnisotropy, {u"maxAnisotropy"});
+    AddFunction(cls, u"ClearTextures", &R::ClearTextures);
+    AddFunction(cls, u"GetPlatform", &R::GetPlatform);
+    cls->ProcessClass();
+}
 KOVEX_REGISTER_CLASS(Texture, u"Engine", GraphicsResource)
 KOVEX_REGISTER_CLASS(GraphicsWindow, u"Engine", GraphicsObject)
 
@@ -411,6 +435,27 @@ void Renderer::SetViewport(uint32 x, uint32 y, uint32 width, uint32 height)
     v.Width = width;
     v.Height = height;
     SetViewport(v);
+}
+
+void Renderer::SetViewportByRT0()
+{
+    const Ptr<Texture>& target = m_currentGroup.RenderTargets[0];
+    if (target)
+        SetViewport(target->GetWidth(), target->GetHeight());
+}
+
+Ptr<Texture> Renderer::InitializeATexture(Texture* texture)
+{
+    if (!texture)
+        return Ptr<Texture>();
+    Ptr<Texture> held(texture);
+    if (!texture->CreateDeviceHandle())
+    {
+        texture->SetState(GraphicsObject::Failed);
+        return Ptr<Texture>(); // the only reference goes: released here
+    }
+    texture->SetState(GraphicsObject::Created);
+    return held;
 }
 
 void Renderer::SetRTGroup(const RenderTargetGroup& group)

@@ -112,6 +112,15 @@ public:
     GraphicsFormat GetDefaultDepthStencilFormat() const { return m_defaultDepthStencilFormat; }
     GraphicsFormatLayout GetDefaultBackBufferFormatLayout() const { return m_backBufferLayout; }
     uint32 GetMaxAnisotropy() const { return m_maxAnisotropy; }
+    // Colour word conversions of the back buffer's layout (null before
+    // SetDefaultFormat with an RGBA or BGRA layout).
+    Vector4 (*GetDefaultDWORDtoCOLOR() const)(uint32) { return m_dwordToColor; }
+    uint32 (*GetDefaultCOLORtoDWORD() const)(const Vector4&) { return m_colorToDWORD; }
+    uint32 (*GetDefaultDWORDtoABGR() const)(uint32) { return m_dwordToABGR; }
+    uint32 (*GetDefaultABGRtoDWORD() const)(uint32) { return m_dwordToABGR; }
+    // Runs the texture's device creation now; on failure releases it and
+    // answers null.
+    Ptr<Texture> InitializeATexture(Texture* texture);
     void SetMaxAnisotropy(uint32 value);
     bool AllowCacheShaders() const;
     static const char* GetShaderFuncName(ShaderType type);
@@ -121,6 +130,8 @@ public:
     void SetViewport(const Viewport& viewport);
     void SetViewport(uint32 width, uint32 height);
     void SetViewport(uint32 x, uint32 y, uint32 width, uint32 height);
+    // The size of render target 0 of the current group, depth 0 to 1.
+    void SetViewportByRT0();
     const Viewport& GetViewport() const { return m_currentViewport; }
     void SetRTGroup(const RenderTargetGroup& group);
     void SetRenderTarget(const Ptr<Texture>& texture, uint32 slot, uint32 arrayIndex);
@@ -170,6 +181,10 @@ public:
     virtual void EndFrame() { CleanupFrameState(); }
     virtual void CleanupFrameState();
     virtual bool IsViewportFliped() const { return false; }
+    virtual void BeginPerfEvent(uint32, const char16_t*) {}
+    virtual void EndPerfEvent() {}
+    virtual void EnablePerf(bool) {}
+    virtual void SetMarker(uint32, const char16_t*) {}
 
 #define KOVEX_DEVICE_OP_PURE(result, name, params, nullResult) virtual result name params = 0;
     KOVEX_RENDERER_DEVICE_OPS(KOVEX_DEVICE_OP_PURE)

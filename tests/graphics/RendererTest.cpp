@@ -10,6 +10,7 @@
 #include "graphics/null/NullRenderer.h"
 #include "kernel/EngineGlobals.h"
 #include "lifecycle/Engine.h"
+#include "reflection/Function.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -232,6 +233,48 @@ TEST(NullRenderer, TargetsDelegatesAndMaps)
     EXPECT_EQ(r.GetRenderTarget(0), window->GetGroup().RenderTargets[0]);
     EXPECT_EQ(r.GetViewport().Height, 32u);
     window->EndWindow();
+}
+
+namespace {
+class FailingTexture : public NullTexture
+{
+public:
+    static std::atomic<int> s_live;
+    FailingTexture() { ++s_live; }
+    ~FailingTexture() override { --s_live; }
+    bool CreateDeviceHandle() override { return false; }
+};
+std::atomic<int> FailingTexture::s_live{0};
+} // namespace
+
+TEST(NullRenderer, TexturesViewportsAndReflectedCalls)
+{
+    NullRendererScope engine;
+    Renderer& r = *g_ptrRenderer;
+    EXPECT_FALSE(r.InitializeATexture(new FailingTexture()));
+    EXPECT_EQ(FailingTexture::s_live.load(), 0) << "a failed texture is released";
+    Ptr<Texture> made = r.InitializeATexture(new NullTexture());
+    ASSERT_TRUE(made);
+    EXPECT_TRUE(made->IsCreated());
+
+    r.SetRenderTarget(NullRenderer::NewNullTexture(GraphicsFormat::R8G8B8A8_UNORM, 96, 48), 0, 0);
+    r.SetViewportByRT0();
+    EXPECT_EQ(r.GetViewport().Width, 96u);
+    EXPECT_EQ(r.GetViewport().Height, 48u);
+    ASSERT_NE(r.GetDefaultCOLORtoDWORD(), nullptr);
+    EXPECT_EQ(r.GetDefaultCOLORtoDWORD()(Vector4(1.0f, 0.0f, 0.0f, 1.0f)), 0xFF0000FFu) << "RGBA back buffer";
+
+    TFunctionStack<4> stack(0, true);
+    ASSERT_TRUE(r.Invoke(WString(u"GetMaxAnisotropy"), stack.Get()));
+    EXPECT_EQ(stack->RetVar().GetInt(), 16);
+    TFunctionStack<5> check(5, true);
+    check->Var(0).SetEnumValue(GraphicsFormat::BC3_UNORM, GraphicsFormat::GetSelfEnumClass());
+    check->Var(1).SetEnumValue(TextureDimension::_2D, TextureDimension::GetSelfEnumClass());
+    check->Var(2) = uint32(1);
+    check->Var(3).SetEnumValue(GraphicsResourceUsage::Default, GraphicsResourceUsage::GetSelfEnumClass());
+    check->Var(4) = uint32(0);
+    ASSERT_TRUE(r.Invoke(WString(u"CheckTextureFormat"), check.Get()));
+    EXPECT_FALSE(check->RetVar().GetBool()) << "the null device has no compressed formats";
 }
 
 TEST(NullRenderer, ReleaseOnAWorkerIsDisposedAtTheNextTick)

@@ -62,6 +62,7 @@
 #include "graphics/GraphicsFormat.h"
 #include "graphics/HWCapability.h"
 #include "graphics/StateDesc.h"
+#include "graphics/VertexDecl.h"
 #include "graphics/VertexElement.h"
 #include "graphics/GraphicsObject.h"
 #include "graphics/GraphicsThread.h"

@@ -20,6 +20,7 @@
 #include "commands/CommandThread.h"
 #include "graphics/GraphicsThread.h"
 #include "graphics/Renderer.h"
+#include "graphics/VertexDecl.h"
 #include "kernel/Log.h"
 #include "kernel/SharedString.h"
 #include "kernel/StringConv.h"
@@ -211,8 +212,10 @@ void Kovex_Renderer_Terminate()
     if (!s_rendererInited)
         return;
     // delete SinglePassLightingFWBuilder (if left), PrimitiveRDIUtility;
-    // PGResources::Destroy(); delete ProgramManager, VertexDeclManager;
-    // TStaticRenderState::Destroy(); delete ProgramCachedLibrary;
+    // PGResources::Destroy(); delete ProgramManager;
+    VertexDeclManager::Destroy();
+    // TStaticRenderState::Destroy() is the state factories' OnExit, run by
+    // Renderer::Destroy; delete ProgramCachedLibrary;
     Renderer::Destroy();
     GraphicsThread::Destroy();
     s_rendererInited = false;

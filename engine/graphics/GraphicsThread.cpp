@@ -59,8 +59,9 @@ void GraphicsThread::BeginRender()
     g_GraphicsCommandCounter = 0;
     if (IsStarted())
     {
-        m_framesToRender.fetch_add(1, std::memory_order_acq_rel);
-        Signal();
+        m_framesToRender.fetch_add(1, std::memory_order_seq_cst);
+        if (m_sleeping.exchange(false, std::memory_order_seq_cst))
+            Signal();
     }
     ProcessATCommandList();
     if (!IsStarted())
@@ -102,7 +103,17 @@ void GraphicsThread::Procedure()
             continue;
         }
         if (++idle > kIdleSpinsBeforeSleep)
-            return; // back to the semaphore; BeginRender signals it
+        {
+            // Announce the sleep, then look again: a frame counted before
+            // the announcement was not signalled, so take it back and go on.
+            m_sleeping.store(true, std::memory_order_seq_cst);
+            if (m_framesToRender.load(std::memory_order_seq_cst) == 0)
+                return; // back to the semaphore; BeginRender signals it
+            if (!m_sleeping.exchange(false, std::memory_order_seq_cst))
+                return; // BeginRender took the flag and signalled
+            idle = 0;
+            continue;
+        }
         spin.Pause();
     }
 }

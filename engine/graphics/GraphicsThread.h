@@ -50,6 +50,10 @@ protected:
 private:
     std::atomic<uint32> m_framesToRender{0};
     std::atomic<uint32> m_renderedFrames{0};
+    // Set by the thread before it goes back to its semaphore; BeginRender
+    // signals only a sleeping thread, so a spinning one collects no stale
+    // wake-ups.
+    std::atomic<bool> m_sleeping{true};
 };
 
 } // namespace KovexEngine

@@ -391,3 +391,39 @@ TEST(GraphicsThreads, PostReleaseAndFramesUnderLoad)
     }
     EXPECT_EQ(ProbeObject::s_live.load(), 0);
 }
+
+namespace {
+struct CountOnGraphicsThread : ThreadCommand
+{
+    std::atomic<int>* count = nullptr;
+    uint32 expected = 0;
+    void Process() override
+    {
+        if (ThreadIdHere() == expected)
+            ++*count;
+    }
+};
+} // namespace
+
+// Frames far apart let the thread go back to its semaphore between them;
+// each frame's commands must still run on it before EndRender returns.
+TEST(GraphicsThreads, SleepingThreadIsWokenForEachFrame)
+{
+    NullRendererScope engine(true);
+    GraphicsThread* thread = GraphicsThread::Ins();
+    ASSERT_TRUE(thread->IsStarted());
+    std::atomic<int> ran{0};
+    for (int frame = 0; frame < 20; ++frame)
+    {
+        if (frame % 4 == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        Ptr<CountOnGraphicsThread> command(new CountOnGraphicsThread());
+        command->count = &ran;
+        command->expected = thread->GetThreadID();
+        thread->MT_PostCommand(command.Get());
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+        EXPECT_EQ(ran.load(), frame + 1) << "frame " << frame;
+        EXPECT_EQ(thread->GetFramesToRender(), 0u);
+    }
+}

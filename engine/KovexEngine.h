@@ -65,6 +65,7 @@
 #include "graphics/VertexDecl.h"
 #include "graphics/VertexElement.h"
 #include "graphics/GraphicsObject.h"
+#include "graphics/GraphicsStream.h"
 #include "graphics/GraphicsThread.h"
 #include "graphics/RenderStates.h"
 #include "graphics/Renderer.h"

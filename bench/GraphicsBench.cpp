@@ -9,10 +9,13 @@
 #include <benchmark/benchmark.h>
 
 #include <condition_variable>
+#include <cstdlib>
+#include <vector>
 #include <deque>
 #include <mutex>
 #include <thread>
 
+#include "graphics/GraphicsBuffer.h"
 #include "graphics/GraphicsThread.h"
 #include "graphics/Renderer.h"
 #include "kernel/EngineGlobals.h"
@@ -180,5 +183,86 @@ void BM_FrameBracket_NoRenderer(benchmark::State& state)
     }
 }
 BENCHMARK(BM_FrameBracket_NoRenderer)->UseRealTime();
+
+} // namespace
+
+namespace {
+
+class BenchBuffer : public GraphicsBuffer
+{
+public:
+    bool CreateDeviceHandle() override { return true; }
+    void ReleaseDeviceHandle() override {}
+
+protected:
+    bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
+    void DeviceUnmap(uint32) override {}
+};
+
+// Random allocate/recycle over one 128 KiB pool buffer with a tick every 64
+// operations, as frames would; beside the same sizes from malloc/free.
+void BM_BlockedBuffer_AllocateRecycle(benchmark::State& state)
+{
+    Ptr<GraphicsBuffer> buffer(new BenchBuffer());
+    buffer->SetByteWidth(131072);
+    Ptr<BlockedGraphicsBuffer> blocked = BlockedGraphicsBuffer::Create(buffer);
+    uint32 seed = 12345;
+    auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
+    std::vector<std::pair<uint32, uint32>> live;
+    uint64 count = 0;
+    for (auto _ : state)
+    {
+        if ((next() >> 8) % 2 == 0 || live.empty())
+        {
+            uint32 size = 16 + (next() >> 8) % 1024;
+            uint32 offset = blocked->M_Require(size);
+            if (offset != BlockedGraphicsBuffer::kNone)
+                live.emplace_back(offset, size);
+            else
+                blocked->Reset(), live.clear();
+            ++count;
+        }
+        else
+        {
+            size_t pick = (next() >> 8) % live.size();
+            blocked->M_Recycle(live[pick].first, live[pick].second);
+            live[pick] = live.back();
+            live.pop_back();
+        }
+        if ((count & 63) == 0)
+            blocked->M_Precache();
+    }
+    state.SetItemsProcessed(int64_t(count));
+    blocked = nullptr;
+    BlockedGraphicsBuffer::Destroy();
+}
+BENCHMARK(BM_BlockedBuffer_AllocateRecycle);
+
+void BM_Malloc_AllocateFree(benchmark::State& state)
+{
+    uint32 seed = 12345;
+    auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
+    std::vector<void*> live;
+    uint64 count = 0;
+    for (auto _ : state)
+    {
+        if ((next() >> 8) % 2 == 0 || live.empty())
+        {
+            live.push_back(std::malloc(16 + (next() >> 8) % 1024));
+            ++count;
+        }
+        else
+        {
+            size_t pick = (next() >> 8) % live.size();
+            std::free(live[pick]);
+            live[pick] = live.back();
+            live.pop_back();
+        }
+    }
+    for (void* p : live)
+        std::free(p);
+    state.SetItemsProcessed(int64_t(count));
+}
+BENCHMARK(BM_Malloc_AllocateFree);
 
 } // namespace

@@ -59,6 +59,7 @@
 #include "resources/Resource.h"
 #include "resources/ResourceCache.h"
 #include "resources/ResourceThread.h"
+#include "graphics/GraphicsBuffer.h"
 #include "graphics/GraphicsFormat.h"
 #include "graphics/HWCapability.h"
 #include "graphics/StateDesc.h"

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "graphics/GraphicsBuffer.h"
 #include "graphics/GraphicsThread.h"
 #include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
@@ -191,6 +192,7 @@ void Renderer::Destroy()
     GraphicsThread::Destroy();
     renderer->OnDestroying();
     renderer->ReleaseBuffers();
+    BlockedGraphicsBuffer::Destroy(); // its buffers go back through their factories
     renderer->DestroyFactories();
     renderer->OnDestroyed();
     g_ptrRenderer = nullptr;
@@ -286,6 +288,7 @@ void Renderer::Tick(float delta, double total)
     for (GraphicsFactory* factory : m_factories)
         if (factory)
             factory->OnTick();
+    BlockedGraphicsBuffer::M_Tick();
 }
 
 void Renderer::M_Precache()

@@ -68,6 +68,7 @@
 #include "graphics/GraphicsObject.h"
 #include "graphics/GraphicsStream.h"
 #include "graphics/GraphicsThread.h"
+#include "graphics/IndexBuffer.h"
 #include "graphics/RenderStates.h"
 #include "graphics/Renderer.h"
 #include "graphics/Texture.h"

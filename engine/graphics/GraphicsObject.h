@@ -31,7 +31,7 @@ class GraphicsFactory;
     X(RasterizerStateFactory, RasterizerStateFactory)    \
     X(DepthStencilStateFactory, DepthStencilStateFactory) \
     X(VertexBufferFactory, GraphicsFactory)              \
-    X(IndexBufferFactory, GraphicsFactory)               \
+    X(IndexBufferFactory, IndexBufferFactory)               \
     X(ConstantBufferFactory, GraphicsFactory)            \
     X(RWBufferFactory, GraphicsFactory)                  \
     X(ShaderFactory, GraphicsFactory)                    \

@@ -67,7 +67,7 @@ struct KOVEX_API GraphicsParameters
     X(GraphicsFactory*, CreateRasterizerStateFactory, (), new RasterizerStateFactory())                               \
     X(GraphicsFactory*, CreateDepthStencilStateFactory, (), new DepthStencilStateFactory())                           \
     X(GraphicsFactory*, CreateVertexBufferFactory, (), new GraphicsFactory(FactoryType::VertexBufferFactory))         \
-    X(GraphicsFactory*, CreateIndexBufferFactory, (), new GraphicsFactory(FactoryType::IndexBufferFactory))           \
+    X(GraphicsFactory*, CreateIndexBufferFactory, (), new NullIndexBufferFactory())           \
     X(GraphicsFactory*, CreateConstantBufferFactory, (), new GraphicsFactory(FactoryType::ConstantBufferFactory))     \
     X(GraphicsFactory*, CreateRWBufferFactory, (), new GraphicsFactory(FactoryType::RWBufferFactory))                 \
     X(GraphicsFactory*, CreateShaderFactory, (), new GraphicsFactory(FactoryType::ShaderFactory))                     \

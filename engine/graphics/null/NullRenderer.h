@@ -5,6 +5,7 @@
 // own no device memory, and every object's device side is created at once.
 // All layers above the device run on it unchanged.
 
+#include "graphics/IndexBuffer.h"
 #include "graphics/Renderer.h"
 
 namespace KovexEngine {
@@ -19,6 +20,24 @@ public:
 protected:
     bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
     void DeviceUnmap(uint32) override {}
+};
+
+class KOVEX_API NullIndexBuffer : public IndexBuffer
+{
+    KOVEX_CLASS(NullIndexBuffer)
+public:
+    bool CreateDeviceHandle() override { return true; }
+    void ReleaseDeviceHandle() override {}
+
+protected:
+    bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
+    void DeviceUnmap(uint32) override {}
+};
+
+class KOVEX_API NullIndexBufferFactory : public IndexBufferFactory
+{
+protected:
+    IndexBuffer* NewIndexBuffer() override { return new NullIndexBuffer(); }
 };
 
 class KOVEX_API NullGraphicsWindow : public GraphicsWindow

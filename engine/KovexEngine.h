@@ -63,6 +63,7 @@
 #include "graphics/GraphicsFormat.h"
 #include "graphics/HWCapability.h"
 #include "graphics/StateDesc.h"
+#include "graphics/VertexBuffer.h"
 #include "graphics/VertexDecl.h"
 #include "graphics/VertexElement.h"
 #include "graphics/GraphicsObject.h"

@@ -1,5 +1,7 @@
 #include "graphics/GraphicsBuffer.h"
 
+#include "kernel/Log.h"
+
 namespace KovexEngine {
 
 KOVEX_REGISTER_CLASS(GraphicsBuffer, u"Engine", GraphicsResource)
@@ -7,6 +9,29 @@ KOVEX_REGISTER_CLASS(GraphicsBuffer, u"Engine", GraphicsResource)
 bool GraphicsBuffer::CheckByteWidth(uint32 size, const GraphicsStream* stream)
 {
     return size != 0 || (stream && stream->GetLength() != 0);
+}
+
+Ptr<GraphicsBuffer> GraphicsBufferFactory::PostBuffer(GraphicsBuffer* made, GraphicsStream* stream, uint32 cpuAccess,
+                                                      GraphicsResourceUsage usage, std::atomic<int32>* pending,
+                                                      const char16_t* invalidLine, const char16_t* dynamicLine)
+{
+    Ptr<GraphicsBuffer> buffer(made);
+    if (!stream || stream->GetLength() == 0)
+    {
+        Log::Print(LOG_INFO, invalidLine);
+        return Ptr<GraphicsBuffer>();
+    }
+    if (stream->IsDynamic() != (usage == GraphicsResourceUsage::Dynamic))
+    {
+        Log::Print(LOG_INFO, dynamicLine);
+        return Ptr<GraphicsBuffer>();
+    }
+    buffer->SetStream(Ptr<GraphicsStream>(stream));
+    buffer->SetByteWidth(stream->GetLength());
+    SetCpuAccessFlags(buffer.Get(), cpuAccess);
+    SetResourceUsage(buffer.Get(), usage);
+    M_PostObject(Ptr<GraphicsObject>(buffer.Get()), pending);
+    return buffer;
 }
 
 namespace {

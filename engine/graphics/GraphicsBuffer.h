@@ -34,6 +34,22 @@ private:
     Ptr<GraphicsStream> m_stream;
 };
 
+// Base of the vertex, index and read-write buffer factories: the checks a
+// stream passes before its buffer is posted.
+class KOVEX_API GraphicsBufferFactory : public GraphicsFactory
+{
+public:
+    using GraphicsFactory::GraphicsFactory;
+
+protected:
+    // Null, with `invalidLine` for a missing or empty stream and
+    // `dynamicLine` when the stream's dynamic kind does not match the usage;
+    // else fills `made` (which it owns from here) and posts it.
+    Ptr<GraphicsBuffer> PostBuffer(GraphicsBuffer* made, GraphicsStream* stream, uint32 cpuAccess,
+                                   GraphicsResourceUsage usage, std::atomic<int32>* pending,
+                                   const char16_t* invalidLine, const char16_t* dynamicLine);
+};
+
 class BlockedGraphicsBuffer;
 
 // A range of a blocked buffer. Dropping it gives nothing back: the owner

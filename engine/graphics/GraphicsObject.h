@@ -30,7 +30,7 @@ class GraphicsFactory;
     X(SamplerStateFactory, SamplerStateFactory)          \
     X(RasterizerStateFactory, RasterizerStateFactory)    \
     X(DepthStencilStateFactory, DepthStencilStateFactory) \
-    X(VertexBufferFactory, GraphicsFactory)              \
+    X(VertexBufferFactory, VertexBufferFactory)              \
     X(IndexBufferFactory, IndexBufferFactory)               \
     X(ConstantBufferFactory, GraphicsFactory)            \
     X(RWBufferFactory, GraphicsFactory)                  \

@@ -117,23 +117,11 @@ bool IndexBuffer::AllowReleaseStream() const
 Ptr<IndexBuffer> IndexBufferFactory::Create(const Ptr<IndexBuffer::Stream>& stream, uint32 cpuAccess,
                                             GraphicsResourceUsage usage, std::atomic<int32>* pending)
 {
-    if (!stream || stream->GetLength() == 0)
-    {
-        Log::Print(LOG_INFO, u"Create index buffer failed, invalid stream or stream size is zero !\n");
-        return Ptr<IndexBuffer>();
-    }
-    if (stream->IsDynamic() != (usage == GraphicsResourceUsage::Dynamic))
-    {
-        Log::Print(LOG_INFO, u"Create index buffer failed, dynamic usage is not match.\n");
-        return Ptr<IndexBuffer>();
-    }
-    Ptr<IndexBuffer> buffer(NewIndexBuffer());
-    buffer->SetStream(Ptr<GraphicsStream>(stream.Get()));
-    buffer->SetByteWidth(stream->GetLength());
-    SetCpuAccessFlags(buffer.Get(), cpuAccess);
-    SetResourceUsage(buffer.Get(), usage);
-    M_PostObject(Ptr<GraphicsObject>(buffer.Get()), pending);
-    return buffer;
+    Ptr<GraphicsBuffer> buffer =
+        PostBuffer(NewIndexBuffer(), stream.Get(), cpuAccess, usage, pending,
+                   u"Create index buffer failed, invalid stream or stream size is zero !\n",
+                   u"Create index buffer failed, dynamic usage is not match.\n");
+    return Ptr<IndexBuffer>(static_cast<IndexBuffer*>(buffer.Get()));
 }
 
 } // namespace KovexEngine

@@ -63,10 +63,10 @@ public:
     bool AllowReleaseStream() const override;
 };
 
-class KOVEX_API IndexBufferFactory : public GraphicsFactory
+class KOVEX_API IndexBufferFactory : public GraphicsBufferFactory
 {
 public:
-    IndexBufferFactory() : GraphicsFactory(FactoryType::IndexBufferFactory) {}
+    IndexBufferFactory() : GraphicsBufferFactory(FactoryType::IndexBufferFactory) {}
     static IndexBufferFactory* Get()
     {
         return static_cast<IndexBufferFactory*>(GetSlot(FactoryType::IndexBufferFactory));

@@ -66,7 +66,7 @@ struct KOVEX_API GraphicsParameters
     X(GraphicsFactory*, CreateSamplerStateFactory, (), new SamplerStateFactory())                                     \
     X(GraphicsFactory*, CreateRasterizerStateFactory, (), new RasterizerStateFactory())                               \
     X(GraphicsFactory*, CreateDepthStencilStateFactory, (), new DepthStencilStateFactory())                           \
-    X(GraphicsFactory*, CreateVertexBufferFactory, (), new GraphicsFactory(FactoryType::VertexBufferFactory))         \
+    X(GraphicsFactory*, CreateVertexBufferFactory, (), new NullVertexBufferFactory())         \
     X(GraphicsFactory*, CreateIndexBufferFactory, (), new NullIndexBufferFactory())           \
     X(GraphicsFactory*, CreateConstantBufferFactory, (), new GraphicsFactory(FactoryType::ConstantBufferFactory))     \
     X(GraphicsFactory*, CreateRWBufferFactory, (), new GraphicsFactory(FactoryType::RWBufferFactory))                 \

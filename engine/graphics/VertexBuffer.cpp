@@ -187,4 +187,19 @@ bool VertexBuffer::Stream::Load(Serializer* s)
     return true;
 }
 
+bool VertexBuffer::AllowReleaseStream() const
+{
+    return GetCpuAccessFlags() == 0 || GetResourceUsage() == GraphicsResourceUsage::Immutable;
+}
+
+Ptr<VertexBuffer> VertexBufferFactory::Create(const Ptr<VertexBuffer::Stream>& stream, uint32 cpuAccess,
+                                              GraphicsResourceUsage usage, std::atomic<int32>* pending)
+{
+    Ptr<GraphicsBuffer> buffer =
+        PostBuffer(NewVertexBuffer(), stream.Get(), cpuAccess, usage, pending,
+                   u"Create vertex buffer failed, invalid stream or stream size is zero !\n",
+                   u"Create vertex buffer failed, dynamic usage is not match.\n");
+    return Ptr<VertexBuffer>(static_cast<VertexBuffer*>(buffer.Get()));
+}
+
 } // namespace KovexEngine

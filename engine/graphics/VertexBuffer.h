@@ -70,6 +70,26 @@ public:
     private:
         Ptr<GraphicsStream> m_gpuRead;
     };
+
+    const Stream* GetVertexStream() const { return static_cast<const Stream*>(GetStream().Get()); }
+    bool AllowReleaseStream() const override;
+};
+
+class KOVEX_API VertexBufferFactory : public GraphicsBufferFactory
+{
+public:
+    VertexBufferFactory() : GraphicsBufferFactory(FactoryType::VertexBufferFactory) {}
+    static VertexBufferFactory* Get()
+    {
+        return static_cast<VertexBufferFactory*>(GetSlot(FactoryType::VertexBufferFactory));
+    }
+    // Null, with its line, for a missing or empty stream or one whose
+    // dynamic kind does not match the usage.
+    Ptr<VertexBuffer> Create(const Ptr<VertexBuffer::Stream>& stream, uint32 cpuAccess, GraphicsResourceUsage usage,
+                             std::atomic<int32>* pending);
+
+protected:
+    virtual VertexBuffer* NewVertexBuffer() = 0;
 };
 
 } // namespace KovexEngine

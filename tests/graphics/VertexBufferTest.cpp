@@ -2,7 +2,10 @@
 
 #include <cstring>
 
+#include "graphics/Renderer.h"
 #include "graphics/VertexBuffer.h"
+#include "kernel/EngineGlobals.h"
+#include "lifecycle/Engine.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/SerializerTestSupport.h"
 #include "serialization/XmlSerializer.h"
@@ -119,4 +122,37 @@ TEST(VertexBuffer, ForgedCountsAreRefused)
     EXPECT_TRUE(log->Contains(u"VertexBuffer: bad VXSM section (30 vertices, 2 elements, 3 stored).\n"));
     for (size_t cut = 0; cut < bytes.size(); cut += 3)
         loads(bytes.substr(0, cut));
+}
+
+TEST(VertexBuffer, FactoryChecksTheStreamBeforeItPosts)
+{
+    g_IsNullRenderer = true;
+    Kovex_Main_Initialize();
+    ASSERT_TRUE(Renderer::SetupPlatformAuto());
+    Kovex_InitRenderer(GraphicsParameters());
+    VertexBufferFactory* factory = VertexBufferFactory::Get();
+    ASSERT_NE(factory, nullptr);
+    {
+        KovexTest::LogCapture log;
+        EXPECT_FALSE(factory->Create(Ptr<VertexBuffer::Stream>(), 0, GraphicsResourceUsage::Default, nullptr));
+        EXPECT_TRUE(log->Contains(u"Create vertex buffer failed, invalid stream or stream size is zero !\n"));
+        Ptr<VertexBuffer::Stream> unallocated = VertexBuffer::Stream::Create(kLayout, 4, 3, false);
+        EXPECT_FALSE(factory->Create(unallocated, 0, GraphicsResourceUsage::Default, nullptr)) << "no data";
+        Ptr<VertexBuffer::DynamicStream> dynamic = VertexBuffer::DynamicStream::Create(kLayout, 4, 3, true);
+        EXPECT_FALSE(factory->Create(Ptr<VertexBuffer::Stream>(dynamic.Get()), 0, GraphicsResourceUsage::Default,
+                                     nullptr));
+        EXPECT_TRUE(log->Contains(u"Create vertex buffer failed, dynamic usage is not match.\n"));
+        Ptr<VertexBuffer> buffer = factory->Create(Ptr<VertexBuffer::Stream>(dynamic.Get()),
+                                                   unsigned(GraphicsResourceCpuAccess::Write),
+                                                   GraphicsResourceUsage::Dynamic, nullptr);
+        ASSERT_TRUE(buffer);
+        EXPECT_TRUE(buffer->IsCreated());
+        EXPECT_EQ(buffer->GetByteWidth(), 84u);
+        EXPECT_EQ(buffer->GetVertexStream(), dynamic.Get());
+        EXPECT_FALSE(buffer->AllowReleaseStream());
+    }
+    Kovex_Main_Terminate();
+    Kovex_Renderer_Terminate();
+    Kovex_System_Terminate();
+    g_IsNullRenderer = false;
 }

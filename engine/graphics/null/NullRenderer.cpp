@@ -5,6 +5,7 @@ namespace KovexEngine {
 KOVEX_REGISTER_CLASS(NullRenderer, u"Engine", Renderer)
 KOVEX_REGISTER_CLASS(NullTexture, u"Engine", Texture)
 KOVEX_REGISTER_CLASS(NullIndexBuffer, u"Engine", IndexBuffer)
+KOVEX_REGISTER_CLASS(NullVertexBuffer, u"Engine", VertexBuffer)
 KOVEX_REGISTER_CLASS(NullGraphicsWindow, u"Engine", GraphicsWindow)
 
 Renderer* NewNullRenderer() { return new NullRenderer(); }

@@ -7,6 +7,7 @@
 
 #include "graphics/IndexBuffer.h"
 #include "graphics/Renderer.h"
+#include "graphics/VertexBuffer.h"
 
 namespace KovexEngine {
 
@@ -38,6 +39,24 @@ class KOVEX_API NullIndexBufferFactory : public IndexBufferFactory
 {
 protected:
     IndexBuffer* NewIndexBuffer() override { return new NullIndexBuffer(); }
+};
+
+class KOVEX_API NullVertexBuffer : public VertexBuffer
+{
+    KOVEX_CLASS(NullVertexBuffer)
+public:
+    bool CreateDeviceHandle() override { return true; }
+    void ReleaseDeviceHandle() override {}
+
+protected:
+    bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
+    void DeviceUnmap(uint32) override {}
+};
+
+class KOVEX_API NullVertexBufferFactory : public VertexBufferFactory
+{
+protected:
+    VertexBuffer* NewVertexBuffer() override { return new NullVertexBuffer(); }
 };
 
 class KOVEX_API NullGraphicsWindow : public GraphicsWindow

@@ -11,9 +11,10 @@
 
 namespace KovexEngine {
 
-class KOVEX_API NullTexture : public Texture
+// A resource without device memory: created at once, never mappable.
+template <typename BASE>
+class TNullResource : public BASE
 {
-    KOVEX_CLASS(NullTexture)
 public:
     bool CreateDeviceHandle() override { return true; }
     void ReleaseDeviceHandle() override {}
@@ -23,16 +24,14 @@ protected:
     void DeviceUnmap(uint32) override {}
 };
 
-class KOVEX_API NullIndexBuffer : public IndexBuffer
+class KOVEX_API NullTexture : public TNullResource<Texture>
+{
+    KOVEX_CLASS(NullTexture)
+};
+
+class KOVEX_API NullIndexBuffer : public TNullResource<IndexBuffer>
 {
     KOVEX_CLASS(NullIndexBuffer)
-public:
-    bool CreateDeviceHandle() override { return true; }
-    void ReleaseDeviceHandle() override {}
-
-protected:
-    bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
-    void DeviceUnmap(uint32) override {}
 };
 
 class KOVEX_API NullIndexBufferFactory : public IndexBufferFactory
@@ -41,16 +40,9 @@ protected:
     IndexBuffer* NewIndexBuffer() override { return new NullIndexBuffer(); }
 };
 
-class KOVEX_API NullVertexBuffer : public VertexBuffer
+class KOVEX_API NullVertexBuffer : public TNullResource<VertexBuffer>
 {
     KOVEX_CLASS(NullVertexBuffer)
-public:
-    bool CreateDeviceHandle() override { return true; }
-    void ReleaseDeviceHandle() override {}
-
-protected:
-    bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
-    void DeviceUnmap(uint32) override {}
 };
 
 class KOVEX_API NullVertexBufferFactory : public VertexBufferFactory

@@ -45,6 +45,18 @@ public:
             delete this;
     }
     int32 GetRefCount() const { return m_refCount.load(std::memory_order_relaxed); }
+    // Drops a reference unless it is the last one: true when dropped, false
+    // (count untouched) when the caller holds the only reference. Lets an
+    // owner decide what the last release does (graphics objects hand
+    // themselves to their factory) without a race between two releasers.
+    bool ReleaseUnlessLast() const
+    {
+        int32 count = m_refCount.load(std::memory_order_relaxed);
+        while (count > 1)
+            if (m_refCount.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel))
+                return true;
+        return false;
+    }
     // Takes a reference only while another still exists: how a weak table
     // (a cache of raw pointers) hands out an object that may be dying.
     bool TryAddRef() const

@@ -18,6 +18,9 @@
 
 #include "io/StreamManager.h"
 #include "commands/CommandThread.h"
+#include "graphics/GraphicsThread.h"
+#include "graphics/Renderer.h"
+#include "graphics/VertexDecl.h"
 #include "kernel/Log.h"
 #include "kernel/SharedString.h"
 #include "kernel/StringConv.h"
@@ -209,9 +212,12 @@ void Kovex_Renderer_Terminate()
     if (!s_rendererInited)
         return;
     // delete SinglePassLightingFWBuilder (if left), PrimitiveRDIUtility;
-    // PGResources::Destroy(); delete ProgramManager, VertexDeclManager;
-    // TStaticRenderState::Destroy(); delete ProgramCachedLibrary;
-    // Renderer::Destroy();
+    // PGResources::Destroy(); delete ProgramManager;
+    VertexDeclManager::Destroy();
+    // TStaticRenderState::Destroy() is the state factories' OnExit, run by
+    // Renderer::Destroy; delete ProgramCachedLibrary;
+    Renderer::Destroy();
+    GraphicsThread::Destroy();
     s_rendererInited = false;
 }
 
@@ -249,7 +255,8 @@ void Kovex_Main_Terminate()
 {
     if (!s_mainInited)
         return;
-    // 1. g_ptrRenderer->Cleanup()
+    if (g_ptrRenderer)
+        g_ptrRenderer->Cleanup();
     // 2. ScriptEnvironment::Destroy()
     // 3. delete the SinglePassLightingFWBuilder singleton
     // The resource thread stops first: a load it has under way finishes and
@@ -341,23 +348,39 @@ bool Kovex_Main_LoadRequiredData(const char16_t* rootPath)
 
 // --- Frame bracket ----------------------------------------------------------------------
 
+void Kovex_InitRenderer(const GraphicsParameters& parameters)
+{
+    if (!g_ptrRenderer)
+        return;
+    g_ptrRenderer->Init(parameters);
+    if (GraphicsThread::Exists() && GraphicsThread::Ins()->IsStarted())
+    {
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+    }
+}
+
 void Kovex_FrameBegin()
 {
-    // 1. GraphicsThread::Ins()
-    // 2. M_Precache on each of g_ptrRenderer's graphics factories
+    GraphicsThread* graphics = GraphicsThread::Ins();
+    if (g_ptrRenderer)
+        g_ptrRenderer->M_Precache();
     g_kovexTimer.Update();
-    // 4. GraphicsThread::BeginRender: count a frame to render if started;
-    //    ProcessATCommandList; ProcessMTCommandList inline if not started.
+    // Hands the frame to the graphics thread if started, else runs its
+    // device commands here; either way its finished commands run here.
+    graphics->BeginRender();
     g_GraphicsCommandCounter = 0;
     if (ResourceThread::Exists())
         ResourceThread::Ins()->ProcessATCommandList();
-    // 6. g_ptrRenderer->Tick(delta, elapsed)
+    if (g_ptrRenderer)
+        g_ptrRenderer->Tick(g_kovexTimer.GetDeltaTime32(), g_kovexTimer.GetElapsedTime());
 }
 
 void Kovex_FrameEnd()
 {
-    // GraphicsThread::Ins(): when started, wait for its rendered frame and
-    // take it off the count.
+    // A full join: the graphics thread has rendered the frame.
+    if (GraphicsThread::Exists())
+        GraphicsThread::Ins()->EndRender();
     ++g_FrameIndex;
 }
 

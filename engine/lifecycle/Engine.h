@@ -4,6 +4,8 @@
 
 namespace KovexEngine {
 
+struct GraphicsParameters;
+
 // --- Lifecycle ---------------------------------------------------------------------
 // The application's order: Kovex_Main_Initialize (which brings up the System
 // and Renderer layers), Kovex_Main_LoadRequiredData, the renderer, frames
@@ -41,6 +43,11 @@ KOVEX_API bool Kovex_SetRootPath(const char16_t* path);
 KOVEX_API void Kovex_GetSelfFileName(WString& out);
 KOVEX_API bool Kovex_Main_LoadRequiredData(const char16_t* rootPath);
 
+// Opens the device of g_ptrRenderer (made by Renderer::SetupPlatform or
+// SetupPlatformAuto); its result is the renderer's state and the log. With
+// the graphics thread started, one empty frame runs so that the device's
+// creations are done on return. Nothing happens without a renderer.
+KOVEX_API void Kovex_InitRenderer(const GraphicsParameters& parameters);
 KOVEX_API void Kovex_FrameBegin();
 KOVEX_API void Kovex_FrameEnd();
 

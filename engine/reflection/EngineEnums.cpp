@@ -68,4 +68,40 @@ KOVEX_IMPLEMENT_ENUM(TimeMode, KOVEX_ENUM_TABLE_TimeMode)
 KOVEX_IMPLEMENT_ENUM(TranslucentDepthMode, KOVEX_ENUM_TABLE_TranslucentDepthMode)
 KOVEX_IMPLEMENT_ENUM(TwoSideMode, KOVEX_ENUM_TABLE_TwoSideMode)
 
+WString D3DShaderProfile::ToD3DVerStr(int profile)
+{
+    switch (profile)
+    {
+    case SM_2_0:
+    case SM_2_X: return WString(u"9_2");
+    case SM_3_0: return WString(u"9_3");
+    case SM_4_0: return WString(u"10_0");
+    case SM_4_1: return WString(u"10_1");
+    case SM_5_0: return WString(u"11_0");
+    default: return WString();
+    }
+}
+
+unsigned GraphicsLayoutFormat::GetNumComponents(int format)
+{
+    switch (format)
+    {
+    case Float1: return 1;
+    case Float2:
+    case Half2:
+    case Short2:
+    case Short2N:
+    case UShort2N: return 2;
+    case Float3: return 3;
+    case Float4:
+    case Half4:
+    case UByte4:
+    case Short4:
+    case UByte4N:
+    case Short4N:
+    case UShort4N: return 4;
+    default: return 0;
+    }
+}
+
 } // namespace KovexEngine

@@ -64,7 +64,9 @@ KOVEX_DECLARE_ENUM(BlendMode, KOVEX_ENUM_TABLE_BlendMode)
     M(SM_4_0, 4000) \
     M(SM_4_1, 4500) \
     M(SM_5_0, 5000)
-KOVEX_DECLARE_ENUM(D3DShaderProfile, KOVEX_ENUM_TABLE_D3DShaderProfile)
+KOVEX_DECLARE_ENUM_EX(D3DShaderProfile, KOVEX_ENUM_TABLE_D3DShaderProfile,
+    /* The feature-level text of a profile ("9_3", "11_0"); empty for any other value. */
+    static ::KovexEngine::WString ToD3DVerStr(int profile);)
 
 #define KOVEX_ENUM_TABLE_EPlaneSide(M, D) \
     M(Front, 0) \
@@ -231,7 +233,9 @@ KOVEX_DECLARE_ENUM(GraphicsInputClass, KOVEX_ENUM_TABLE_GraphicsInputClass)
     M(Short4N, 11) \
     M(UShort2N, 12) \
     M(UShort4N, 13)
-KOVEX_DECLARE_ENUM(GraphicsLayoutFormat, KOVEX_ENUM_TABLE_GraphicsLayoutFormat)
+KOVEX_DECLARE_ENUM_EX(GraphicsLayoutFormat, KOVEX_ENUM_TABLE_GraphicsLayoutFormat,
+    /* Components of a vertex format; 0 for a value that is no member. */
+    static unsigned GetNumComponents(int format);)
 
 #define KOVEX_ENUM_TABLE_GraphicsResourceCpuAccess(M, D) \
     M(Write, 65536) \

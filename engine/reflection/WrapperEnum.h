@@ -22,7 +22,11 @@ struct EnumMember;
 #define KOVEX_ENUM_VALUE(name, value) name = value,
 #define KOVEX_ENUM_VALUE_DISPLAY(name, value, display) name = value,
 
-#define KOVEX_DECLARE_ENUM(X, TABLE)                                                               \
+#define KOVEX_DECLARE_ENUM(X, TABLE) KOVEX_DECLARE_ENUM_EX(X, TABLE, )
+
+// As KOVEX_DECLARE_ENUM, with EXTRA (member declarations) added to the struct:
+// the static operations a few wrappers carry besides their members.
+#define KOVEX_DECLARE_ENUM_EX(X, TABLE, EXTRA)                                                     \
     struct KOVEX_API X                                                                             \
     {                                                                                              \
         enum TYPE : int                                                                            \
@@ -88,6 +92,7 @@ struct EnumMember;
         static const ::KovexEngine::EnumMember* GetEnumMember(const ::KovexEngine::WString& name); \
         static const ::KovexEngine::EnumMember* GetEnumMemberByIndex(unsigned int index);          \
         static unsigned int GetNumEnumMembers();                                                   \
+        EXTRA                                                                                      \
     };
 
 #define KOVEX_ENUM_ADD(name, value) cls->AddMember(value, u"" #name);

@@ -3,7 +3,7 @@
 # Usage: layering.sh ENGINE_DIR
 set -u
 engine=${1:?engine directory}
-declare -A rank=([math]=0 [kernel]=0 [reflection]=1 [commands]=2 [io]=3 [serialization]=4 [resources]=5 [lifecycle]=6)
+declare -A rank=([math]=0 [kernel]=0 [reflection]=1 [commands]=2 [io]=3 [serialization]=4 [resources]=5 [graphics]=6 [lifecycle]=7)
 status=0
 for layer in "${!rank[@]}"; do
     [ -d "$engine/$layer" ] || continue

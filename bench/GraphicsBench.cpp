@@ -1,0 +1,268 @@
+// Graphics device core on the null renderer, each beside its baseline:
+// - a state object by descriptor (cache hit) beside building its key text;
+// - a command round trip main -> graphics thread -> main (posted, the frame
+//   handed over and joined, its second half run back on main) beside the
+//   same work through a std::mutex + std::condition_variable queue;
+// - the frame bracket with the graphics thread on the null renderer beside
+//   the same bracket without a renderer.
+
+#include <benchmark/benchmark.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <vector>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "graphics/GraphicsBuffer.h"
+#include "graphics/GraphicsThread.h"
+#include "graphics/Renderer.h"
+#include "kernel/EngineGlobals.h"
+#include "kernel/Log.h"
+#include "lifecycle/Engine.h"
+
+using namespace KovexEngine;
+
+namespace {
+
+// The engine with the null renderer, optionally with the graphics thread.
+struct Engine
+{
+    explicit Engine(bool renderer, bool thread)
+    {
+        g_IsNullRenderer = renderer;
+        Kovex_Main_Initialize();
+        Log::Clear(); // the per-frame timing line is masked off, as in a release run
+        if (renderer)
+        {
+            Renderer::SetupPlatformAuto();
+            if (thread)
+                GraphicsThread::Ins()->Start();
+            GraphicsParameters parameters;
+            parameters.Width = 640;
+            parameters.Height = 360;
+            Kovex_InitRenderer(parameters);
+        }
+    }
+    ~Engine()
+    {
+        Kovex_Main_Terminate();
+        Kovex_Renderer_Terminate();
+        Kovex_System_Terminate();
+        g_IsNullRenderer = false;
+    }
+};
+
+BlendStateDesc SomeBlend()
+{
+    BlendStateDesc desc;
+    desc.RenderTarget0.BlendEnable = true;
+    desc.RenderTarget0.SrcBlend = GraphicsBlend::SrcAlpha;
+    desc.RenderTarget0.DestBlend = GraphicsBlend::InvSrcAlpha;
+    return desc;
+}
+
+void BM_StateFactory_CacheHit(benchmark::State& state)
+{
+    Engine engine(true, false);
+    BlendStateDesc desc = SomeBlend();
+    BlendStateFactory* factory = BlendStateFactory::Get();
+    factory->Create(desc);
+    for (auto _ : state)
+    {
+        Ptr<BlendState> s = factory->Create(desc);
+        benchmark::DoNotOptimize(s.Get());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_StateFactory_CacheHit);
+
+void BM_StateDesc_BuildKeyText(benchmark::State& state)
+{
+    BlendStateDesc desc = SomeBlend();
+    AString text;
+    for (auto _ : state)
+    {
+        desc.Hash(text);
+        benchmark::DoNotOptimize(text());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_StateDesc_BuildKeyText);
+
+struct Echo : ThreadCommand2
+{
+    int value = 0;
+    void Process() override { ++value; }
+    bool AfterProcess() override
+    {
+        ++value;
+        return true;
+    }
+};
+
+void BM_GraphicsThread_RoundTrip(benchmark::State& state)
+{
+    Engine engine(true, true);
+    GraphicsThread* thread = GraphicsThread::Ins();
+    for (auto _ : state)
+    {
+        Ptr<Echo> echo(new Echo());
+        thread->MT_PostCommand(echo.Get());
+        thread->BeginRender();
+        thread->EndRender();
+        thread->ProcessATCommandList();
+        if (echo->value != 2)
+            state.SkipWithError("the command did not come back");
+    }
+}
+BENCHMARK(BM_GraphicsThread_RoundTrip)->UseRealTime();
+
+// The baseline: one job to a worker through a locked queue, woken by a
+// condition variable, and back to main through another.
+void BM_GraphicsBaseline_MutexCondvarRoundTrip(benchmark::State& state)
+{
+    std::mutex mutex;
+    std::condition_variable toWorker, toMain;
+    std::deque<int*> jobs, done;
+    bool stop = false;
+    std::thread worker([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;)
+        {
+            toWorker.wait(lock, [&] { return stop || !jobs.empty(); });
+            if (stop)
+                return;
+            int* job = jobs.front();
+            jobs.pop_front();
+            ++*job;
+            done.push_back(job);
+            toMain.notify_one();
+        }
+    });
+    for (auto _ : state)
+    {
+        int value = 0;
+        std::unique_lock<std::mutex> lock(mutex);
+        jobs.push_back(&value);
+        toWorker.notify_one();
+        toMain.wait(lock, [&] { return !done.empty(); });
+        ++*done.front();
+        done.pop_front();
+        if (value != 2)
+            state.SkipWithError("the job did not come back");
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        stop = true;
+    }
+    toWorker.notify_one();
+    worker.join();
+}
+BENCHMARK(BM_GraphicsBaseline_MutexCondvarRoundTrip)->UseRealTime();
+
+void BM_FrameBracket_NullRendererWithGraphicsThread(benchmark::State& state)
+{
+    Engine engine(true, true);
+    for (auto _ : state)
+    {
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+    }
+}
+BENCHMARK(BM_FrameBracket_NullRendererWithGraphicsThread)->UseRealTime();
+
+void BM_FrameBracket_NoRenderer(benchmark::State& state)
+{
+    Engine engine(false, false);
+    for (auto _ : state)
+    {
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+    }
+}
+BENCHMARK(BM_FrameBracket_NoRenderer)->UseRealTime();
+
+} // namespace
+
+namespace {
+
+class BenchBuffer : public GraphicsBuffer
+{
+public:
+    bool CreateDeviceHandle() override { return true; }
+    void ReleaseDeviceHandle() override {}
+
+protected:
+    bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
+    void DeviceUnmap(uint32) override {}
+};
+
+// Random allocate/recycle over one 128 KiB pool buffer with a tick every 64
+// operations, as frames would; beside the same sizes from malloc/free.
+void BM_BlockedBuffer_AllocateRecycle(benchmark::State& state)
+{
+    Ptr<GraphicsBuffer> buffer(new BenchBuffer());
+    buffer->SetByteWidth(131072);
+    Ptr<BlockedGraphicsBuffer> blocked = BlockedGraphicsBuffer::Create(buffer);
+    uint32 seed = 12345;
+    auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
+    std::vector<std::pair<uint32, uint32>> live;
+    uint64 count = 0;
+    for (auto _ : state)
+    {
+        if ((next() >> 8) % 2 == 0 || live.empty())
+        {
+            uint32 size = 16 + (next() >> 8) % 1024;
+            uint32 offset = blocked->M_Require(size);
+            if (offset != BlockedGraphicsBuffer::kNone)
+                live.emplace_back(offset, size);
+            else
+                blocked->Reset(), live.clear();
+            ++count;
+        }
+        else
+        {
+            size_t pick = (next() >> 8) % live.size();
+            blocked->M_Recycle(live[pick].first, live[pick].second);
+            live[pick] = live.back();
+            live.pop_back();
+        }
+        if ((count & 63) == 0)
+            blocked->M_Precache();
+    }
+    state.SetItemsProcessed(int64_t(count));
+    blocked = nullptr;
+    BlockedGraphicsBuffer::Destroy();
+}
+BENCHMARK(BM_BlockedBuffer_AllocateRecycle);
+
+void BM_Malloc_AllocateFree(benchmark::State& state)
+{
+    uint32 seed = 12345;
+    auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
+    std::vector<void*> live;
+    uint64 count = 0;
+    for (auto _ : state)
+    {
+        if ((next() >> 8) % 2 == 0 || live.empty())
+        {
+            live.push_back(std::malloc(16 + (next() >> 8) % 1024));
+            ++count;
+        }
+        else
+        {
+            size_t pick = (next() >> 8) % live.size();
+            std::free(live[pick]);
+            live[pick] = live.back();
+            live.pop_back();
+        }
+    }
+    for (void* p : live)
+        std::free(p);
+    state.SetItemsProcessed(int64_t(count));
+}
+BENCHMARK(BM_Malloc_AllocateFree);
+
+} // namespace

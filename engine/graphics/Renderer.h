@@ -1,0 +1,303 @@
+#pragma once
+
+// The one abstraction of a graphics device: a singleton (g_ptrRenderer) with
+// a subclass per platform, owning the device-independent frame state and the
+// thirteen graphics factories.
+//
+// The backend boundary is KOVEX_RENDERER_DEVICE_OPS: every operation a
+// platform implements is declared there once, and that list generates the
+// abstract interface here and the empty bodies of the null device. A new
+// backend (engine/graphics/vulkan/) implements the list and adds itself to
+// SetupPlatform's table in its own file; nothing above it changes.
+//
+// Threads: the renderer belongs to the main thread (and, for device work, to
+// the graphics side of GraphicsThread). The factories it owns are safe to
+// call from any thread as their headers say. Register/Unregister of the
+// device delegates belong to the main thread.
+
+#include <functional>
+
+#include "graphics/HWCapability.h"
+#include "graphics/RenderStates.h"
+#include "graphics/Texture.h"
+#include "reflection/Delegate.h"
+
+namespace KovexEngine {
+
+class Renderer;
+class GraphicsWindowFactory;
+
+KOVEX_API extern Ptr<Renderer> g_ptrRenderer;
+
+struct KOVEX_API GraphicsParameters
+{
+    uint64 WindowHandle = 0;
+    bool FullScreen = false;
+    bool VSync = false;
+    uint32 Width = 0;
+    uint32 Height = 0;
+    GraphicsFormat BackBufferFormat = GraphicsFormat::UNKNOWN; // the renderer's default
+    GraphicsFormat DepthStencilFormat = GraphicsFormat::D24_UNORM_S8_UINT;
+    uint32 Extra0 = 0; // a backend's own: multi-sample count
+    uint32 Extra1 = 1; // and quality
+};
+
+// X(result, name, (parameters), what the null device answers)
+#define KOVEX_RENDERER_DEVICE_OPS(X)                                                                                  \
+    X(bool, OnCreateDevice, (const GraphicsParameters& parameters), NullCreateDevice(parameters))                     \
+    X(bool, OnResetDevice, (const GraphicsParameters& parameters), true)                                              \
+    X(void, Clear, (GraphicsClearMode mode, const Vector4& color, float depth, uint32 stencil), void())               \
+    X(void, ClearSingle, (Texture * texture, const Vector4& color), void())                                           \
+    X(void, ClearUAV, (GraphicsResource * resource, uint32 index, uint32 value), void())                              \
+    X(void, Present, (), void())                                                                                      \
+    X(void, ApplyViewport, (const Viewport& viewport), void())                                                        \
+    X(void, ApplyRTGroup, (const RenderTargetGroup& group), void())                                                   \
+    X(void, ApplyBlendState, (BlendState * state, BlendState * previous), void())                                     \
+    X(void, ApplyRasterizerState, (RasterizerState * state, RasterizerState * previous), void())                      \
+    X(void, ApplyDepthStencilState, (DepthStencilState * state, DepthStencilState * previous), void())                \
+    X(void, ClearTextures, (), void())                                                                                \
+    X(bool, CheckTextureFormat,                                                                                       \
+      (GraphicsFormat format, TextureDimension dimension, uint32 view, GraphicsResourceUsage usage, uint32 cpu),      \
+      !GraphicsFormat::IsCompressed(format) && format != GraphicsFormat::UNKNOWN)                                     \
+    X(GraphicsFormatLayout, GetRenderTargetLayout, (GraphicsFormat format), GraphicsFormat::GetLayout(format))        \
+    X(Ptr<Texture>, CreateBackBuffer, (), NewNullBuffer(m_parameters.BackBufferFormat))                              \
+    X(Ptr<Texture>, CreateDepthBuffer, (), NewNullBuffer(m_parameters.DepthStencilFormat))                            \
+    X(GraphicsFactory*, CreateBlendStateFactory, (), new BlendStateFactory())                                         \
+    X(GraphicsFactory*, CreateSamplerStateFactory, (), new SamplerStateFactory())                                     \
+    X(GraphicsFactory*, CreateRasterizerStateFactory, (), new RasterizerStateFactory())                               \
+    X(GraphicsFactory*, CreateDepthStencilStateFactory, (), new DepthStencilStateFactory())                           \
+    X(GraphicsFactory*, CreateVertexBufferFactory, (), new NullVertexBufferFactory())         \
+    X(GraphicsFactory*, CreateIndexBufferFactory, (), new NullIndexBufferFactory())           \
+    X(GraphicsFactory*, CreateConstantBufferFactory, (), new GraphicsFactory(FactoryType::ConstantBufferFactory))     \
+    X(GraphicsFactory*, CreateRWBufferFactory, (), new GraphicsFactory(FactoryType::RWBufferFactory))                 \
+    X(GraphicsFactory*, CreateShaderFactory, (), new GraphicsFactory(FactoryType::ShaderFactory))                     \
+    X(GraphicsFactory*, CreateWindowFactory, (), NewNullWindowFactory())                                              \
+    X(GraphicsFactory*, CreateInputLayoutFactory, (), new GraphicsFactory(FactoryType::InputLayoutFactory))           \
+    X(GraphicsFactory*, CreateProgramCompiler, (), new GraphicsFactory(FactoryType::ProgramCompiler))                 \
+    X(GraphicsFactory*, CreateTextureFactory, (), new GraphicsFactory(FactoryType::TextureFactory))
+
+class KOVEX_API Renderer : public Object
+{
+    KOVEX_CLASS(Renderer)
+
+public:
+    Renderer();
+    ~Renderer() override;
+
+    static const Ptr<Renderer>& Get() { return g_ptrRenderer; }
+
+    // The null renderer when g_IsNullRenderer is set; otherwise the best
+    // platform this build has. False, with one log line, when there is none.
+    static bool SetupPlatformAuto();
+    static bool SetupPlatform(RendererPlatform platform);
+    // What this build and machine offer; false when nothing does.
+    static bool GetAvailablePlatforms(TArray<RendererPlatform>& out, RendererPlatform& preferred);
+    // The teardown, in order: device state, buffers, factories (all OnExit,
+    // then per factory OnExit, Cleanup, delete), delegates, g_ptrRenderer.
+    static void Destroy();
+
+    bool Init(const GraphicsParameters& parameters);
+    bool Reset(const GraphicsParameters& parameters);
+    void Tick(float delta, double total);
+    void M_Precache();
+
+    GraphicsFactory* GetGraphicsFactory(FactoryType type) const { return m_factories[unsigned(type)]; }
+    const GraphicsParameters& GetParamters() const { return m_parameters; }
+    const Ptr<HWCapability>& GetHWCapability() const { return m_capability; }
+    RendererPlatform GetPlatform() const { return m_platform; }
+    GPUVendor GetGPUVendor() const { return m_vendor; }
+    void SetGPUVendor(const char* description) { m_vendor = m_capability->DetectVendor(description); }
+    void SetDefaultFormat(GraphicsFormat backBuffer, GraphicsFormat depthStencil);
+    GraphicsFormat GetDefaultBackBufferFormat() const { return m_defaultBackBufferFormat; }
+    GraphicsFormat GetDefaultDepthStencilFormat() const { return m_defaultDepthStencilFormat; }
+    GraphicsFormatLayout GetDefaultBackBufferFormatLayout() const { return m_backBufferLayout; }
+    uint32 GetMaxAnisotropy() const { return m_maxAnisotropy; }
+    // Colour word conversions of the back buffer's layout (null before
+    // SetDefaultFormat with an RGBA or BGRA layout).
+    Vector4 (*GetDefaultDWORDtoCOLOR() const)(uint32) { return m_dwordToColor; }
+    uint32 (*GetDefaultCOLORtoDWORD() const)(const Vector4&) { return m_colorToDWORD; }
+    uint32 (*GetDefaultDWORDtoABGR() const)(uint32) { return m_dwordToABGR; }
+    uint32 (*GetDefaultABGRtoDWORD() const)(uint32) { return m_dwordToABGR; }
+    // Runs the texture's device creation now; on failure releases it and
+    // answers null.
+    Ptr<Texture> InitializeATexture(Texture* texture);
+    void SetMaxAnisotropy(uint32 value);
+    bool AllowCacheShaders() const;
+    static const char* GetShaderFuncName(ShaderType type);
+    virtual GraphicsFormat GetCompatibleTextureFormat(GraphicsFormat format);
+
+    // Viewport and targets.
+    void SetViewport(const Viewport& viewport);
+    void SetViewport(uint32 width, uint32 height);
+    void SetViewport(uint32 x, uint32 y, uint32 width, uint32 height);
+    // The size of render target 0 of the current group, depth 0 to 1.
+    void SetViewportByRT0();
+    const Viewport& GetViewport() const { return m_currentViewport; }
+    void SetRTGroup(const RenderTargetGroup& group);
+    void SetRenderTarget(const Ptr<Texture>& texture, uint32 slot, uint32 arrayIndex);
+    void SetDepthBuffer(const Ptr<Texture>& texture, uint32 arrayIndex);
+    const Ptr<Texture>& GetRenderTarget(uint32 slot) const;
+    uint32 GetRenderTargetArrayIndex(uint32 slot) const;
+    const Ptr<Texture>& GetDepthBuffer() const { return m_currentGroup.DepthBuffer; }
+    uint32 GetDepthBufferArrayIndex() const { return m_currentGroup.DepthArrayIndex; }
+    // Index of the first empty slot among NumSimultaneousRTs; 0 when all
+    // are filled, as it always has answered.
+    uint32 GetNumActivedRenderTargets() const;
+    const RenderTargetGroup& GetCurrentRTGroup() const { return m_currentGroup; }
+
+    // States: a null pointer does nothing; a change reaches the device.
+    void CommitState(BlendState* state);
+    void CommitState(RasterizerState* state);
+    void CommitState(DepthStencilState* state);
+    const Ptr<BlendState>& GetDefaultBlendState() const { return m_defaultBlend; }
+    const Ptr<SamplerState>& GetDefaultSamplerState() const { return m_defaultSampler; }
+    const Ptr<RasterizerState>& GetDefaultRasterizerState() const { return m_defaultRasterizer; }
+    const Ptr<DepthStencilState>& GetDefaultDepthStencilState() const { return m_defaultDepthStencil; }
+    const Ptr<BlendState>& GetCurBlendState() const { return m_curBlend; }
+    const Ptr<RasterizerState>& GetCurRasterizerState() const { return m_curRasterizer; }
+    const Ptr<DepthStencilState>& GetCurDepthStencilState() const { return m_curDepthStencil; }
+    uint32 GetCurStencilRef() const { return m_curStencilRef; }
+
+    // Device-lost and device-reset callbacks: false for a second delegate of
+    // the same object / an absent one.
+    using DeviceDelegate = std::function<void()>;
+    bool RegisterDeviceLostDelegate(const void* owner, DeviceDelegate callback);
+    bool RegisterDeviceResetDelegate(const void* owner, DeviceDelegate callback);
+    bool UnregisterDeviceLostDelegate(const void* owner);
+    bool UnregisterDeviceResetDelegate(const void* owner);
+
+    // The time record the frame's constants read.
+    struct TimeRecord
+    {
+        float Delta = 0.0f;
+        float Total = 0.0f;
+        float Fraction = 0.0f;
+    };
+    const TimeRecord& GetTime() const { return m_time; }
+
+    // Frame hooks with base behaviour.
+    virtual void Cleanup();
+    virtual void BeginFrame();
+    virtual void EndFrame() { CleanupFrameState(); }
+    virtual void CleanupFrameState();
+    virtual bool IsViewportFliped() const { return false; }
+    virtual void BeginPerfEvent(uint32, const char16_t*) {}
+    virtual void EndPerfEvent() {}
+    virtual void EnablePerf(bool) {}
+    virtual void SetMarker(uint32, const char16_t*) {}
+
+#define KOVEX_DEVICE_OP_PURE(result, name, params, nullResult) virtual result name params = 0;
+    KOVEX_RENDERER_DEVICE_OPS(KOVEX_DEVICE_OP_PURE)
+#undef KOVEX_DEVICE_OP_PURE
+
+protected:
+    virtual void OnDestroying();
+    virtual void OnDestroyed();
+    void SetPlatform(RendererPlatform platform) { m_platform = platform; }
+
+    GraphicsParameters m_parameters;
+
+private:
+    bool CreateFactories();
+    void DestroyFactories();
+    bool CreateBuffers();
+    void ReleaseBuffers();
+    void SetDefaultViewport();
+    void InitDefaultRenderStates();
+    void ApplyFormatDefaults(GraphicsParameters& copy, bool depthToo);
+    struct DeviceDelegateEntry
+    {
+        const void* owner;
+        DeviceDelegate callback;
+    };
+    static bool AddDelegate(TArray<DeviceDelegateEntry>& list, const void* owner, DeviceDelegate callback);
+    static bool RemoveDelegate(TArray<DeviceDelegateEntry>& list, const void* owner);
+
+    uint32 m_maxAnisotropy = 16;
+    Ptr<HWCapability> m_capability;
+    GraphicsFormat m_defaultBackBufferFormat = GraphicsFormat::UNKNOWN;
+    GraphicsFormat m_defaultDepthStencilFormat = GraphicsFormat::UNKNOWN;
+    GraphicsFormatLayout m_backBufferLayout = GraphicsFormatLayout::UNSUPPORTED;
+    uint32 (*m_colorToDWORD)(const Vector4&) = nullptr;
+    Vector4 (*m_dwordToColor)(uint32) = nullptr;
+    uint32 (*m_dwordToABGR)(uint32) = nullptr;
+    Viewport m_currentViewport;
+    Viewport m_defaultViewport;
+    RenderTargetGroup m_defaultGroup;
+    RenderTargetGroup m_currentGroup;
+    Ptr<Texture> m_backBuffer;
+    Ptr<Texture> m_depthBuffer;
+    Ptr<BlendState> m_defaultBlend;
+    Ptr<SamplerState> m_defaultSampler;
+    Ptr<RasterizerState> m_defaultRasterizer;
+    Ptr<DepthStencilState> m_defaultDepthStencil;
+    Ptr<BlendState> m_curBlend;
+    Ptr<RasterizerState> m_curRasterizer;
+    Ptr<DepthStencilState> m_curDepthStencil;
+    uint32 m_curStencilRef = 0;
+    TimeRecord m_time;
+    GraphicsFactory* m_factories[unsigned(FactoryType::COUNT)] = {};
+    TArray<DeviceDelegateEntry> m_deviceLost;
+    TArray<DeviceDelegateEntry> m_deviceReset;
+    GPUVendor m_vendor = GPUVendor::Unknown;
+    RendererPlatform m_platform = RendererPlatform::D3D11;
+};
+
+// A second swap chain: its own parameters and render-target group.
+class KOVEX_API GraphicsWindow : public GraphicsObject
+{
+    KOVEX_CLASS(GraphicsWindow)
+
+public:
+    const GraphicsParameters& GetParameters() const { return m_parameters; }
+    void SetParameters(const GraphicsParameters& parameters) { m_parameters = parameters; }
+    const RenderTargetGroup& GetGroup() const { return m_group; }
+
+    // Swap chain, then back and depth buffer into the window's group.
+    bool CreateDeviceHandle() override;
+    void ReleaseDeviceHandle() override;
+    // Applies the window's group and a viewport of its size.
+    virtual void BeginWindow();
+    virtual void EndWindow();
+    bool Reset(const GraphicsParameters& parameters);
+
+protected:
+    virtual bool OnCreateSwapChain() { return true; }
+    virtual bool OnResetSwapChain() { return true; }
+    virtual Ptr<Texture> OnCreateBackBuffer() = 0;
+    virtual Ptr<Texture> OnCreateDepthBuffer() = 0;
+
+private:
+    bool CreateBuffers();
+    void ReleaseBuffers();
+    GraphicsParameters m_parameters;
+    RenderTargetGroup m_group;
+};
+
+class KOVEX_API GraphicsWindowFactory : public GraphicsFactory
+{
+public:
+    GraphicsWindowFactory() : GraphicsFactory(FactoryType::WindowFactory) {}
+    static GraphicsWindowFactory* Get()
+    {
+        return static_cast<GraphicsWindowFactory*>(GetSlot(FactoryType::WindowFactory));
+    }
+    Ptr<GraphicsWindow> Create(const GraphicsParameters& parameters);
+
+protected:
+    virtual GraphicsWindow* NewWindow() = 0;
+};
+
+// How a backend joins SetupPlatform: one registration in its own source
+// file, made before main. The highest priority that is available wins in
+// SetupPlatformAuto.
+struct RendererBackend
+{
+    RendererPlatform platform;
+    int priority;
+    bool (*isAvailable)();
+    Renderer* (*make)();
+};
+KOVEX_API bool RegisterRendererBackend(const RendererBackend& backend);
+
+} // namespace KovexEngine

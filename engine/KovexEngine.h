@@ -63,3 +63,7 @@
 #include "graphics/HWCapability.h"
 #include "graphics/StateDesc.h"
 #include "graphics/VertexElement.h"
+#include "graphics/TextureDesc.h"
+#include "images/Image.h"
+#include "images/ImageConverter.h"
+#include "images/PixelFormatConverter.h"

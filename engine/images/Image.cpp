@@ -61,27 +61,42 @@ uint32 MipWorkFormat(uint32 f)
 // One level from the level above: each texel the mean of a 2x2 block, the
 // block clamped to the source where that is a single row or column.
 template <typename Channel, typename Sum>
+inline Channel Mean4(Channel a, Channel b, Channel c, Channel d)
+{
+    Sum sum = Sum(a) + Sum(b) + Sum(c) + Sum(d);
+    if constexpr (std::is_floating_point_v<Sum>)
+        return Channel(sum * Sum(0.25));
+    else
+        return Channel(sum / 4);
+}
+
+template <typename Channel, typename Sum>
 void BoxFilter(uint8* target, uint32 targetPitch, uint32 tw, uint32 th, const uint8* source, uint32 sourcePitch,
                uint32 sw, uint32 sh)
 {
+    // Texels whose 2x2 block lies inside the source take the straight loop;
+    // only a last odd-sized column clamps.
+    const uint32 inside = sw / 2 < tw ? sw / 2 : tw;
     for (uint32 y = 0; y < th; ++y)
     {
         const Channel* r0 = reinterpret_cast<const Channel*>(source + size_t(sourcePitch) * (2 * y < sh ? 2 * y : sh - 1));
         const Channel* r1 =
             reinterpret_cast<const Channel*>(source + size_t(sourcePitch) * (2 * y + 1 < sh ? 2 * y + 1 : sh - 1));
-        Channel* out = reinterpret_cast<Channel*>(target + size_t(targetPitch) * y);
-        for (uint32 x = 0; x < tw; ++x)
-        {
-            uint32 x0 = 2 * x < sw ? 2 * x : sw - 1;
-            uint32 x1 = 2 * x + 1 < sw ? 2 * x + 1 : sw - 1;
-            for (uint32 c = 0; c < 4; ++c)
+        Channel* __restrict out = reinterpret_cast<Channel*>(target + size_t(targetPitch) * y);
+        // size_t indices: 32-bit ones may wrap, which keeps the loop from vectorising.
+        for (size_t x = 0; x < inside; ++x)
+            for (size_t c = 0; c < 4; ++c)
             {
-                Sum sum = Sum(r0[x0 * 4 + c]) + Sum(r0[x1 * 4 + c]) + Sum(r1[x0 * 4 + c]) + Sum(r1[x1 * 4 + c]);
-                if constexpr (std::is_floating_point_v<Sum>)
-                    out[x * 4 + c] = Channel(sum * Sum(0.25));
-                else
-                    out[x * 4 + c] = Channel(sum / 4);
+                const Channel* a = r0 + x * 8 + c;
+                const Channel* b = r1 + x * 8 + c;
+                out[x * 4 + c] = Mean4<Channel, Sum>(a[0], a[4], b[0], b[4]);
             }
+        for (uint32 x = inside; x < tw; ++x)
+        {
+            const uint32 x0 = 2 * x < sw ? 2 * x : sw - 1;
+            const uint32 x1 = 2 * x + 1 < sw ? 2 * x + 1 : sw - 1;
+            for (uint32 c = 0; c < 4; ++c)
+                out[x * 4 + c] = Mean4<Channel, Sum>(r0[x0 * 4 + c], r0[x1 * 4 + c], r1[x0 * 4 + c], r1[x1 * 4 + c]);
         }
     }
 }

@@ -66,4 +66,6 @@
 #include "graphics/TextureDesc.h"
 #include "images/Image.h"
 #include "images/ImageConverter.h"
+#include "images/ImageLoader.h"
+#include "images/ImageLoaderBMP.h"
 #include "images/PixelFormatConverter.h"

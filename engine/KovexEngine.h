@@ -68,4 +68,5 @@
 #include "images/ImageConverter.h"
 #include "images/ImageLoader.h"
 #include "images/ImageLoaderBMP.h"
+#include "images/ImageLoaderTGA.h"
 #include "images/PixelFormatConverter.h"

@@ -68,5 +68,6 @@
 #include "images/ImageConverter.h"
 #include "images/ImageLoader.h"
 #include "images/ImageLoaderBMP.h"
+#include "images/ImageLoaderDDS.h"
 #include "images/ImageLoaderTGA.h"
 #include "images/PixelFormatConverter.h"

@@ -9,7 +9,7 @@
 #include "graphics/GraphicsFormat.h"
 #include "images/ImageLoaderBMP.h"
 #include "io/MemoryStream.h"
-#include "serialization/SerializerTestSupport.h"
+#include "images/LoaderTestSupport.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -48,17 +48,7 @@ Bytes Palette(const std::vector<uint32>& entries)
     return b;
 }
 
-Ptr<ImageLoader> Loaded(const Bytes& file, bool& ok)
-{
-    Ptr<Stream> stream = KovexTest::ReadStream(file);
-    Ptr<ImageLoader> loader = ImageLoader::CreateLoader(stream.Get());
-    ok = false;
-    if (!loader)
-        return nullptr;
-    loader->SetStream(stream);
-    ok = loader->Load();
-    return loader;
-}
+Ptr<ImageLoader> Loaded(const Bytes& file, bool& ok) { return KovexTest::LoadImageFile(file, ok); }
 
 uint16 As565(uint32 bgra)
 {

@@ -7,7 +7,7 @@
 
 #include "graphics/GraphicsFormat.h"
 #include "images/ImageLoaderDDS.h"
-#include "serialization/SerializerTestSupport.h"
+#include "images/LoaderTestSupport.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -59,17 +59,7 @@ Bytes Counting(size_t n)
     return b;
 }
 
-Ptr<ImageLoader> Load(const Bytes& file, bool& ok)
-{
-    Ptr<Stream> stream = KovexTest::ReadStream(file);
-    Ptr<ImageLoader> loader = ImageLoader::CreateLoader(stream.Get());
-    ok = false;
-    if (!loader)
-        return nullptr;
-    loader->SetStream(stream);
-    ok = loader->Load();
-    return loader;
-}
+Ptr<ImageLoader> Load(const Bytes& file, bool& ok) { return KovexTest::LoadImageFile(file, ok); }
 
 } // namespace
 

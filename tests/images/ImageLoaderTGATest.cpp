@@ -7,7 +7,7 @@
 
 #include "graphics/GraphicsFormat.h"
 #include "images/ImageLoaderTGA.h"
-#include "serialization/SerializerTestSupport.h"
+#include "images/LoaderTestSupport.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -37,17 +37,7 @@ Bytes Tga(uint32 type, uint32 width, uint32 height, uint32 bits, uint32 descript
     return h + body + (footer ? kFooter : Bytes());
 }
 
-Ptr<ImageLoader> Load(const Bytes& file, bool& ok)
-{
-    Ptr<Stream> stream = KovexTest::ReadStream(file);
-    Ptr<ImageLoader> loader = ImageLoader::CreateLoader(stream.Get());
-    ok = false;
-    if (!loader)
-        return nullptr;
-    loader->SetStream(stream);
-    ok = loader->Load();
-    return loader;
-}
+Ptr<ImageLoader> Load(const Bytes& file, bool& ok) { return KovexTest::LoadImageFile(file, ok); }
 
 } // namespace
 

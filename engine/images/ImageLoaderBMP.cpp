@@ -214,4 +214,81 @@ bool ImageLoaderBMP::InternalLoad()
     return true;
 }
 
+bool ImageLoaderBMP::StaticSave(const Image* image, Stream* stream, uint32 arrayIndex, uint32 mip, uint32 slice)
+{
+    if (!image || !stream)
+        return false;
+    const TextureDesc& desc = image->GetDesc();
+    const uint8* pixels = image->GetData(arrayIndex, mip, slice);
+    if (!pixels || slice >= desc.GetMipDepth(mip))
+        return false;
+    // The masks each 16-bit format is written with, as the engine always has.
+    struct Masks
+    {
+        uint32 format, r, g, b, a;
+    };
+    static const Masks kMasks[] = {
+        {GraphicsFormat::B5G6R5_UNORM, 31744, 2016, 31, 0},
+        {GraphicsFormat::B5G5R5A1_UNORM, 63488, 992, 31, 32768},
+        {GraphicsFormat::B5G5R5X1_UNORM, 63488, 992, 31, 0},
+        {GraphicsFormat::B4G4R4A4_UNORM, 3840, 240, 15, 61440},
+        {GraphicsFormat::B4G4R4X4_UNORM, 3840, 240, 15, 0},
+    };
+    const Masks* masks = nullptr;
+    uint32 bits = 0;
+    if (desc.Format == GraphicsFormat::B8G8R8A8_UNORM)
+        bits = 32;
+    else if (desc.Format == GraphicsFormat::B8G8R8_UNORM)
+        bits = 24;
+    else
+        for (const Masks& m : kMasks)
+            if (m.format == desc.Format)
+            {
+                masks = &m;
+                bits = 16;
+            }
+    if (bits == 0)
+        return false;
+    const uint32 width = desc.GetMipWidth(mip), height = desc.GetMipHeight(mip);
+    const uint32 rowBytes = width * (bits / 8), stride = (rowBytes + 3) & ~3u;
+    const uint32 offset = masks ? 70 : 54;
+    const uint64 fileSize = uint64(offset) + uint64(stride) * height;
+    if (fileSize > 0x7FFFFFFFu)
+        return false;
+    std::vector<uint8> file(size_t(fileSize), 0);
+    auto put16 = [&](size_t at, uint32 v) { file[at] = uint8(v); file[at + 1] = uint8(v >> 8); };
+    auto put32 = [&](size_t at, uint32 v) { put16(at, v); put16(at + 2, v >> 16); };
+    file[0] = 'B';
+    file[1] = 'M';
+    put32(2, uint32(fileSize));
+    put32(10, offset);
+    put32(14, 40);
+    put32(18, width);
+    put32(22, height);
+    put16(26, 1);
+    put16(28, bits);
+    put32(30, masks ? 3 : 0);
+    put32(34, stride * height);
+    if (masks)
+    {
+        put32(54, masks->r);
+        put32(58, masks->g);
+        put32(62, masks->b);
+        put32(66, masks->a);
+    }
+    for (uint32 y = 0; y < height; ++y)
+        std::memcpy(file.data() + offset + size_t(stride) * (height - 1 - y), pixels + size_t(rowBytes) * y, rowBytes);
+    const bool opened = !stream->IsOpenned();
+    if (opened)
+    {
+        stream->SetWriteable(true);
+        if (!stream->Open())
+            return false;
+    }
+    const bool ok = stream->Write(file.data(), int(file.size()));
+    if (opened)
+        stream->Close();
+    return ok;
+}
+
 } // namespace KovexEngine

@@ -15,6 +15,10 @@ public:
     int GetFileFormat() const override { return BMP; }
     static bool StaticCheckFormat(Stream* stream);
     static bool StaticCheckExtension(const AString& extension);
+    // Writes one subresource: B8G8R8A8_UNORM at 32 bits, B8G8R8_UNORM at 24,
+    // the 16-bit formats with their masks; rows bottom-up, padded to 4 bytes.
+    // A closed stream is opened for writing and closed again.
+    static bool StaticSave(const Image* image, Stream* stream, uint32 arrayIndex, uint32 mip, uint32 slice);
 
     // Largest width or height a bitmap may claim.
     static constexpr uint32 kMaxSide = 32768;

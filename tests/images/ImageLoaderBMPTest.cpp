@@ -9,6 +9,7 @@
 #include "graphics/GraphicsFormat.h"
 #include "images/ImageLoaderBMP.h"
 #include "io/MemoryStream.h"
+#include "serialization/Serializer.h"
 #include "images/LoaderTestSupport.h"
 #include "support/LogCapture.h"
 
@@ -212,4 +213,49 @@ TEST(ImageLoaderBMP, RegistryParseAndHostileFiles)
     Bytes badDepth = Bmp(4, 4, 7, 0, "", Bytes(64, '\0'));
     Loaded(badDepth, ok);
     EXPECT_FALSE(ok);
+}
+
+TEST(ImageLoaderBMP, SavedFilesReopen)
+{
+    for (uint32 format : {uint32(F::B8G8R8_UNORM), uint32(F::B8G8R8A8_UNORM), uint32(F::B4G4R4A4_UNORM)})
+    {
+        Ptr<Image> image(new Image());
+        TextureDesc desc;
+        desc.Width = 3; // rows need padding at 24 and 16 bits
+        desc.Height = 2;
+        desc.Format = format;
+        desc.Dimension = TextureDimension::_2D;
+        ASSERT_TRUE(image->Create(desc));
+        for (uint32 i = 0; i < image->GetDataSize(); ++i)
+            image->GetData()[i] = uint8(i * 11 + 3);
+        Bytes file;
+        auto* data = new DataStream();
+        Ptr<Stream> out(new MemoryStream(data, false));
+        out->SetWriteable(true);
+        ASSERT_TRUE(out->Open());
+        ASSERT_TRUE(ImageLoaderBMP::StaticSave(image.Get(), out.Get(), 0, 0, 0)) << format;
+        file.assign(reinterpret_cast<const char*>(data->GetPointer()), data->GetLength());
+        out = nullptr;
+        delete data;
+        EXPECT_EQ(file.size() % 4, 2u); // 54 or 70 bytes of header, then whole padded rows
+        bool ok = false;
+        Ptr<ImageLoader> loader = Loaded(file, ok);
+        ASSERT_TRUE(ok) << format;
+        EXPECT_EQ(loader->GetDesc().Format, format);
+        ASSERT_EQ(loader->GetImage()->GetDataSize(), image->GetDataSize());
+        EXPECT_EQ(0, std::memcmp(loader->GetImage()->GetData(), image->GetData(), image->GetDataSize())) << format;
+    }
+    // Formats outside the table, and a missing subresource, are refused.
+    Ptr<Image> rgba(new Image());
+    TextureDesc desc;
+    desc.Width = desc.Height = 2;
+    desc.Format = F::R8G8B8A8_UNORM;
+    rgba->Create(desc);
+    auto* data = new DataStream();
+    Ptr<Stream> out(new MemoryStream(data, false));
+    EXPECT_FALSE(ImageLoaderBMP::StaticSave(rgba.Get(), out.Get(), 0, 0, 0));
+    EXPECT_FALSE(ImageLoaderBMP::StaticSave(rgba.Get(), out.Get(), 0, 1, 0));
+    EXPECT_FALSE(ImageLoaderBMP::StaticSave(nullptr, out.Get(), 0, 0, 0));
+    out = nullptr;
+    delete data;
 }

@@ -216,4 +216,91 @@ bool ImageLoaderDDS::InternalLoad()
     return true;
 }
 
+bool ImageLoaderDDS::SetTargetFormat(DDS_PIXELFORMAT& pf, uint32 format)
+{
+    std::memset(&pf, 0, sizeof(pf));
+    pf.dwSize = 32;
+    if (format == F::A8_UNORM)
+    {
+        pf.dwFlags = kAlpha;
+        pf.dwRGBBitCount = 8;
+        pf.dwABitMask = 0xFF;
+        return true;
+    }
+    if (format == F::ETC_RGB) // written as the engine always has, though not read back
+    {
+        pf.dwFlags = kFourCC;
+        pf.dwFourCC = Code("ETCI");
+        return true;
+    }
+    for (const FormatRow& row : kRows)
+        if (row.format == format)
+        {
+            pf.dwFlags = row.flags == kRGB && row.a ? kRGB | 1 : row.flags;
+            pf.dwFourCC = row.fourCC;
+            pf.dwRGBBitCount = row.bits;
+            pf.dwRBitMask = row.r;
+            pf.dwGBitMask = row.g;
+            pf.dwBBitMask = row.b;
+            pf.dwABitMask = row.a;
+            return true;
+        }
+    return false;
+}
+
+bool ImageLoaderDDS::StaticSave(const Image* image, Stream* stream, uint32 flags)
+{
+    if (!image || !stream || !image->GetData())
+        return false;
+    const TextureDesc& desc = image->GetDesc();
+    DDS_HEADER h = {};
+    h.dwSize = 124;
+    h.dwWidth = desc.Width;
+    h.dwHeight = desc.Height;
+    h.dwDepth = desc.Depth;
+    h.dwMipMapCount = (flags & 1) ? 1 : desc.MipLevels;
+    h.dwFlags = 4103;
+    h.dwCaps = 4096;
+    h.dwReserved2 = flags;
+    if (!(flags & 1) && desc.MipLevels > 1)
+    {
+        h.dwFlags = 135175;
+        h.dwCaps = 0x401008;
+    }
+    if (desc.Dimension == TextureDimension::_3D)
+    {
+        h.dwFlags += 0x800000;
+        h.dwCaps2 += 0x200000;
+    }
+    else if (desc.Dimension == TextureDimension::Cube)
+    {
+        h.dwCaps += 8;
+        h.dwCaps2 += 0xFE00;
+    }
+    uint32 rowBytes = 0, rows = 0;
+    desc.GetRowPitch(rowBytes, rows, 0, desc.Format);
+    h.dwPitchOrLinearSize = Image::IsBlockCompressed(desc.Format) ? rowBytes * rows * desc.Depth : rowBytes;
+    if (!SetTargetFormat(h.ddspf, desc.Format))
+        return false;
+    const bool opened = !stream->IsOpenned();
+    if (opened)
+    {
+        stream->SetWriteable(true);
+        if (!stream->Open())
+            return false;
+    }
+    bool ok = stream->Write("DDS ", 4) && stream->Write(&h, int(sizeof(h)));
+    if (flags & 1)
+    {
+        const uint64 level = desc.GetSlicePitch(0, desc.Format) * desc.Depth;
+        for (uint32 a = 0; ok && a < desc.ArraySize; ++a)
+            ok = stream->Write(image->GetData(a, 0, 0), int(level));
+    }
+    else
+        ok = ok && stream->Write(image->GetData(), int(image->GetDataSize()));
+    if (opened)
+        stream->Close();
+    return ok;
+}
+
 } // namespace KovexEngine

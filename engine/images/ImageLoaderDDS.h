@@ -49,6 +49,12 @@ public:
     static bool StaticCheckExtension(const AString& extension);
     // The engine format of a DDS pixel format; 0 when there is none.
     static uint32 GetTargetFormat(const DDS_PIXELFORMAT& pixelFormat);
+    // The inverse, for saving; false for a format without a row.
+    static bool SetTargetFormat(DDS_PIXELFORMAT& pixelFormat, uint32 format);
+    // Bit 0 of `flags`: level 0 of each array slice only. The flags are kept
+    // in the header's last reserved word. A closed stream is opened for
+    // writing and closed again.
+    static bool StaticSave(const Image* image, Stream* stream, uint32 flags);
 
 protected:
     bool InternalParse() override;

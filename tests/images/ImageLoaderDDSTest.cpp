@@ -8,6 +8,7 @@
 #include "graphics/GraphicsFormat.h"
 #include "images/ImageLoaderDDS.h"
 #include "images/LoaderTestSupport.h"
+#include "io/MemoryStream.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -178,4 +179,75 @@ TEST(ImageLoaderDDS, HostileHeaders)
         loader->SetStream(stream);
         EXPECT_FALSE(loader->Load()) << cut;
     }
+}
+
+namespace {
+
+Bytes Saved(const Image& image, uint32 flags, bool& ok)
+{
+    auto* data = new DataStream();
+    Ptr<Stream> out(new MemoryStream(data, false));
+    out->SetWriteable(true);
+    out->Open();
+    ok = ImageLoaderDDS::StaticSave(&image, out.Get(), flags);
+    Bytes file(reinterpret_cast<const char*>(data->GetPointer()), data->GetLength());
+    out = nullptr;
+    delete data;
+    return file;
+}
+
+} // namespace
+
+TEST(ImageLoaderDDS, SavedFilesReopen)
+{
+    struct Case { uint32 format, w, h, mips, arraySize, dimension; };
+    const Case cases[] = {{F::BC1_UNORM, 8, 8, 4, 1, TextureDimension::_2D},
+                          {F::B8G8R8A8_UNORM, 4, 4, 3, 6, TextureDimension::Cube},
+                          {F::R8G8B8A8_UNORM, 5, 3, 2, 1, TextureDimension::_2D}};
+    for (const Case& c : cases)
+    {
+        Ptr<Image> image(new Image());
+        TextureDesc desc;
+        desc.Width = c.w;
+        desc.Height = c.h;
+        desc.MipLevels = c.mips;
+        desc.ArraySize = c.arraySize;
+        desc.Format = c.format;
+        desc.Dimension = c.dimension;
+        ASSERT_TRUE(image->Create(desc));
+        const Bytes pixels = Counting(image->GetDataSize());
+        std::memcpy(image->GetData(), pixels.data(), pixels.size());
+        bool ok = false;
+        const Bytes file = Saved(*image, 0, ok);
+        ASSERT_TRUE(ok) << c.format;
+        Ptr<ImageLoader> loader = Load(file, ok);
+        ASSERT_TRUE(ok) << c.format;
+        EXPECT_TRUE(loader->GetDesc() == desc) << c.format;
+        EXPECT_EQ(Bytes(reinterpret_cast<const char*>(loader->GetImage()->GetData()), loader->GetImage()->GetDataSize()),
+                  pixels);
+    }
+    // Level 0 alone: the reader computes the chain and fills it.
+    Ptr<Image> image(new Image());
+    TextureDesc desc;
+    desc.Width = desc.Height = 16;
+    desc.MipLevels = 5;
+    desc.Format = F::B8G8R8A8_UNORM;
+    desc.Dimension = TextureDimension::_2D;
+    image->Create(desc);
+    image->FillData(0x33);
+    bool ok = false;
+    const Bytes file = Saved(*image, 1, ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(file.size(), 128u + 16u * 16u * 4u);
+    Ptr<ImageLoader> loader = Load(file, ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(loader->GetDesc().MipLevels, 3u); // 16, 8, 4
+    EXPECT_EQ(loader->GetImage()->GetData(0, 2, 0)[0], 0x33);
+    // A format without a row is refused.
+    TextureDesc ints = desc;
+    ints.Format = F::R8G8B8A8_UINT;
+    ints.MipLevels = 1;
+    image->Create(ints);
+    Saved(*image, 0, ok);
+    EXPECT_FALSE(ok);
 }

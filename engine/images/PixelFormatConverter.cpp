@@ -135,19 +135,77 @@ struct PackedCodec
     }
 };
 
+// IEEE half floats by hand: not every compiler has a 16-bit float type.
+inline float HalfToFloat(uint16 h)
+{
+    const uint32 sign = uint32(h & 0x8000u) << 16;
+    const uint32 exponent = (h >> 10) & 0x1Fu;
+    uint32 mantissa = h & 0x3FFu;
+    uint32 bits;
+    if (exponent == 0 && mantissa == 0)
+        bits = sign;
+    else if (exponent == 0) // subnormal: normalise
+    {
+        uint32 shifts = 0;
+        while (!(mantissa & 0x400u))
+        {
+            mantissa <<= 1;
+            ++shifts;
+        }
+        bits = sign | (113u - shifts) << 23 | (mantissa & 0x3FFu) << 13;
+    }
+    else if (exponent == 31)
+        bits = sign | 0x7F800000u | mantissa << 13;
+    else
+        bits = sign | (exponent + 112u) << 23 | mantissa << 13;
+    float f;
+    std::memcpy(&f, &bits, 4);
+    return f;
+}
+
+// Rounded to nearest, ties to even.
+inline uint16 FloatToHalf(float f)
+{
+    uint32 x;
+    std::memcpy(&x, &f, 4);
+    const uint32 sign = (x >> 16) & 0x8000u;
+    const uint32 magnitude = x & 0x7FFFFFFFu;
+    if (magnitude >= 0x7F800000u)
+        return uint16(sign | 0x7C00u | (magnitude > 0x7F800000u ? 0x200u : 0u));
+    if (magnitude >= 0x477FF000u) // 65520 and up round to infinity
+        return uint16(sign | 0x7C00u);
+    if (magnitude < 0x38800000u) // below the smallest normal half
+    {
+        if (magnitude < 0x33000000u)
+            return uint16(sign);
+        const uint32 mantissa = (magnitude & 0x7FFFFFu) | 0x800000u;
+        const uint32 shift = 126u - (magnitude >> 23);
+        uint32 r = mantissa >> shift;
+        const uint32 rest = mantissa & ((1u << shift) - 1), half = 1u << (shift - 1);
+        if (rest > half || (rest == half && (r & 1)))
+            ++r;
+        return uint16(sign | r);
+    }
+    uint32 r = (magnitude - 0x38000000u) >> 13;
+    const uint32 rest = magnitude & 0x1FFFu;
+    if (rest > 0x1000u || (rest == 0x1000u && (r & 1)))
+        ++r;
+    return uint16(sign | r);
+}
+
 struct HalfCodec
 {
     static constexpr uint32 kStride = sizeof(Half4);
 
     static inline Vector4 ToFloat(const uint8* p)
     {
-        _Float16 h[4];
+        uint16 h[4];
         std::memcpy(h, p, sizeof(h));
-        return Vector4(float(h[0]), float(h[1]), float(h[2]), float(h[3]));
+        return Vector4(HalfToFloat(h[0]), HalfToFloat(h[1]), HalfToFloat(h[2]), HalfToFloat(h[3]));
     }
     static inline void FromFloat(uint8* p, const Vector4& v)
     {
-        _Float16 h[4] = {_Float16(v.x), _Float16(v.y), _Float16(v.z), _Float16(v.w)};
+        const uint16 h[4] = {FloatToHalf(v.x), FloatToHalf(v.y), FloatToHalf(v.z), FloatToHalf(v.w)};
         std::memcpy(p, h, sizeof(h));
     }
     static inline uint32 ToInt(const uint8* p)

@@ -295,6 +295,37 @@ TEST(PixelFormatConverter, OnlyTheFourteenHaveConverters)
     }
 }
 
+TEST(PixelFormatConverter, HalfFloatsRoundLikeTheCompilersType)
+{
+    // Every half value reads as the compiler's 16-bit float reads it, and
+    // floats around every half boundary (subnormals, ties, overflow) write
+    // as it rounds them.
+    std::unique_ptr<PixelFormatConverter> half(PixelFormatConverter::Create(F::R16G16B16A16_FLOAT));
+    for (uint32 bits = 0; bits < 0x10000; ++bits)
+    {
+        uint16_t in[4] = {uint16_t(bits), 0, 0, 0};
+        Vector4 v;
+        half->ToFloat(v, in);
+        _Float16 h;
+        std::memcpy(&h, &in[0], 2);
+        if (std::isnan(float(h)))
+            ASSERT_TRUE(std::isnan(v.x)) << bits;
+        else
+            ASSERT_EQ(v.x, float(h)) << bits;
+        for (float f : {v.x, std::nextafter(v.x, 1e9f), std::nextafter(v.x, -1e9f), v.x * 1.00048828125f})
+        {
+            if (std::isnan(f))
+                continue;
+            uint16_t out[4];
+            half->FromFloat(out, Vector4(f, 0, 0, 0));
+            _Float16 want = _Float16(f);
+            uint16_t wantBits;
+            std::memcpy(&wantBits, &want, 2);
+            ASSERT_EQ(out[0], wantBits) << f;
+        }
+    }
+}
+
 TEST(PixelFormatConverter, RectanglesHonourPitchAndFlip)
 {
     std::unique_ptr<ImageFormatConverter> c(ImageFormatConverter::Create(F::R8G8B8A8_UNORM, F::B8G8R8A8_UNORM));

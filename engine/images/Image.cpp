@@ -7,6 +7,8 @@
 
 #include "graphics/GraphicsFormat.h"
 #include "images/ImageConverter.h"
+#include "images/ImageLoader.h"
+#include "io/StreamManager.h"
 #include "images/PixelFormatConverter.h"
 #include "io/Stream.h"
 #include "kernel/Log.h"
@@ -210,6 +212,17 @@ bool Image::GetSubresourceLayout(uint32 arrayIndex, uint32 mip, uint8*& data, ui
     slicePitch = uint32(m_desc.GetSlicePitch(mip, m_desc.Format));
     data = GetData(arrayIndex, mip, 0);
     return true;
+}
+
+Ptr<Image> Image::LoadImage(const WString& path)
+{
+    StreamManager* streams = StreamManager::Ins();
+    Ptr<Stream> stream = streams ? streams->OpenStream(path) : Ptr<Stream>();
+    Ptr<ImageLoader> loader = stream ? ImageLoader::CreateLoader(stream.Get()) : Ptr<ImageLoader>();
+    if (!loader)
+        return nullptr;
+    loader->SetStream(stream);
+    return loader->Load() ? loader->GetImage() : nullptr;
 }
 
 bool Image::ConvertUncompressed(uint32 format, bool allMips)

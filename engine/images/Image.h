@@ -51,6 +51,10 @@ public:
     bool GetSubresourceLayout(uint32 arrayIndex, uint32 mip, uint8*& data, uint32& rowPitch,
                               uint32& slicePitch) const;
 
+    // Opens the path through the stream manager and loads it with the loader
+    // the registry picks; null when there is no stream or no loader takes it.
+    static Ptr<Image> LoadImage(const WString& path);
+
     bool IsCompressed() const { return IsBlockCompressed(m_desc.Format); }
 
     // Converts to `format` (all mips, or mip 0 alone); true when the image

@@ -2,7 +2,9 @@
 // rows, RLE, masks, and hostile variants of each.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "serialization/Serializer.h"
 #include "images/LoaderTestSupport.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
 
 using namespace KovexEngine;
 using F = GraphicsFormat;
@@ -258,4 +261,43 @@ TEST(ImageLoaderBMP, SavedFilesReopen)
     EXPECT_FALSE(ImageLoaderBMP::StaticSave(nullptr, out.Get(), 0, 0, 0));
     out = nullptr;
     delete data;
+}
+
+// The registry is read from several loader threads at once; each loads and
+// converts its own image.
+TEST(ImageThreads, LoadersOnSeveralThreads)
+{
+    const Bytes file = Bmp(5, 2, 8, 0, Palette({0xFFFF0000, 0xFF00FF00}), Bytes(16, '\x01'));
+    std::vector<std::thread> threads;
+    std::vector<int> loaded(4, 0);
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i)
+            {
+                bool ok = false;
+                Ptr<ImageLoader> loader = Loaded(file, ok);
+                if (ok && loader->GetImage()->Convert(F::R8G8B8A8_UNORM, true) &&
+                    loader->GetImage()->GetData()[1] == 0xFF)
+                    ++loaded[size_t(t)];
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (int count : loaded)
+        EXPECT_EQ(count, 50);
+}
+
+TEST(ImageLoaderBMP, LoadImageByPath)
+{
+    KovexTest::TempDir dir;
+    const Bytes file = Bmp(3, 2, 24, 0, "", Bytes(24, '\x42'));
+    FILE* out = std::fopen((dir.path + "/picture.bmp").c_str(), "wb");
+    ASSERT_TRUE(out);
+    std::fwrite(file.data(), 1, file.size(), out);
+    std::fclose(out);
+    Ptr<Image> image = Image::LoadImage(dir.W("picture.bmp"));
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->GetDesc().Width, 3u);
+    EXPECT_EQ(image->GetData()[17], 0x42);
+    EXPECT_FALSE(Image::LoadImage(dir.W("missing.bmp")));
 }

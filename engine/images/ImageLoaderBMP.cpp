@@ -76,9 +76,13 @@ bool DecodeRle(const uint8* in, size_t size, std::vector<uint8>& indices, uint32
     return true; // a stream that stops early leaves the rest as index 0
 }
 
-uint32 MaskedFormat(const uint8* masks)
+uint32 MaskedFormat(const uint8* masks, uint32 bits)
 {
     const uint32 r = U32(masks), g = U32(masks + 4), b = U32(masks + 8), a = U32(masks + 12);
+    if (bits == 32) // as tools with the larger info headers write 32-bit files
+        return r == 0xFF0000 && g == 0xFF00 && b == 0xFF
+                   ? (a == 0xFF000000u ? GraphicsFormat::B8G8R8A8_UNORM : a == 0 ? GraphicsFormat::B8G8R8X8_UNORM : 0)
+                   : 0;
     if (r == 3840 && g == 240 && b == 15)
         return a == 0 ? GraphicsFormat::B4G4R4X4_UNORM : a == 61440 ? GraphicsFormat::B4G4R4A4_UNORM : 0;
     if (r == 63488 && g == 2016 && a == 0)
@@ -123,10 +127,15 @@ bool ImageLoaderBMP::ReadHeader()
     desc.Dimension = height == 1 ? TextureDimension::_1D : TextureDimension::_2D;
     if (m_compression == 3)
     {
-        uint8 masks[16];
-        if (m_bits != 16 || m_pixelOffset - kHeaderSize != 16 || !m_stream->Read(masks, 16))
+        // Three masks after a 40-byte info header, four when it is larger or
+        // the gap holds them; those of the larger headers sit at the same place.
+        uint8 masks[16] = {};
+        const uint32 gap = m_pixelOffset - kHeaderSize;
+        const uint32 maskBytes = m_infoSize >= 56 || gap >= 16 ? 16 : 12;
+        if ((m_bits != 16 && m_bits != 32) || (gap < maskBytes && m_infoSize < 40 + maskBytes) ||
+            !m_stream->Read(masks, int(maskBytes)))
             return false;
-        desc.Format = MaskedFormat(masks);
+        desc.Format = MaskedFormat(masks, m_bits);
     }
     else if (m_compression > 2 || (m_compression == 1 && m_bits != 8) || (m_compression == 2 && m_bits != 4))
         return false;

@@ -174,6 +174,15 @@ TEST(ImageLoaderBMP, MasksChooseTheFormat)
     EXPECT_EQ(loader->GetDesc().Format, uint32(F::B5G6R5_UNORM));
     loader = Loaded(Bmp(2, 1, 16, 3, Palette({1, 2, 3, 4}), Bytes(4, '\0')), ok);
     EXPECT_FALSE(ok);
+    // Three masks only, after a 40-byte info header: alpha none.
+    loader = Loaded(Bmp(2, 1, 16, 3, Palette({31744, 992, 31}), Bytes(4, '\0')), ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(loader->GetDesc().Format, uint32(F::B5G5R5X1_UNORM));
+    // 32 bits with masks, as written with the larger info headers.
+    loader = Loaded(Bmp(1, 1, 32, 3, Palette({0xFF0000, 0xFF00, 0xFF, 0xFF000000}), Bytes("\x01\x02\x03\x04", 4)), ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(loader->GetDesc().Format, uint32(F::B8G8R8A8_UNORM));
+    EXPECT_EQ(0, std::memcmp(loader->GetImage()->GetData(), "\x01\x02\x03\x04", 4));
 }
 
 TEST(ImageLoaderBMP, RegistryParseAndHostileFiles)

@@ -13,7 +13,8 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 mode="${1:-run}"
 
 # Debian packages the build needs; installed only when missing.
-packages=(g++ cmake ninja-build ccache pkg-config libgtest-dev libbenchmark-dev zlib1g-dev librapidxml-dev)
+packages=(g++ cmake ninja-build ccache pkg-config libgtest-dev libbenchmark-dev zlib1g-dev librapidxml-dev
+  libpng-dev libjpeg-dev libsquish-dev)
 
 install_missing() {
   local missing=()

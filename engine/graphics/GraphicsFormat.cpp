@@ -56,14 +56,23 @@ unsigned GraphicsFormat::GetFormatBits(int f) { return Row(f).bits; }
 unsigned GraphicsFormat::GetFormatBytes(int f) { return Row(f).bits / 8; }
 bool GraphicsFormat::IsFormatBitsEqual(int a, int b) { return Row(a).bits == Row(b).bits; }
 
+// Block rows and columns round up, so the last partial row and column of a
+// size that is not a multiple of 4 have their blocks. GRAY_SCALE_UNORM is
+// flagged compressed in the table but its pixels are plain bytes, one per
+// pixel, as its converter reads and writes them.
 void GraphicsFormat::GetFormatInfo(unsigned& rowBytes, unsigned& rows, unsigned width, unsigned height, int f)
 {
     const FormatRow& row = Row(f);
-    if (row.isCompressed)
+    if (f == GRAY_SCALE_UNORM)
     {
-        unsigned blocksWide = width / 4 > 1 ? width / 4 : 1;
+        rowBytes = width;
+        rows = height;
+    }
+    else if (row.isCompressed)
+    {
+        unsigned blocksWide = width > 4 ? unsigned((uint64(width) + 3) / 4) : 1;
         rowBytes = row.bits * blocksWide;
-        rows = height / 4 > 1 ? height / 4 : 1;
+        rows = height > 4 ? unsigned((uint64(height) + 3) / 4) : 1;
     }
     else
     {
@@ -75,13 +84,19 @@ void GraphicsFormat::GetFormatInfo(unsigned& rowBytes, unsigned& rows, unsigned 
 uint64 GraphicsFormat::GetFormatSize(unsigned width, unsigned height, int f)
 {
     const FormatRow& row = Row(f);
+    if (f == GRAY_SCALE_UNORM)
+        return uint64(width) * height;
     if (row.isCompressed)
     {
-        uint64 blocksWide = width / 4 > 1 ? width / 4 : 1;
-        uint64 blocksHigh = height / 4 > 1 ? height / 4 : 1;
+        uint64 blocksWide = width > 4 ? (uint64(width) + 3) / 4 : 1;
+        uint64 blocksHigh = height > 4 ? (uint64(height) + 3) / 4 : 1;
         return uint64(row.bits) * blocksWide * blocksHigh;
     }
-    return uint64(row.bits / 8) * width * height;
+    // Saturates: a width and height near 2^32 with 16-byte pixels would wrap.
+    uint64 size = 0;
+    if (__builtin_mul_overflow(uint64(row.bits / 8) * width, uint64(height), &size))
+        return ~uint64(0);
+    return size;
 }
 
 unsigned GetCompatibleFormatCandidates(GraphicsFormat format, GraphicsFormat (&out)[8])

@@ -118,7 +118,8 @@ KOVEX_DECLARE_ENUM_EX(GraphicsFormat, KOVEX_ENUM_TABLE_GraphicsFormat,
     /* The size column divided by 8, also for compressed rows (1 for BC1). */
     static unsigned GetFormatBytes(int format);
     static bool IsFormatBitsEqual(int a, int b);
-    /* Bytes of one row (of pixels, or of 4x4 blocks) and number of rows. */
+    /* Bytes of one row (of pixels, or of 4x4 blocks) and number of rows; block
+       counts round up, GRAY_SCALE_UNORM is one byte a pixel. */
     static void GetFormatInfo(unsigned& rowBytes, unsigned& rows, unsigned width, unsigned height, int format);
     /* rowBytes * rows, in 64 bits so that no size wraps. */
     static ::KovexEngine::uint64 GetFormatSize(unsigned width, unsigned height, int format);)

@@ -1,0 +1,189 @@
+// Image work beside the plainest code that does the same job on the same
+// buffer: a swizzle beside memcpy, the mip chain beside a 2x2 box-filter
+// loop, block compression beside libsquish called directly.
+
+#include <benchmark/benchmark.h>
+
+#include <squish.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "graphics/GraphicsFormat.h"
+#include "images/Image.h"
+#include "images/PixelFormatConverter.h"
+
+using namespace KovexEngine;
+
+namespace {
+
+Ptr<Image> Filled(uint32 format, uint32 size, uint32 mips)
+{
+    Ptr<Image> image(new Image());
+    TextureDesc d;
+    d.Width = d.Height = size;
+    d.MipLevels = mips;
+    d.Format = format;
+    d.Dimension = TextureDimension::_2D;
+    image->Create(d);
+    std::mt19937 rng(5);
+    for (uint32 i = 0; i < image->GetDataSize(); i += 4)
+    {
+        uint32 v = rng();
+        std::memcpy(image->GetData() + i, &v, 4);
+    }
+    return image;
+}
+
+// A picture with some structure for the compressor: gradients and noise.
+void Picture(uint8* p, uint32 size)
+{
+    std::mt19937 rng(9);
+    for (uint32 y = 0; y < size; ++y)
+        for (uint32 x = 0; x < size; ++x)
+        {
+            uint8* px = p + (size_t(y) * size + x) * 4;
+            px[0] = uint8(x + (rng() & 7));
+            px[1] = uint8(y + (rng() & 7));
+            px[2] = uint8((x ^ y) & 0xF0);
+            px[3] = uint8(255 - (x & 0x3F));
+        }
+}
+
+constexpr uint32 kSwizzleSize = 4096;
+
+void BM_Swizzle_BGRA_To_RGBA_4096(benchmark::State& state)
+{
+    Ptr<Image> image = Filled(GraphicsFormat::B8G8R8A8_UNORM, kSwizzleSize, 1);
+    std::vector<uint8> out(image->GetDataSize());
+    std::unique_ptr<ImageFormatConverter> c(
+        ImageFormatConverter::Create(GraphicsFormat::R8G8B8A8_UNORM, GraphicsFormat::B8G8R8A8_UNORM));
+    for (auto _ : state)
+    {
+        c->Execute(out.data(), image->GetData(), 0, 0, kSwizzleSize, kSwizzleSize);
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * image->GetDataSize());
+}
+BENCHMARK(BM_Swizzle_BGRA_To_RGBA_4096)->Unit(benchmark::kMillisecond);
+
+// In place, as Image::Convert does it when size and stride agree.
+void BM_Swizzle_ImageConvertInPlace_4096(benchmark::State& state)
+{
+    Ptr<Image> image = Filled(GraphicsFormat::B8G8R8A8_UNORM, kSwizzleSize, 1);
+    for (auto _ : state)
+    {
+        image->Convert(image->GetDesc().Format == GraphicsFormat::B8G8R8A8_UNORM ? GraphicsFormat::R8G8B8A8_UNORM
+                                                                                 : GraphicsFormat::B8G8R8A8_UNORM,
+                       true);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * image->GetDataSize());
+}
+BENCHMARK(BM_Swizzle_ImageConvertInPlace_4096)->Unit(benchmark::kMillisecond);
+
+void BM_Memcpy_Baseline_4096(benchmark::State& state)
+{
+    const size_t bytes = size_t(kSwizzleSize) * kSwizzleSize * 4;
+    std::vector<uint8> in(bytes, 1), out(bytes);
+    for (auto _ : state)
+    {
+        std::memcpy(out.data(), in.data(), bytes);
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * bytes);
+}
+BENCHMARK(BM_Memcpy_Baseline_4096)->Unit(benchmark::kMillisecond);
+
+constexpr uint32 kMipSize = 2048;
+constexpr uint32 kMipLevels = 12;
+
+void BM_GenerateMipmaps_2048(benchmark::State& state)
+{
+    Ptr<Image> image = Filled(GraphicsFormat::B8G8R8A8_UNORM, kMipSize, kMipLevels);
+    for (auto _ : state)
+    {
+        image->GenerateMipmaps(true);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_GenerateMipmaps_2048)->Unit(benchmark::kMillisecond);
+
+// The baseline: the same chain, one plain loop per level, in one buffer.
+void BM_BoxFilterLoop_Baseline_2048(benchmark::State& state)
+{
+    Ptr<Image> image = Filled(GraphicsFormat::B8G8R8A8_UNORM, kMipSize, kMipLevels);
+    std::vector<uint8*> levels;
+    uint8* p = image->GetData();
+    for (uint32 m = 0, s = kMipSize; m < kMipLevels; ++m, s = s > 1 ? s / 2 : 1)
+    {
+        levels.push_back(p);
+        p += size_t(s) * s * 4;
+    }
+    for (auto _ : state)
+    {
+        for (uint32 m = 1, s = kMipSize / 2; m < kMipLevels; ++m, s = s > 1 ? s / 2 : 1)
+        {
+            const uint8* src = levels[m - 1];
+            uint8* dst = levels[m];
+            const uint32 sw = s * 2;
+            for (uint32 y = 0; y < s; ++y)
+                for (uint32 x = 0; x < s; ++x)
+                    for (uint32 c = 0; c < 4; ++c)
+                    {
+                        const uint8* a = src + (size_t(2 * y) * sw + 2 * x) * 4 + c;
+                        const uint8* b = a + size_t(sw) * 4;
+                        dst[(size_t(y) * s + x) * 4 + c] = uint8((a[0] + a[4] + b[0] + b[4]) / 4);
+                    }
+        }
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_BoxFilterLoop_Baseline_2048)->Unit(benchmark::kMillisecond);
+
+constexpr uint32 kBlockSize = 1024;
+
+void CompressThroughImage(benchmark::State& state, uint32 format)
+{
+    Ptr<Image> source = Filled(GraphicsFormat::R8G8B8A8_UNORM, kBlockSize, 1);
+    Picture(source->GetData(), kBlockSize);
+    std::vector<uint8> pixels(source->GetData(), source->GetData() + source->GetDataSize());
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        Ptr<Image> image(new Image());
+        image->Create(source->GetDesc());
+        std::memcpy(image->GetData(), pixels.data(), pixels.size());
+        state.ResumeTiming();
+        image->Convert(format, true);
+        benchmark::DoNotOptimize(image->GetData());
+    }
+}
+
+void CompressDirect(benchmark::State& state, int flags)
+{
+    std::vector<uint8> pixels(size_t(kBlockSize) * kBlockSize * 4);
+    Picture(pixels.data(), kBlockSize);
+    std::vector<uint8> blocks(size_t(squish::GetStorageRequirements(kBlockSize, kBlockSize, flags)));
+    for (auto _ : state)
+    {
+        squish::CompressImage(pixels.data(), kBlockSize, kBlockSize, blocks.data(), flags);
+        benchmark::DoNotOptimize(blocks.data());
+    }
+}
+
+void BM_CompressBC1_Image_1024(benchmark::State& state) { CompressThroughImage(state, GraphicsFormat::BC1_UNORM); }
+void BM_CompressBC1_Squish_Baseline_1024(benchmark::State& state) { CompressDirect(state, squish::kDxt1); }
+void BM_CompressBC3_Image_1024(benchmark::State& state) { CompressThroughImage(state, GraphicsFormat::BC3_UNORM); }
+void BM_CompressBC3_Squish_Baseline_1024(benchmark::State& state) { CompressDirect(state, squish::kDxt5); }
+BENCHMARK(BM_CompressBC1_Image_1024)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_CompressBC1_Squish_Baseline_1024)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_CompressBC3_Image_1024)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_CompressBC3_Squish_Baseline_1024)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+} // namespace

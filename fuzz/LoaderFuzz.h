@@ -1,0 +1,38 @@
+// The body shared by the image loader fuzz targets: bytes from outside in a
+// memory stream, a loader chosen by content (extension null) or by
+// extension, the header parsed, the pixels loaded and what loads converted
+// once, so that a forged desc reaches the converters too.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "fuzz/QuietLog.h"
+#include "graphics/GraphicsFormat.h"
+#include "images/ImageLoader.h"
+#include "io/MemoryStream.h"
+
+namespace KovexFuzz {
+
+inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extensionPath)
+{
+    using namespace KovexEngine;
+    QuietLog();
+    auto* bytes = new DataStream(unsigned(size));
+    if (size)
+        std::memcpy(bytes->GetPointer(), data, size);
+    Ptr<Stream> stream(new MemoryStream(bytes, true));
+    Ptr<ImageLoader> loader =
+        extensionPath ? ImageLoader::CreateLoader(WString(extensionPath)) : ImageLoader::CreateLoader(stream.Get());
+    if (!loader)
+        return 0;
+    loader->SetStream(stream);
+    loader->Parse();
+    if (loader->Load())
+        loader->GetImage()->Convert(GraphicsFormat::R8G8B8A8_UNORM, true);
+    return 0;
+}
+
+} // namespace KovexFuzz

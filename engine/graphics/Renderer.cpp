@@ -48,6 +48,7 @@ void RenderTargetGroup::Clear()
     }
     DepthBuffer = nullptr;
     DepthArrayIndex = 0;
+    ClearOnApply = false;
 }
 
 // --- Platforms ------------------------------------------------------------------------

@@ -7,6 +7,7 @@
 
 #include "graphics/IndexBuffer.h"
 #include "graphics/Renderer.h"
+#include "graphics/TextureFactory.h"
 #include "graphics/VertexBuffer.h"
 
 namespace KovexEngine {
@@ -27,6 +28,12 @@ protected:
 class KOVEX_API NullTexture : public TNullResource<Texture>
 {
     KOVEX_CLASS(NullTexture)
+};
+
+class KOVEX_API NullTextureFactory : public TextureFactory
+{
+protected:
+    Texture* NewTexture() override { return new NullTexture(); }
 };
 
 class KOVEX_API NullIndexBuffer : public TNullResource<IndexBuffer>

@@ -39,9 +39,23 @@ public:
     // Bytes of the mapped subresource's rows (of the box, when given).
     uint32 CalculateDataSize(uint32 subresource, const MappedSubresource& mapped, const MappedBox* box) override;
 
+    // Pixels for the device side to take when it is created; dropped then.
+    void SetInitialData(const Ptr<Object>& owner, const uint8* data, uint32 size)
+    {
+        m_initialOwner = owner;
+        m_initialData = data;
+        m_initialSize = size;
+    }
+    const uint8* GetInitialData() const { return m_initialData; }
+    uint32 GetInitialDataSize() const { return m_initialSize; }
+    void DropInitialData() { SetInitialData(Ptr<Object>(), nullptr, 0); }
+
 private:
     TextureDesc m_desc;
     WString m_path;
+    Ptr<Object> m_initialOwner;
+    const uint8* m_initialData = nullptr;
+    uint32 m_initialSize = 0;
 };
 
 // Up to eight colour targets and a depth buffer, each with an array index,

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "graphics/Renderer.h"
+#include "io/StreamManager.h"
 #include "kernel/Log.h"
 
 namespace KovexEngine {
@@ -363,8 +364,126 @@ void TextureFactory::GetScreenSize(uint32& width, uint32& height, uint32 nthOfSc
     height = height ? height : 1;
 }
 
+namespace {
+std::atomic<bool (*)(const Ptr<Object>&, TextureSource&)> s_fromImage{nullptr};
+std::atomic<bool (*)(const Ptr<Stream>&, TextureSource&)> s_fromStream{nullptr};
+
+void LoadFailed(const WString& reason, const WString& path)
+{
+    Log::Format(LOG_WARNING, u"Load texture failed, %s, path = '%s'\n", reason.c_str(), path.c_str());
+}
+} // namespace
+
+void TextureFactory::SetImageSource(const TextureImageSource& source)
+{
+    s_fromImage.store(source.FromImage);
+    s_fromStream.store(source.FromStream);
+}
+
+TextureImageSource TextureFactory::GetImageSource()
+{
+    return TextureImageSource{s_fromImage.load(), s_fromStream.load()};
+}
+
+Ptr<Texture> TextureFactory::CreateFromSource(TextureSource& source, GraphicsResourceUsage usage, const WString& path,
+                                              std::atomic<int32>* pending)
+{
+    uint32 needed = 0;
+    uint64 whole = source.Desc.GetDataOffset(source.Desc.ArraySize, 0, 0, source.Desc.Format);
+    needed = whole > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32(whole);
+    if (!source.Data || source.Size < needed)
+    {
+        LoadFailed(u"image data is shorter than its description", path);
+        return Ptr<Texture>();
+    }
+    if (!CheckTextureDesc(source.Desc, usage))
+    {
+        LoadFailed(u"the device refuses its description", path);
+        return Ptr<Texture>();
+    }
+    Ptr<Texture> texture(NewTexture());
+    texture->SetDesc(source.Desc);
+    texture->SetPath(path);
+    texture->SetInitialData(source.Owner, source.Data, needed);
+    SetCpuAccessFlags(texture.Get(), CpuAccessFor(usage));
+    SetResourceUsage(texture.Get(), usage);
+    M_PostObject(Ptr<GraphicsObject>(texture.Get()), pending);
+    return texture;
+}
+
+Ptr<Texture> TextureFactory::Create(const Ptr<Object>& image, GraphicsResourceUsage usage, std::atomic<int32>* pending)
+{
+    auto fromImage = s_fromImage.load();
+    TextureSource source;
+    if (!fromImage || !fromImage(image, source))
+    {
+        LoadFailed(source.Reason.IsEmpty() ? WString(u"not an image with pixels") : source.Reason, WString());
+        return Ptr<Texture>();
+    }
+    return CreateFromSource(source, usage, WString(), pending);
+}
+
+Ptr<Texture> TextureFactory::Create(const Ptr<Stream>& stream, std::atomic<int32>* pending)
+{
+    WString path = stream ? stream->GetPath() : WString();
+    auto fromStream = s_fromStream.load();
+    TextureSource source;
+    if (!stream || !fromStream || !fromStream(stream, source))
+    {
+        LoadFailed(!stream ? WString(u"no stream")
+                   : !fromStream ? WString(u"no image loaders")
+                   : source.Reason.IsEmpty() ? WString(u"no loader takes it")
+                                             : source.Reason,
+                   path);
+        return Ptr<Texture>();
+    }
+    return CreateFromSource(source, GraphicsResourceUsage::Immutable, path, pending);
+}
+
+Ptr<Texture> TextureFactory::Create(const WString& path, std::atomic<int32>* pending)
+{
+    if (Ptr<Texture> shared = FindTexture(path))
+        return shared;
+    StreamManager* streams = StreamManager::Ins();
+    Ptr<Stream> stream = streams ? streams->OpenStream(path) : Ptr<Stream>();
+    if (!stream)
+    {
+        LoadFailed(u"can not open it", path);
+        return Ptr<Texture>();
+    }
+    Ptr<Texture> texture = Create(stream, pending);
+    if (!texture)
+        return texture;
+    texture->SetPath(path);
+    // Two threads may load one path at once: the first to share it wins and
+    // both get that texture.
+    CriticalSection::Scope lock(m_sharedLock);
+    auto [it, added] = m_shared.emplace(path, texture);
+    return it->second;
+}
+
+Ptr<Texture> TextureFactory::FindTexture(const WString& path)
+{
+    CriticalSection::Scope lock(m_sharedLock);
+    auto it = m_shared.find(path);
+    return it == m_shared.end() ? Ptr<Texture>() : it->second;
+}
+
+void TextureFactory::AddSharedResource(const WString& path, const Ptr<Texture>& texture)
+{
+    if (!texture)
+        return;
+    CriticalSection::Scope lock(m_sharedLock);
+    m_shared[path] = texture;
+}
+
 void TextureFactory::OnExit()
 {
+    {
+        std::map<WString, Ptr<Texture>> dropped;
+        CriticalSection::Scope lock(m_sharedLock);
+        dropped.swap(m_shared);
+    }
     // Pooled textures go to the dispose list first, so that the base's
     // ProcessDisposing deletes them with the rest.
     for (TexturePool& pool : m_pools)

@@ -3,8 +3,8 @@
 // Creation, pooling and sharing of textures. A backend supplies NewTexture;
 // everything else is device-independent.
 //
-// Threads: Create, CheckTextureDesc and the Create2D* forms are safe from
-// any thread (the texture is posted as every graphics object is). The pools
+// Threads: Create (every form), FindTexture, CheckTextureDesc and the
+// Create2D* forms are safe from any thread (the texture is posted as every graphics object is). The pools
 // (Require*, Recycle, CleaupRT) belong to the thread that draws, one at a
 // time, as render targets are taken and given back within a frame. OnTick
 // and OnExit belong to the graphics side.
@@ -16,6 +16,29 @@
 #include "graphics/Texture.h"
 
 namespace KovexEngine {
+
+class Stream;
+
+// Pixels a texture is made from: the description and one buffer laid out as
+// TextureDesc::GetDataOffset says, kept alive by Owner.
+struct KOVEX_API TextureSource
+{
+    TextureDesc Desc;
+    const uint8* Data = nullptr;
+    uint32 Size = 0;
+    Ptr<Object> Owner;
+    WString Reason; // why a decode failed
+};
+
+// How the layer that knows images turns them into texture sources; graphics
+// lies below it and reaches it only through these. Either may be null.
+struct TextureImageSource
+{
+    // An image object as it stands; false when it is none or has no pixels.
+    bool (*FromImage)(const Ptr<Object>& image, TextureSource& out);
+    // Decodes a stream, converted to a format the device takes.
+    bool (*FromStream)(const Ptr<Stream>& stream, TextureSource& out);
+};
 
 class KOVEX_API TextureFactory : public GraphicsFactory
 {
@@ -75,6 +98,18 @@ public:
     Ptr<Texture> Create2DStaging(uint32 width, uint32 height, GraphicsFormat format);
     Ptr<Texture> CreateCubeRT(uint32 size, GraphicsFormat format);
 
+    // Installed once by the image layer, before textures are loaded.
+    static void SetImageSource(const TextureImageSource& source);
+    static TextureImageSource GetImageSource();
+    // Null, with "Load texture failed, %s, path = '%s'", when the source
+    // cannot be decoded or the device refuses its description.
+    Ptr<Texture> Create(const Ptr<Object>& image, GraphicsResourceUsage usage, std::atomic<int32>* pending);
+    Ptr<Texture> Create(const Ptr<Stream>& stream, std::atomic<int32>* pending);
+    // One texture per path: a path already loaded gives the same texture.
+    Ptr<Texture> Create(const WString& path, std::atomic<int32>* pending);
+    Ptr<Texture> FindTexture(const WString& path);
+    void AddSharedResource(const WString& path, const Ptr<Texture>& texture);
+
     TexturePool& GetTexturePool(GraphicsResourceUsage usage) { return m_pools[unsigned(usage) & 3]; }
     // From the usage's pool, else newly created.
     Ptr<Texture> Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest);
@@ -98,7 +133,11 @@ protected:
     virtual Texture* NewTexture() = 0;
 
 private:
+    Ptr<Texture> CreateFromSource(TextureSource& source, GraphicsResourceUsage usage, const WString& path,
+                                  std::atomic<int32>* pending);
     TexturePool m_pools[4];
+    CriticalSection m_sharedLock;
+    std::map<WString, Ptr<Texture>> m_shared;
 };
 
 } // namespace KovexEngine

@@ -11,6 +11,7 @@
 #include "graphics/null/NullRenderer.h"
 #include "kernel/EngineGlobals.h"
 #include "lifecycle/Engine.h"
+#include "reflection/Function.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -94,6 +95,14 @@ TEST(Texture, FactorySlotCreatesTexturesWithTheirDescAndUsage)
     EXPECT_EQ(staging->CalculateDataSize(0, mapped, nullptr), 15u * 80u + 64u);
     MappedBox box{2, 2, 0, 6, 4, 1};
     EXPECT_EQ(staging->CalculateDataSize(0, mapped, &box), 80u + 16u);
+
+    TFunctionStack<4> stack(0, true);
+    ASSERT_TRUE(rt->Invoke(WString(u"IsUnorderedAccessView"), stack.Get()));
+    EXPECT_TRUE(stack->RetVar().GetBool());
+    ASSERT_TRUE(depth->Invoke(WString(u"IsRenderTarget"), stack.Get()));
+    EXPECT_FALSE(stack->RetVar().GetBool());
+    ASSERT_TRUE(rt->Invoke(WString(u"GetWidth"), stack.Get()));
+    EXPECT_EQ(stack->RetVar().GetInt(), 32);
 
     unsigned before = factory->GetNumObjects();
     rt = nullptr;

@@ -64,6 +64,31 @@ void RenderTargetGroup::Clear()
     ClearOnApply = false;
 }
 
+bool RenderTargetGroup::SetRenderTarget(uint32 slot, const Ptr<Texture>& texture, uint32 arrayIndex)
+{
+    if (slot >= kMaxTargets)
+        return false;
+    RenderTargets[slot] = texture;
+    ArrayIndices[slot] = arrayIndex;
+    return true;
+}
+
+uint32 RenderTargetGroup::GetNumTargets() const
+{
+    uint32 n = 0;
+    while (n < kMaxTargets && RenderTargets[n])
+        ++n;
+    return n;
+}
+
+bool RenderTargetGroup::operator==(const RenderTargetGroup& o) const
+{
+    for (unsigned i = 0; i < kMaxTargets; ++i)
+        if (RenderTargets[i] != o.RenderTargets[i] || ArrayIndices[i] != o.ArrayIndices[i])
+            return false;
+    return DepthBuffer == o.DepthBuffer && DepthArrayIndex == o.DepthArrayIndex && ClearOnApply == o.ClearOnApply;
+}
+
 // --- Platforms ------------------------------------------------------------------------
 
 namespace {

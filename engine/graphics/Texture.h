@@ -71,6 +71,17 @@ struct KOVEX_API RenderTargetGroup
 
     // Drops every target and resets the indices.
     void Clear();
+    // False, changing nothing, for a slot beyond the eight.
+    bool SetRenderTarget(uint32 slot, const Ptr<Texture>& texture, uint32 arrayIndex);
+    void SetDepthStencil(const Ptr<Texture>& texture, uint32 arrayIndex)
+    {
+        DepthBuffer = texture;
+        DepthArrayIndex = arrayIndex;
+    }
+    // Slots holding a target, counted from slot 0 to the first empty one.
+    uint32 GetNumTargets() const;
+    bool operator==(const RenderTargetGroup& other) const;
+    bool operator!=(const RenderTargetGroup& other) const { return !(*this == other); }
 };
 
 } // namespace KovexEngine

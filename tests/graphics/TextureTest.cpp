@@ -337,3 +337,37 @@ TEST(TextureThreads, ReleaseOnAWorkerIsDisposedAtTheNextTick)
     EXPECT_EQ(factory->GetNumObjects(), before);
     EXPECT_EQ(factory->GetNumDisposing(), 0u);
 }
+
+TEST(Texture, RenderTargetGroupsBindAsOne)
+{
+    NullEngine engine;
+    TextureFactory* factory = TextureFactory::Get();
+    Ptr<Texture> a = factory->Require2DRT(64, 32, GraphicsFormat::R8G8B8A8_UNORM);
+    Ptr<Texture> b = factory->Require2DRT(64, 32, GraphicsFormat::R16G16B16A16_FLOAT);
+    Ptr<Texture> depth = factory->Require2DDepth(64, 32, GraphicsFormat::D24_UNORM_S8_UINT);
+    RenderTargetGroup group;
+    EXPECT_EQ(group.GetNumTargets(), 0u);
+    EXPECT_TRUE(group.SetRenderTarget(0, a, 0));
+    EXPECT_TRUE(group.SetRenderTarget(1, b, 3));
+    EXPECT_FALSE(group.SetRenderTarget(8, a, 0));
+    group.SetDepthStencil(depth, 1);
+    group.ClearOnApply = true;
+    EXPECT_EQ(group.GetNumTargets(), 2u);
+    RenderTargetGroup copy = group;
+    EXPECT_TRUE(copy == group);
+    copy.ArrayIndices[1] = 2;
+    EXPECT_TRUE(copy != group);
+
+    g_ptrRenderer->SetRTGroup(group);
+    EXPECT_EQ(g_ptrRenderer->GetRenderTarget(1).Get(), b.Get());
+    EXPECT_EQ(g_ptrRenderer->GetRenderTargetArrayIndex(1), 3u);
+    EXPECT_EQ(g_ptrRenderer->GetDepthBuffer().Get(), depth.Get());
+    g_ptrRenderer->SetViewportByRT0();
+    EXPECT_EQ(g_ptrRenderer->GetViewport().Width, 64u);
+
+    group.Clear();
+    EXPECT_EQ(group.GetNumTargets(), 0u);
+    EXPECT_FALSE(group.DepthBuffer);
+    EXPECT_FALSE(group.ClearOnApply);
+    EXPECT_TRUE(group == RenderTargetGroup());
+}

@@ -39,6 +39,20 @@ public:
     // Bytes of the mapped subresource's rows (of the box, when given).
     uint32 CalculateDataSize(uint32 subresource, const MappedSubresource& mapped, const MappedBox* box) override;
 
+    // The texture factory's front; null without a renderer.
+    static Ptr<Texture> LoadFromPath(const WString& path);
+    static Ptr<Texture> FindByPath(const WString& path);
+    static Ptr<Texture> Create(const TextureDesc& desc, GraphicsResourceUsage usage);
+    static Ptr<Texture> Create2DRT(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Create2DDepth(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Create2DStaging(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> CreateCubeRT(uint32 size, GraphicsFormat format);
+    static Ptr<Texture> Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest);
+    static Ptr<Texture> Require2DRT(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Require2DDepth(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Require2DStaging(uint32 width, uint32 height, GraphicsFormat format, bool findClosest);
+    static void Recycle(Texture* texture);
+
     // Pixels for the device side to take when it is created; dropped then.
     void SetInitialData(const Ptr<Object>& owner, const uint8* data, uint32 size)
     {

@@ -55,6 +55,44 @@ uint32 Texture::CalculateDataSize(uint32 subresource, const MappedSubresource& m
     return size > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32(size);
 }
 
+#define KOVEX_TEXTURE_FRONT(call)                       \
+    TextureFactory* factory = TextureFactory::Get();    \
+    return factory ? factory->call : Ptr<Texture>();
+
+Ptr<Texture> Texture::LoadFromPath(const WString& path) { KOVEX_TEXTURE_FRONT(Create(path, nullptr)) }
+Ptr<Texture> Texture::FindByPath(const WString& path) { KOVEX_TEXTURE_FRONT(FindTexture(path)) }
+Ptr<Texture> Texture::Create(const TextureDesc& desc, GraphicsResourceUsage usage)
+{
+    KOVEX_TEXTURE_FRONT(Create(desc, usage, nullptr))
+}
+Ptr<Texture> Texture::Create2DRT(uint32 w, uint32 h, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(Create2DRT(w, h, f)) }
+Ptr<Texture> Texture::Create2DDepth(uint32 w, uint32 h, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(Create2DDepth(w, h, f)) }
+Ptr<Texture> Texture::Create2DStaging(uint32 w, uint32 h, GraphicsFormat f)
+{
+    KOVEX_TEXTURE_FRONT(Create2DStaging(w, h, f))
+}
+Ptr<Texture> Texture::CreateCubeRT(uint32 size, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(CreateCubeRT(size, f)) }
+Ptr<Texture> Texture::Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest)
+{
+    KOVEX_TEXTURE_FRONT(Require(desc, usage, findClosest))
+}
+Ptr<Texture> Texture::Require2DRT(uint32 w, uint32 h, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(Require2DRT(w, h, f)) }
+Ptr<Texture> Texture::Require2DDepth(uint32 w, uint32 h, GraphicsFormat f)
+{
+    KOVEX_TEXTURE_FRONT(Require2DDepth(w, h, f))
+}
+Ptr<Texture> Texture::Require2DStaging(uint32 w, uint32 h, GraphicsFormat f, bool findClosest)
+{
+    KOVEX_TEXTURE_FRONT(Require2DStaging(w, h, f, findClosest))
+}
+#undef KOVEX_TEXTURE_FRONT
+
+void Texture::Recycle(Texture* texture)
+{
+    if (TextureFactory* factory = TextureFactory::Get())
+        factory->Recycle(texture);
+}
+
 // --- Pools -----------------------------------------------------------------------------
 
 TextureFactory::PoolKey TextureFactory::TexturePool::Compress(const TextureDesc& d)

@@ -371,3 +371,30 @@ TEST(Texture, RenderTargetGroupsBindAsOne)
     EXPECT_FALSE(group.ClearOnApply);
     EXPECT_TRUE(group == RenderTargetGroup());
 }
+
+TEST(Texture, StaticFrontReachesTheFactoryAndIsNullWithoutOne)
+{
+    EXPECT_FALSE(Texture::Create2DRT(8, 8, GraphicsFormat::R8G8B8A8_UNORM)) << "no renderer, no factory";
+    Texture::Recycle(nullptr);
+    Ptr<Texture> kept;
+    {
+        NullEngine engine;
+        Ptr<Texture> rt = Texture::Require2DRT(8, 8, GraphicsFormat::R8G8B8A8_UNORM);
+        ASSERT_TRUE(rt);
+        Texture* raw = rt.Get();
+        Texture::Recycle(rt.Get());
+        rt = nullptr;
+        EXPECT_EQ(Texture::Require2DRT(8, 8, GraphicsFormat::R8G8B8A8_UNORM).Get(), raw);
+        EXPECT_TRUE(Texture::CreateCubeRT(16, GraphicsFormat::R8G8B8A8_UNORM));
+        EXPECT_TRUE(Texture::Create2DStaging(4, 4, GraphicsFormat::R8G8B8A8_UNORM));
+        EXPECT_FALSE(Texture::FindByPath(u"nowhere.bmp"));
+        // A texture still held when the renderer goes is deleted at its
+        // release; pooled ones go with the factory.
+        kept = Texture::Create(Desc2D(4, 4), GraphicsResourceUsage::Default);
+        ASSERT_TRUE(kept);
+        TextureFactory::Get()->Recycle(Texture::Create2DRT(4, 4, GraphicsFormat::R8G8B8A8_UNORM).Get());
+    }
+    EXPECT_FALSE(Texture::Require2DDepth(8, 8, GraphicsFormat::D24_UNORM_S8_UINT));
+    EXPECT_EQ(kept->GetFactory(), nullptr);
+    kept = nullptr;
+}

@@ -38,7 +38,7 @@ class GraphicsFactory;
     X(WindowFactory, GraphicsWindowFactory)              \
     X(InputLayoutFactory, GraphicsFactory)               \
     X(ProgramCompiler, GraphicsFactory)                  \
-    X(TextureFactory, GraphicsFactory)
+    X(TextureFactory, TextureFactory)
 
 enum class FactoryType : unsigned
 {

@@ -34,7 +34,20 @@ void Renderer::StaticConstructor(Class* cls)
     AddFunction(cls, u"GetPlatform", &R::GetPlatform);
     cls->ProcessClass();
 }
-KOVEX_REGISTER_CLASS(Texture, u"Engine", GraphicsResource)
+KOVEX_REGISTER_CLASS_EX(Texture, u"Engine")
+void Texture::StaticConstructor(Class* cls)
+{
+    RegisterBases<Texture, GraphicsResource>(cls);
+    AddFunction(cls, u"GetPath", &Texture::GetPath);
+    AddFunction(cls, u"GetWidth", &Texture::GetWidth);
+    AddFunction(cls, u"GetHeight", &Texture::GetHeight);
+    AddFunction(cls, u"GenerateMips", &Texture::GenerateMips);
+    AddFunction(cls, u"IsRenderTarget", &Texture::IsRenderTarget);
+    AddFunction(cls, u"IsDepthStencil", &Texture::IsDepthStencil);
+    AddFunction(cls, u"IsShaderResource", &Texture::IsShaderResource);
+    AddFunction(cls, u"IsUnorderedAccessView", &Texture::IsUnorderedAccessView);
+    cls->ProcessClass();
+}
 KOVEX_REGISTER_CLASS(GraphicsWindow, u"Engine", GraphicsObject)
 
 Ptr<Renderer> g_ptrRenderer;
@@ -48,6 +61,32 @@ void RenderTargetGroup::Clear()
     }
     DepthBuffer = nullptr;
     DepthArrayIndex = 0;
+    ClearOnApply = false;
+}
+
+bool RenderTargetGroup::SetRenderTarget(uint32 slot, const Ptr<Texture>& texture, uint32 arrayIndex)
+{
+    if (slot >= kMaxTargets)
+        return false;
+    RenderTargets[slot] = texture;
+    ArrayIndices[slot] = arrayIndex;
+    return true;
+}
+
+uint32 RenderTargetGroup::GetNumTargets() const
+{
+    uint32 n = 0;
+    while (n < kMaxTargets && RenderTargets[n])
+        ++n;
+    return n;
+}
+
+bool RenderTargetGroup::operator==(const RenderTargetGroup& o) const
+{
+    for (unsigned i = 0; i < kMaxTargets; ++i)
+        if (RenderTargets[i] != o.RenderTargets[i] || ArrayIndices[i] != o.ArrayIndices[i])
+            return false;
+    return DepthBuffer == o.DepthBuffer && DepthArrayIndex == o.DepthArrayIndex && ClearOnApply == o.ClearOnApply;
 }
 
 // --- Platforms ------------------------------------------------------------------------

@@ -74,7 +74,7 @@ struct KOVEX_API GraphicsParameters
     X(GraphicsFactory*, CreateWindowFactory, (), NewNullWindowFactory())                                              \
     X(GraphicsFactory*, CreateInputLayoutFactory, (), new GraphicsFactory(FactoryType::InputLayoutFactory))           \
     X(GraphicsFactory*, CreateProgramCompiler, (), new GraphicsFactory(FactoryType::ProgramCompiler))                 \
-    X(GraphicsFactory*, CreateTextureFactory, (), new GraphicsFactory(FactoryType::TextureFactory))
+    X(GraphicsFactory*, CreateTextureFactory, (), new NullTextureFactory())
 
 class KOVEX_API Renderer : public Object
 {

@@ -7,6 +7,7 @@
 
 #include "graphics/IndexBuffer.h"
 #include "graphics/Renderer.h"
+#include "graphics/TextureFactory.h"
 #include "graphics/VertexBuffer.h"
 
 namespace KovexEngine {
@@ -27,6 +28,24 @@ protected:
 class KOVEX_API NullTexture : public TNullResource<Texture>
 {
     KOVEX_CLASS(NullTexture)
+public:
+    // Takes the initial pixels as a device would, keeping only their count.
+    bool CreateDeviceHandle() override
+    {
+        m_uploaded.store(GetInitialDataSize());
+        DropInitialData();
+        return true;
+    }
+    uint32 GetUploadedBytes() const { return m_uploaded.load(); }
+
+private:
+    std::atomic<uint32> m_uploaded{0};
+};
+
+class KOVEX_API NullTextureFactory : public TextureFactory
+{
+protected:
+    Texture* NewTexture() override { return new NullTexture(); }
 };
 
 class KOVEX_API NullIndexBuffer : public TNullResource<IndexBuffer>

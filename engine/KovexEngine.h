@@ -81,4 +81,5 @@
 #include "images/ImageLoaderBMP.h"
 #include "images/ImageLoaderDDS.h"
 #include "images/ImageLoaderTGA.h"
+#include "images/ImageLoaderPNG.h"
 #include "images/PixelFormatConverter.h"

@@ -82,4 +82,5 @@
 #include "images/ImageLoaderDDS.h"
 #include "images/ImageLoaderTGA.h"
 #include "images/ImageLoaderPNG.h"
+#include "images/ImageLoaderJPG.h"
 #include "images/PixelFormatConverter.h"

@@ -29,6 +29,8 @@ struct Spec
     bool interlaced = false;
     std::vector<png_color> palette;
     std::vector<png_byte> alpha; // tRNS entries for a palette
+    bool keyed = false;          // tRNS colour key for grey and RGB
+    png_color_16 key = {};
 };
 
 void Append(png_structp png, png_bytep data, png_size_t length)
@@ -51,6 +53,8 @@ Bytes Encode(const Spec& spec, const std::vector<uint8>& rows)
         png_set_PLTE(png, info, spec.palette.data(), int(spec.palette.size()));
     if (!spec.alpha.empty())
         png_set_tRNS(png, info, spec.alpha.data(), int(spec.alpha.size()), nullptr);
+    if (spec.keyed)
+        png_set_tRNS(png, info, nullptr, 0, &spec.key);
     png_write_info(png, info);
     const size_t stride = rows.size() / spec.height;
     std::vector<png_bytep> pointers;
@@ -186,6 +190,25 @@ TEST(ImageLoaderPNG, PaletteWithTransparencyAndInterlacing)
     loader = Load(Encode(pal, {0x01, 0x20, 0x21, 0x00}), ok);
     ASSERT_TRUE(ok);
     EXPECT_EQ(Pixels(loader), expected);
+
+    // A colour key makes matching grey and RGB pixels transparent.
+    Spec grey;
+    grey.colour = PNG_COLOR_TYPE_GRAY;
+    grey.width = 3;
+    grey.height = 1;
+    grey.keyed = true;
+    grey.key.gray = 50;
+    loader = Load(Encode(grey, {49, 50, 51}), ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(Pixels(loader), (std::vector<uint8>{49, 49, 49, 255, 50, 50, 50, 0, 51, 51, 51, 255}));
+    Spec rgb = grey;
+    rgb.colour = PNG_COLOR_TYPE_RGB;
+    rgb.key.red = 1;
+    rgb.key.green = 2;
+    rgb.key.blue = 3;
+    loader = Load(Encode(rgb, {1, 2, 3, 1, 2, 4, 3, 2, 1}), ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(Pixels(loader), (std::vector<uint8>{1, 2, 3, 0, 1, 2, 4, 255, 3, 2, 1, 255}));
 
     // An interlaced image larger than one Adam7 block decodes to the same
     // pixels as the plain one.

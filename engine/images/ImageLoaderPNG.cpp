@@ -237,6 +237,8 @@ bool ImageLoaderPNG::Run(bool pixels)
     case kOk:
         break;
     case kBadSignature:
+        Log::Format(LOG_WARNING, u"Loading PNG failed, path = %s, error= no PNG signature\n",
+                    m_stream->GetPath().c_str());
         return false;
     case kNoReadStruct:
         Log::Format(LOG_WARNING, u"PNG create read struct failed.\n");

@@ -286,9 +286,15 @@ TEST(ImageLoaderPNG, TruncatedCorruptAndOversizedStreamsFail)
         EXPECT_TRUE(Logged(log, u"larger than"));
         EXPECT_EQ(loader->GetImage()->GetData(), nullptr);
     }
-    // Eight bytes of signature and nothing else.
+    // Eight bytes of signature and nothing else; a damaged signature.
+    KovexTest::LogCapture log;
     Load(file.substr(0, 8), ok);
     EXPECT_FALSE(ok);
+    Ptr<Stream> stream = KovexTest::ReadStream("\x89PNX" + file.substr(4));
+    Ptr<ImageLoader> byName = ImageLoader::CreateLoader(WString(u"x.png"));
+    byName->SetStream(stream);
+    EXPECT_FALSE(byName->Load());
+    EXPECT_TRUE(Logged(log, u"no PNG signature"));
 }
 
 TEST(ImageLoaderPNG, SavedImagesLoadBack)

@@ -81,4 +81,6 @@
 #include "images/ImageLoaderBMP.h"
 #include "images/ImageLoaderDDS.h"
 #include "images/ImageLoaderTGA.h"
+#include "images/ImageLoaderPNG.h"
+#include "images/ImageLoaderJPG.h"
 #include "images/PixelFormatConverter.h"

@@ -8,7 +8,7 @@
 
 namespace KovexEngine {
 
-StreamManager* StreamManager::ms_singleton = nullptr;
+std::atomic<StreamManager*> StreamManager::ms_singleton{nullptr};
 
 namespace {
 
@@ -32,15 +32,20 @@ WString Normalised(const WString& path)
 
 StreamManager* StreamManager::Ins()
 {
-    if (!ms_singleton)
-        ms_singleton = new StreamManager();
-    return ms_singleton;
+    StreamManager* manager = ms_singleton.load(std::memory_order_acquire);
+    if (manager)
+        return manager;
+    // Loader threads may be the first to ask: exactly one manager is made.
+    auto* made = new StreamManager();
+    if (ms_singleton.compare_exchange_strong(manager, made, std::memory_order_acq_rel, std::memory_order_acquire))
+        return made;
+    delete made;
+    return manager;
 }
 
 void StreamManager::Destroy()
 {
-    delete ms_singleton;
-    ms_singleton = nullptr;
+    delete ms_singleton.exchange(nullptr, std::memory_order_acq_rel);
 }
 
 StreamManager::~StreamManager() { UnmountAll(); }

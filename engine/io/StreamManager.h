@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <shared_mutex>
 
 #include "io/Package.h"
@@ -27,9 +28,11 @@ public:
         PATH_UNKNOWN_ALIAS = 3,
     };
 
+    // Ins creates the manager on first use from any thread; Destroy belongs
+    // to the shutdown, after every loader has stopped.
     static StreamManager* Ins();
     static void Destroy();
-    static StreamManager* ms_singleton;
+    static std::atomic<StreamManager*> ms_singleton;
 
     StreamSource GetSource() const { return m_source; }
     void SetSource(StreamSource source) { m_source = source; }

@@ -165,6 +165,28 @@ TEST(StreamManager, LooseAndPackedAssetsHaveOnePath)
     EXPECT_TRUE(manager->GetPackagePath(WString(u"core")).IsEmpty());
 }
 
+TEST(StreamManager, LoaderThreadsThatAskFirstMeetOneManager)
+{
+    for (int round = 0; round < 50; ++round)
+    {
+        StreamManager::Destroy();
+        std::atomic<int> ready{0};
+        StreamManager* seen[4] = {};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&, t] {
+                ready.fetch_add(1);
+                while (ready.load() < 4)
+                    std::this_thread::yield();
+                seen[t] = StreamManager::Ins();
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        for (StreamManager* manager : seen)
+            EXPECT_EQ(manager, StreamManager::Ins());
+    }
+}
+
 TEST(StreamManager, LoaderThreadsOpenWhileAliasesAreLearnt)
 {
     Root root;

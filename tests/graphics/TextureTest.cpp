@@ -13,32 +13,12 @@
 #include "lifecycle/Engine.h"
 #include "reflection/Function.h"
 #include "support/LogCapture.h"
+#include "support/NullEngine.h"
 
 using namespace KovexEngine;
+using KovexTest::NullEngine;
 
 namespace {
-
-class NullEngine
-{
-public:
-    NullEngine()
-    {
-        g_IsNullRenderer = true;
-        Kovex_Main_Initialize();
-        Renderer::SetupPlatformAuto();
-        GraphicsParameters parameters;
-        parameters.Width = 320;
-        parameters.Height = 200;
-        Kovex_InitRenderer(parameters);
-    }
-    ~NullEngine()
-    {
-        Kovex_Main_Terminate();
-        Kovex_Renderer_Terminate();
-        Kovex_System_Terminate();
-        g_IsNullRenderer = false;
-    }
-};
 
 TextureDesc Desc2D(uint32 w, uint32 h, GraphicsFormat format = GraphicsFormat::R8G8B8A8_UNORM, uint32 views = 1)
 {

@@ -12,34 +12,14 @@
 #include "kernel/EngineGlobals.h"
 #include "lifecycle/Engine.h"
 #include "support/LogCapture.h"
+#include "support/NullEngine.h"
 #include "support/TempDir.h"
 #include "serialization/SerializerTestSupport.h"
 
 using namespace KovexEngine;
+using KovexTest::NullEngine;
 
 namespace {
-
-class NullEngine
-{
-public:
-    NullEngine()
-    {
-        g_IsNullRenderer = true;
-        Kovex_Main_Initialize();
-        Renderer::SetupPlatformAuto();
-        GraphicsParameters parameters;
-        parameters.Width = 64;
-        parameters.Height = 64;
-        Kovex_InitRenderer(parameters);
-    }
-    ~NullEngine()
-    {
-        Kovex_Main_Terminate();
-        Kovex_Renderer_Terminate();
-        Kovex_System_Terminate();
-        g_IsNullRenderer = false;
-    }
-};
 
 // A 24-bit bottom-up BMP of 3x2 pixels, rows padded to 12 bytes.
 std::string SmallBmp()
@@ -68,7 +48,7 @@ uint32 Uploaded(const Ptr<Texture>& texture) { return static_cast<NullTexture*>(
 
 TEST(ImageTexture, ImagesBecomeTexturesThroughTheInstalledSource)
 {
-    NullEngine engine;
+    NullEngine engine(64, 64);
     TextureFactory* factory = TextureFactory::Get();
     ASSERT_TRUE(TextureFactory::GetImageSource().FromImage);
     TextureDesc desc = TextureFactory::Make2DDesc(8, 4, GraphicsFormat::R8G8B8A8_UNORM, 1);
@@ -98,7 +78,7 @@ TEST(ImageTexture, ImagesBecomeTexturesThroughTheInstalledSource)
 
 TEST(ImageTexture, StreamsAndPathsWithOneTexturePerPath)
 {
-    NullEngine engine;
+    NullEngine engine(64, 64);
     TextureFactory* factory = TextureFactory::Get();
     KovexTest::TempDir dir;
     const std::string file = SmallBmp();
@@ -133,7 +113,7 @@ TEST(ImageTexture, StreamsAndPathsWithOneTexturePerPath)
 
 TEST(ImageTextureThreads, OnePathLoadedFromSeveralThreadsIsOneTexture)
 {
-    NullEngine engine;
+    NullEngine engine(64, 64);
     TextureFactory* factory = TextureFactory::Get();
     KovexTest::TempDir dir;
     const std::string file = SmallBmp();

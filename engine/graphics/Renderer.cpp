@@ -251,6 +251,7 @@ void Renderer::OnDestroying()
     m_curDepthStencil = nullptr;
     m_defaultGroup.Clear();
     m_currentGroup.Clear();
+    SetCurrentProgram(nullptr);
 }
 
 void Renderer::OnDestroyed()
@@ -459,7 +460,14 @@ void Renderer::BeginFrame()
     ApplyViewport(m_currentViewport);
 }
 
-void Renderer::CleanupFrameState() {}
+void Renderer::CleanupFrameState() { SetCurrentProgram(nullptr); }
+
+void Renderer::SetCurrentProgram(ProgramRef program)
+{
+    // The new reference first: setting the same program again keeps it.
+    m_currentProgramRef = program.object;
+    m_currentProgram = program.program;
+}
 
 void Renderer::SetViewport(const Viewport& viewport)
 {

@@ -34,6 +34,7 @@
 #include "math/Matrix.h"
 #include "math/Plane.h"
 #include "math/Quaternion.h"
+#include "math/Rect.h"
 #include "math/Transform.h"
 #include "math/Vector.h"
 #include "reflection/BaseType.h"

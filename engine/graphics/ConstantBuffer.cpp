@@ -105,6 +105,8 @@ Ptr<ConstantBuffer> ConstantBufferFactory::Create(uint32 size, std::atomic<int32
     Ptr<ConstantBuffer::Stream> stream(new ConstantBuffer::Stream());
     if (!stream->ExtendTo(rounded, false))
         return Ptr<ConstantBuffer>();
+    // Registers a shader reads but nobody wrote are zeros, not old heap.
+    std::memset(stream->GetPointer(), 0, rounded);
     Ptr<ConstantBuffer> buffer(NewConstantBuffer());
     buffer->SetStream(Ptr<GraphicsStream>(stream.Get()));
     buffer->SetByteWidth(rounded);

@@ -21,6 +21,7 @@
 #include "graphics/HWCapability.h"
 #include "graphics/RenderStates.h"
 #include "graphics/Texture.h"
+#include "math/Rect.h"
 #include "reflection/Delegate.h"
 
 namespace KovexEngine {
@@ -152,6 +153,11 @@ public:
     void SetViewport(const Viewport& viewport);
     void SetViewport(uint32 width, uint32 height);
     void SetViewport(uint32 x, uint32 y, uint32 width, uint32 height);
+    // Left, top, width and height from the rectangle (an inverted one gives
+    // an empty viewport).
+    void SetViewportRect(const Rect& rect);
+    // Left, top, left + width, top + height of the current viewport.
+    Rect GetViewportRect() const;
     // The size of render target 0 of the current group, depth 0 to 1.
     void SetViewportByRT0();
     const Viewport& GetViewport() const { return m_currentViewport; }

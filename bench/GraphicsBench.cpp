@@ -245,7 +245,10 @@ void BM_BlockedBuffer_AllocateRecycle(benchmark::State& state)
 }
 BENCHMARK(BM_BlockedBuffer_AllocateRecycle);
 
-void BM_Malloc_AllocateFree(benchmark::State& state)
+// Half allocations, half frees of a random live block: the baselines of the
+// pool benchmarks, with their sizes.
+template <typename SIZE>
+void MallocFreeWorkload(benchmark::State& state, SIZE sizeOf)
 {
     uint32 seed = 12345;
     auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
@@ -255,7 +258,7 @@ void BM_Malloc_AllocateFree(benchmark::State& state)
     {
         if ((next() >> 8) % 2 == 0 || live.empty())
         {
-            live.push_back(std::malloc(16 + (next() >> 8) % 1024));
+            live.push_back(std::malloc(sizeOf(next() >> 8)));
             ++count;
         }
         else
@@ -269,6 +272,11 @@ void BM_Malloc_AllocateFree(benchmark::State& state)
     for (void* p : live)
         std::free(p);
     state.SetItemsProcessed(int64_t(count));
+}
+
+void BM_Malloc_AllocateFree(benchmark::State& state)
+{
+    MallocFreeWorkload(state, [](uint32 r) { return 16 + r % 1024; });
 }
 BENCHMARK(BM_Malloc_AllocateFree);
 
@@ -347,28 +355,7 @@ BENCHMARK(BM_VertexPool_RequireRecycle);
 
 void BM_Malloc_PoolSizes(benchmark::State& state)
 {
-    uint32 seed = 12345;
-    auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
-    std::vector<void*> live;
-    uint64 count = 0;
-    for (auto _ : state)
-    {
-        if ((next() >> 8) % 2 == 0 || live.empty())
-        {
-            live.push_back(std::malloc(32 * (1 + (next() >> 8) % 32)));
-            ++count;
-        }
-        else
-        {
-            size_t pick = (next() >> 8) % live.size();
-            std::free(live[pick]);
-            live[pick] = live.back();
-            live.pop_back();
-        }
-    }
-    for (void* p : live)
-        std::free(p);
-    state.SetItemsProcessed(int64_t(count));
+    MallocFreeWorkload(state, [](uint32 r) { return 32 * (1 + r % 32); });
 }
 BENCHMARK(BM_Malloc_PoolSizes);
 

@@ -154,16 +154,10 @@ Ptr<GraphicsBuffer> VertexBufferFactory::DynamicVBBlockedPool::CreateBuffer(cons
 }
 
 VertexBufferFactory::VertexBufferFactory()
-    : GraphicsBufferFactory(FactoryType::VertexBufferFactory), m_pool(new VBBlockedPool(this)),
-      m_dynamicPool(new DynamicVBBlockedPool(this))
+    : GraphicsBufferFactory(FactoryType::VertexBufferFactory), m_pools(new VBBlockedPool(this), new DynamicVBBlockedPool(this))
 {
 }
 
-VertexBufferFactory::~VertexBufferFactory()
-{
-    delete m_pool;
-    delete m_dynamicPool;
-}
 
 bool VertexBufferFactory::M_RequireBlock(GraphicsBufferBlock& out, const Ptr<VertexDecl>& decl, uint32 count,
                                          bool dynamic, uint32 sizeClass)
@@ -183,18 +177,15 @@ void VertexBufferFactory::SetBlockedBufferDefSize(uint32 size) { Pool::SetDefaul
 
 uint32 VertexBufferFactory::M_GetBlockedBufferSize(bool dynamic, uint32 sizeClass) const
 {
-    return (dynamic ? static_cast<const Pool&>(*m_dynamicPool) : *m_pool).GetBufferSize(sizeClass);
+    return m_pools.Get(dynamic).GetBufferSize(sizeClass);
 }
-
 void VertexBufferFactory::M_SetBlockedBufferSize(bool dynamic, uint32 sizeClass, uint32 size)
 {
-    GetPool(dynamic).SetBufferSize(sizeClass, size);
+    m_pools.Get(dynamic).SetBufferSize(sizeClass, size);
 }
-
 void VertexBufferFactory::OnExit()
 {
-    m_pool->M_Destroy();
-    m_dynamicPool->M_Destroy();
+    m_pools.Destroy();
     GraphicsBufferFactory::OnExit();
 }
 
@@ -237,17 +228,11 @@ Ptr<GraphicsBuffer> IndexBufferFactory::DynamicIBBlockedPool::CreateBuffer(const
 }
 
 IndexBufferFactory::IndexBufferFactory()
-    : GraphicsBufferFactory(FactoryType::IndexBufferFactory), m_pool(new IBBlockedPool(this)),
-      m_dynamicPool(new DynamicIBBlockedPool(this))
+    : GraphicsBufferFactory(FactoryType::IndexBufferFactory), m_pools(new IBBlockedPool(this), new DynamicIBBlockedPool(this))
 {
     Pool::SetDefaultSize(16384);
 }
 
-IndexBufferFactory::~IndexBufferFactory()
-{
-    delete m_pool;
-    delete m_dynamicPool;
-}
 
 bool IndexBufferFactory::M_RequireBlock(GraphicsBufferBlock& out, IndexBuffer::IndexFormat format, uint32 count,
                                         bool dynamic, uint32 sizeClass)
@@ -266,18 +251,15 @@ void IndexBufferFactory::SetBlockedBufferDefSize(uint32 size) { Pool::SetDefault
 
 uint32 IndexBufferFactory::M_GetBlockedBufferSize(bool dynamic, uint32 sizeClass) const
 {
-    return (dynamic ? static_cast<const Pool&>(*m_dynamicPool) : *m_pool).GetBufferSize(sizeClass);
+    return m_pools.Get(dynamic).GetBufferSize(sizeClass);
 }
-
 void IndexBufferFactory::M_SetBlockedBufferSize(bool dynamic, uint32 sizeClass, uint32 size)
 {
-    GetPool(dynamic).SetBufferSize(sizeClass, size);
+    m_pools.Get(dynamic).SetBufferSize(sizeClass, size);
 }
-
 void IndexBufferFactory::OnExit()
 {
-    m_pool->M_Destroy();
-    m_dynamicPool->M_Destroy();
+    m_pools.Destroy();
     GraphicsBufferFactory::OnExit();
 }
 

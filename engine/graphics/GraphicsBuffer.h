@@ -113,6 +113,28 @@ public:
         static uint32 ms_defaultSize;
     };
 
+    // A factory's plain and dynamic pool of one key, owned.
+    template <typename Key>
+    struct TPoolPair
+    {
+        TBlockedBufferPool<Key>* plain;
+        TBlockedBufferPool<Key>* dynamic;
+        TPoolPair(TBlockedBufferPool<Key>* p, TBlockedBufferPool<Key>* d) : plain(p), dynamic(d) {}
+        TPoolPair(const TPoolPair&) = delete;
+        TPoolPair& operator=(const TPoolPair&) = delete;
+        ~TPoolPair()
+        {
+            delete plain;
+            delete dynamic;
+        }
+        TBlockedBufferPool<Key>& Get(bool isDynamic) const { return isDynamic ? *dynamic : *plain; }
+        void Destroy()
+        {
+            plain->M_Destroy();
+            dynamic->M_Destroy();
+        }
+    };
+
 protected:
     // Null, with `invalidLine` for a missing or empty stream and
     // `dynamicLine` when the stream's dynamic kind does not match the usage;

@@ -95,7 +95,6 @@ public:
 
     // Sets the index pools' default buffer size to 16384 bytes.
     IndexBufferFactory();
-    ~IndexBufferFactory() override;
     static IndexBufferFactory* Get()
     {
         return static_cast<IndexBufferFactory*>(GetSlot(FactoryType::IndexBufferFactory));
@@ -114,7 +113,7 @@ public:
     static void SetBlockedBufferDefSize(uint32 size);
     uint32 M_GetBlockedBufferSize(bool dynamic, uint32 sizeClass) const;
     void M_SetBlockedBufferSize(bool dynamic, uint32 sizeClass, uint32 size);
-    Pool& GetPool(bool dynamic) { return dynamic ? static_cast<Pool&>(*m_dynamicPool) : *m_pool; }
+    Pool& GetPool(bool dynamic) { return m_pools.Get(dynamic); }
 
     // Both pools forget their buffers, then the base work.
     void OnExit() override;
@@ -123,8 +122,7 @@ protected:
     virtual IndexBuffer* NewIndexBuffer() = 0;
 
 private:
-    IBBlockedPool* m_pool;
-    DynamicIBBlockedPool* m_dynamicPool;
+    TPoolPair<IndexBuffer::IndexFormat> m_pools;
 };
 
 } // namespace KovexEngine

@@ -114,7 +114,6 @@ public:
     };
 
     VertexBufferFactory();
-    ~VertexBufferFactory() override;
     static VertexBufferFactory* Get()
     {
         return static_cast<VertexBufferFactory*>(GetSlot(FactoryType::VertexBufferFactory));
@@ -134,7 +133,7 @@ public:
     static void SetBlockedBufferDefSize(uint32 size);
     uint32 M_GetBlockedBufferSize(bool dynamic, uint32 sizeClass) const;
     void M_SetBlockedBufferSize(bool dynamic, uint32 sizeClass, uint32 size);
-    Pool& GetPool(bool dynamic) { return dynamic ? static_cast<Pool&>(*m_dynamicPool) : *m_pool; }
+    Pool& GetPool(bool dynamic) { return m_pools.Get(dynamic); }
 
     // Both pools forget their buffers, then the base work.
     void OnExit() override;
@@ -143,8 +142,7 @@ protected:
     virtual VertexBuffer* NewVertexBuffer() = 0;
 
 private:
-    VBBlockedPool* m_pool;
-    DynamicVBBlockedPool* m_dynamicPool;
+    TPoolPair<Ptr<VertexDecl>> m_pools;
 };
 
 } // namespace KovexEngine

@@ -105,7 +105,8 @@ public:
     private:
         struct KeyBuffers
         {
-            Key key{};
+            KeyBuffers() : key(), buffers() {}
+            Key key;
             TArray<Ptr<BlockedGraphicsBuffer>> buffers;
         };
         TMap<uint32, TMap<uint64, KeyBuffers>> m_classes;

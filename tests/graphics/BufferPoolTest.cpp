@@ -3,8 +3,10 @@
 #include <atomic>
 #include <map>
 #include <random>
+#include <thread>
 #include <vector>
 
+#include "graphics/ConstantBuffer.h"
 #include "graphics/GraphicsThread.h"
 #include "graphics/IndexBuffer.h"
 #include "graphics/VertexBuffer.h"
@@ -308,4 +310,53 @@ TEST(GraphicsThreads, DynamicStreamsAreDoubleBuffered)
     Kovex_FrameBegin();
     Kovex_FrameEnd();
     EXPECT_EQ(factory->GetNumPrecached(), 0u);
+}
+
+// Workers make and drop dynamic vertex buffers (joining and leaving the
+// precache list) and named constant buffers (the factory's map) while the
+// main thread runs frames through the started graphics thread.
+TEST(GraphicsThreads, BufferFactoriesUnderLoad)
+{
+    KovexTest::NullEngine engine;
+    ASSERT_TRUE(GraphicsThread::Ins()->Start());
+    g_ptrRenderer->GetHWCapability()->SupportNamedConstantBuffer = true;
+    VertexBufferFactory* vertices = VertexBufferFactory::Get();
+    ConstantBufferFactory* constants = ConstantBufferFactory::Get();
+    VertexElement e = Element(GraphicsSemantic::Position, GraphicsLayoutFormat::Float4, 0);
+
+    constexpr int kWorkers = 3, kPerWorker = 400;
+    std::atomic<int> misses{0}, done{0};
+    std::vector<std::thread> workers;
+    for (int w = 0; w < kWorkers; ++w)
+        workers.emplace_back([&] {
+            std::vector<Ptr<VertexBuffer>> held;
+            for (int i = 0; i < kPerWorker; ++i)
+            {
+                held.push_back(vertices->Create(VertexBuffer::DynamicStream::Create(&e, 1, 16, true),
+                                                uint32(GraphicsResourceCpuAccess::Write),
+                                                GraphicsResourceUsage::Dynamic, nullptr));
+                if (held.size() > 8)
+                    held.erase(held.begin());
+                Ptr<ShaderCBuffer> cbuffer(new ShaderCBuffer());
+                cbuffer->SetName(TSharedString<WString>(u"PerObject"));
+                Ptr<ConstantBuffer> made = constants->Create(cbuffer, 64);
+                if (!made || constants->Find(cbuffer).Get() != made.Get())
+                    ++misses;
+            }
+            ++done;
+        });
+    for (int frames = 0; done.load() < kWorkers && frames < 100000; ++frames)
+    {
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+    }
+    for (std::thread& t : workers)
+        t.join();
+    for (int i = 0; i < 2; ++i)
+    {
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+    }
+    EXPECT_EQ(misses.load(), 0);
+    EXPECT_EQ(vertices->GetNumPrecached(), 0u) << "every dropped buffer left the list";
 }

@@ -40,6 +40,11 @@ bool ConstantBuffer::WriteConstant(uint32 offset, const void* data, uint32 size,
     const uint8* src = static_cast<const uint8*>(data);
     if (rowStride == 16)
         std::memcpy(dst, src, size);
+    else if (rowStride == 0)
+    {
+        Log::Print(LOG_WARNING, u"Write Constant failed.\n");
+        return false;
+    }
     else if (rowStride > 16)
     {
         Log::Print(LOG_INFO, u"Write Constant failed, 'RowStride' must less equal to 16.\n");
@@ -49,7 +54,7 @@ bool ConstantBuffer::WriteConstant(uint32 offset, const void* data, uint32 size,
     {
         // The destination runs ahead of the source, so bounding the row by
         // the destination also keeps the read inside the source.
-        for (uint32 d = 0, s = 0; rowStride && d < size && s < size; d += 16, s += rowStride)
+        for (uint32 d = 0, s = 0; d < size && s < size; d += 16, s += rowStride)
             std::memcpy(dst + d, src + s, rowStride < size - d ? rowStride : size - d);
     }
     stream->MakeDirty(offset, size);
@@ -132,12 +137,11 @@ Ptr<ConstantBuffer> ConstantBufferFactory::Create(const Ptr<ShaderCBuffer>& cbuf
     return buffer;
 }
 
-const Ptr<ConstantBuffer>& ConstantBufferFactory::Find(const Ptr<ShaderCBuffer>& cbuffer)
+Ptr<ConstantBuffer> ConstantBufferFactory::Find(const Ptr<ShaderCBuffer>& cbuffer)
 {
-    static const Ptr<ConstantBuffer> none;
     CriticalSection::Scope lock(m_namedLock);
     const Ptr<ConstantBuffer>* found = m_named.FindValue(cbuffer.Get());
-    return found ? *found : none;
+    return found ? *found : Ptr<ConstantBuffer>();
 }
 
 void ConstantBufferFactory::OnExit()

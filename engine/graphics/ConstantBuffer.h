@@ -73,8 +73,9 @@ public:
     // Only with the capability SupportNamedConstantBuffer and a named shader
     // buffer; the buffer is then found again by Find.
     Ptr<ConstantBuffer> Create(const Ptr<ShaderCBuffer>& cbuffer, uint32 size, std::atomic<int32>* pending = nullptr);
-    // The buffer made for this shader buffer; a shared null Ptr on a miss.
-    const Ptr<ConstantBuffer>& Find(const Ptr<ShaderCBuffer>& cbuffer);
+    // The buffer made for this shader buffer; null on a miss. A copy, not a
+    // reference into the map: another thread's Create may move the map.
+    Ptr<ConstantBuffer> Find(const Ptr<ShaderCBuffer>& cbuffer);
 
     // Forgets the named buffers, then the base work.
     void OnExit() override;

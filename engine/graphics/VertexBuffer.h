@@ -85,7 +85,6 @@ public:
     bool AllowReleaseStream() const override;
 };
 
-class VertexDecl;
 extern template class GraphicsBufferFactory::TBlockedBufferPool<Ptr<VertexDecl>>;
 
 class KOVEX_API VertexBufferFactory : public GraphicsBufferFactory

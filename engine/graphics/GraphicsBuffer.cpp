@@ -149,6 +149,8 @@ void BlockedGraphicsBuffer::Reset()
 
 uint32 BlockedGraphicsBuffer::M_Require(uint32 size)
 {
+    // A zero-size range is refused: its used pair could never be recycled
+    // (M_Recycle ignores size 0) and repeated requests would pile up.
     if (size == 0)
         return kNone;
     uint32 result = kNone;

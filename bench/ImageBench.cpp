@@ -1,10 +1,16 @@
 // Image work beside the plainest code that does the same job on the same
 // buffer: a swizzle beside memcpy, the mip chain beside a 2x2 box-filter
-// loop, block compression beside libsquish called directly.
+// loop, block compression beside libsquish called directly, PNG and JPEG
+// decoding through the loaders beside libpng's and libjpeg's simplest use.
 
 #include <benchmark/benchmark.h>
 
 #include <squish.h>
+
+#include <png.h>
+// jpeglib.h needs size_t and FILE declared first.
+#include <cstdio>
+#include <jpeglib.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +20,8 @@
 
 #include "graphics/GraphicsFormat.h"
 #include "images/Image.h"
+#include "images/ImageLoader.h"
+#include "io/MemoryStream.h"
 #include "images/PixelFormatConverter.h"
 
 using namespace KovexEngine;
@@ -185,5 +193,160 @@ BENCHMARK(BM_CompressBC1_Image_1024)->Unit(benchmark::kMillisecond)->Iterations(
 BENCHMARK(BM_CompressBC1_Squish_Baseline_1024)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_CompressBC3_Image_1024)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_CompressBC3_Squish_Baseline_1024)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// --- Decoding -------------------------------------------------------------------------
+
+constexpr uint32 kDecodeSize = 2048;
+
+// One 2048x2048 picture, encoded once per process.
+const std::vector<uint8>& DecodePixels()
+{
+    static const std::vector<uint8> pixels = [] {
+        std::vector<uint8> p(size_t(kDecodeSize) * kDecodeSize * 4);
+        Picture(p.data(), kDecodeSize);
+        return p;
+    }();
+    return pixels;
+}
+
+const std::vector<uint8>& PngFile()
+{
+    static const std::vector<uint8> file = [] {
+        png_image image{};
+        image.version = PNG_IMAGE_VERSION;
+        image.width = kDecodeSize;
+        image.height = kDecodeSize;
+        image.format = PNG_FORMAT_RGBA;
+        png_alloc_size_t size = 0;
+        png_image_write_to_memory(&image, nullptr, &size, 0, DecodePixels().data(), 0, nullptr);
+        std::vector<uint8> out(size);
+        png_image_write_to_memory(&image, out.data(), &size, 0, DecodePixels().data(), 0, nullptr);
+        out.resize(size);
+        return out;
+    }();
+    return file;
+}
+
+const std::vector<uint8>& JpgFile()
+{
+    static const std::vector<uint8> file = [] {
+        jpeg_compress_struct c{};
+        jpeg_error_mgr error{};
+        c.err = jpeg_std_error(&error);
+        jpeg_create_compress(&c);
+        unsigned char* buffer = nullptr;
+        unsigned long size = 0;
+        jpeg_mem_dest(&c, &buffer, &size);
+        c.image_width = kDecodeSize;
+        c.image_height = kDecodeSize;
+        c.input_components = 3;
+        c.in_color_space = JCS_RGB;
+        jpeg_set_defaults(&c);
+        jpeg_set_quality(&c, 90, TRUE);
+        jpeg_start_compress(&c, TRUE);
+        std::vector<uint8> row(kDecodeSize * 3);
+        const uint8* rgba = DecodePixels().data();
+        while (c.next_scanline < c.image_height)
+        {
+            const uint8* src = rgba + size_t(c.next_scanline) * kDecodeSize * 4;
+            for (uint32 x = 0; x < kDecodeSize; ++x)
+                std::memcpy(&row[x * 3], src + x * 4, 3);
+            JSAMPROW rows[1] = {row.data()};
+            jpeg_write_scanlines(&c, rows, 1);
+        }
+        jpeg_finish_compress(&c);
+        std::vector<uint8> out(buffer, buffer + size);
+        jpeg_destroy_compress(&c);
+        std::free(buffer);
+        return out;
+    }();
+    return file;
+}
+
+// The engine's way: a stream over the file in memory, the loader the
+// registry picks, Load.
+void DecodeThroughLoader(benchmark::State& state, const std::vector<uint8>& file, const char16_t* path)
+{
+    DataStream data(unsigned(file.size()));
+    std::memcpy(data.GetPointer(), file.data(), file.size());
+    Ptr<MemoryStream> stream(new MemoryStream(&data, false));
+    stream->SetPath(path);
+    Ptr<ImageLoader> loader = ImageLoader::CreateLoader(stream.Get());
+    if (!loader)
+    {
+        state.SkipWithError("no loader takes the file");
+        return;
+    }
+    loader->SetStream(Ptr<Stream>(stream.Get()));
+    for (auto _ : state)
+    {
+        if (!loader->Load())
+        {
+            state.SkipWithError("load failed");
+            return;
+        }
+        benchmark::DoNotOptimize(loader->GetImage()->GetData());
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * kDecodeSize * kDecodeSize);
+}
+
+void BM_DecodePNG_Loader_2048(benchmark::State& state) { DecodeThroughLoader(state, PngFile(), u"bench.png"); }
+
+void BM_DecodePNG_LibpngSimplified_Baseline_2048(benchmark::State& state)
+{
+    const std::vector<uint8>& file = PngFile();
+    for (auto _ : state)
+    {
+        png_image image{};
+        image.version = PNG_IMAGE_VERSION;
+        if (!png_image_begin_read_from_memory(&image, file.data(), file.size()))
+        {
+            state.SkipWithError("libpng refused the file");
+            return;
+        }
+        image.format = PNG_FORMAT_RGBA;
+        // Allocated per decode, as the loader allocates its image's buffer.
+        uint8* out = static_cast<uint8*>(std::malloc(PNG_IMAGE_SIZE(image)));
+        png_image_finish_read(&image, nullptr, out, 0, nullptr);
+        benchmark::DoNotOptimize(out);
+        std::free(out);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * kDecodeSize * kDecodeSize);
+}
+
+void BM_DecodeJPG_Loader_2048(benchmark::State& state) { DecodeThroughLoader(state, JpgFile(), u"bench.jpg"); }
+
+void BM_DecodeJPG_LibjpegScanlines_Baseline_2048(benchmark::State& state)
+{
+    const std::vector<uint8>& file = JpgFile();
+    for (auto _ : state)
+    {
+        jpeg_decompress_struct d{};
+        jpeg_error_mgr error{};
+        d.err = jpeg_std_error(&error);
+        jpeg_create_decompress(&d);
+        jpeg_mem_src(&d, file.data(), (unsigned long)file.size());
+        jpeg_read_header(&d, TRUE);
+        d.out_color_space = JCS_RGB;
+        jpeg_start_decompress(&d);
+        const size_t stride = size_t(d.output_width) * d.output_components;
+        uint8* out = static_cast<uint8*>(std::malloc(stride * d.output_height));
+        while (d.output_scanline < d.output_height)
+        {
+            JSAMPROW rows[1] = {out + stride * d.output_scanline};
+            jpeg_read_scanlines(&d, rows, 1);
+        }
+        jpeg_finish_decompress(&d);
+        jpeg_destroy_decompress(&d);
+        benchmark::DoNotOptimize(out);
+        std::free(out);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * kDecodeSize * kDecodeSize);
+}
+
+BENCHMARK(BM_DecodePNG_Loader_2048)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DecodePNG_LibpngSimplified_Baseline_2048)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DecodeJPG_Loader_2048)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DecodeJPG_LibjpegScanlines_Baseline_2048)->Unit(benchmark::kMillisecond);
 
 } // namespace

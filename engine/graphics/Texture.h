@@ -34,6 +34,15 @@ public:
     bool IsUnorderedAccessView() const { return m_desc.ViewFlags & TextureViewFlags::UNORDERED_ACCESS; }
     virtual void GenerateMips() {}
 
+    // Writes a box of one subresource (mip + MipLevels * arrayIndex) from
+    // memory laid out as `data` says. False for a subresource out of range
+    // or a device side that takes no updates. Called on the ticking thread.
+    bool UpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box);
+    // While a stream fills the texture from its smallest level up: the
+    // lowest mip it holds. 0 for a complete texture.
+    uint32 GetFirstResidentMip() const { return m_firstResidentMip.load(std::memory_order_acquire); }
+    void SetFirstResidentMip(uint32 mip) { m_firstResidentMip.store(mip, std::memory_order_release); }
+
     // Only between textures of the same class, size, mip chain and bit layout.
     bool CanCopyTo(GraphicsResource* dst) override;
     // Bytes of the mapped subresource's rows (of the box, when given).
@@ -64,7 +73,11 @@ public:
     uint32 GetInitialDataSize() const { return m_initialSize; }
     void DropInitialData() { SetInitialData(Ptr<Object>(), nullptr, 0); }
 
+protected:
+    virtual bool DeviceUpdateSubresource(uint32, const MappedSubresource&, const MappedBox*) { return false; }
+
 private:
+    std::atomic<uint32> m_firstResidentMip{0};
     TextureDesc m_desc;
     WString m_path;
     Ptr<Object> m_initialOwner;

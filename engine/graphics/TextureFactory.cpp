@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "graphics/Renderer.h"
+#include "graphics/TextureStreaming.h"
 #include "io/StreamManager.h"
 #include "kernel/Log.h"
 
@@ -53,6 +54,22 @@ uint32 Texture::CalculateDataSize(uint32 subresource, const MappedSubresource& m
     // The last row of the last slice needs only its own bytes, not the pitch.
     uint64 size = uint64(depth - 1) * mapped.DepthPitch + uint64(rows - 1) * mapped.RowPitch + rowBytes;
     return size > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32(size);
+}
+
+bool Texture::UpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box)
+{
+    const uint32 mips = m_desc.MipLevels ? m_desc.MipLevels : 1;
+    if (!data.pData || subresource >= mips * m_desc.ArraySize)
+        return false;
+    if (box)
+    {
+        const uint32 mip = subresource % mips;
+        if (box->right <= box->left || box->bottom <= box->top || box->back <= box->front ||
+            box->right > m_desc.GetMipWidth(mip) || box->bottom > m_desc.GetMipHeight(mip) ||
+            box->back > m_desc.GetMipDepth(mip))
+            return false;
+    }
+    return DeviceUpdateSubresource(subresource, data, box);
 }
 
 #define KOVEX_TEXTURE_FRONT(call)                       \
@@ -190,7 +207,9 @@ size_t TextureFactory::TexturePool::GetNumPooled() const
 
 // --- Factory ---------------------------------------------------------------------------
 
-TextureFactory::~TextureFactory() = default;
+TextureFactory::TextureFactory() : GraphicsFactory(FactoryType::TextureFactory) {}
+
+TextureFactory::~TextureFactory() { StopStreaming(); }
 
 namespace {
 
@@ -405,6 +424,8 @@ void TextureFactory::GetScreenSize(uint32& width, uint32& height, uint32 nthOfSc
 namespace {
 std::atomic<bool (*)(const Ptr<Object>&, TextureSource&)> s_fromImage{nullptr};
 std::atomic<bool (*)(const Ptr<Stream>&, TextureSource&)> s_fromStream{nullptr};
+std::atomic<bool (*)(const Ptr<Stream>&, TextureSource&, Ptr<TextureStreamingLoad>&)> s_beginStream{nullptr};
+std::atomic<uint32> s_streamingThreshold{4u << 20};
 
 void LoadFailed(const WString& reason, const WString& path)
 {
@@ -416,11 +437,15 @@ void TextureFactory::SetImageSource(const TextureImageSource& source)
 {
     s_fromImage.store(source.FromImage);
     s_fromStream.store(source.FromStream);
+    s_beginStream.store(source.BeginStream);
 }
+
+void TextureFactory::SetStreamingThreshold(uint32 bytes) { s_streamingThreshold.store(bytes); }
+uint32 TextureFactory::GetStreamingThreshold() { return s_streamingThreshold.load(); }
 
 TextureImageSource TextureFactory::GetImageSource()
 {
-    return TextureImageSource{s_fromImage.load(), s_fromStream.load()};
+    return TextureImageSource{s_fromImage.load(), s_fromStream.load(), s_beginStream.load()};
 }
 
 Ptr<Texture> TextureFactory::CreateFromSource(TextureSource& source, GraphicsResourceUsage usage, const WString& path,
@@ -464,6 +489,24 @@ Ptr<Texture> TextureFactory::Create(const Ptr<Object>& image, GraphicsResourceUs
 Ptr<Texture> TextureFactory::Create(const Ptr<Stream>& stream, std::atomic<int32>* pending)
 {
     WString path = stream ? stream->GetPath() : WString();
+    auto beginStream = s_beginStream.load();
+    if (stream && beginStream)
+    {
+        TextureSource partial;
+        Ptr<TextureStreamingLoad> load;
+        if (beginStream(stream, partial, load) && load)
+        {
+            // Nothing reads the load's levels yet: the thread has not got it.
+            const uint32 firstMip = load->GetFirstResidentMip();
+            Ptr<Texture> texture = CreateFromSource(partial, GraphicsResourceUsage::Default, path, pending);
+            if (!texture)
+                return texture;
+            texture->SetFirstResidentMip(firstMip);
+            if (StreamingThread* thread = GetStreamingThread())
+                thread->Add(load, texture, firstMip);
+            return texture;
+        }
+    }
     auto fromStream = s_fromStream.load();
     TextureSource source;
     if (!stream || !fromStream || !fromStream(stream, source))
@@ -479,6 +522,11 @@ Ptr<Texture> TextureFactory::Create(const Ptr<Stream>& stream, std::atomic<int32
 }
 
 Ptr<Texture> TextureFactory::Create(const WString& path, std::atomic<int32>* pending)
+{
+    return LoadSharedResource(path, pending);
+}
+
+Ptr<Texture> TextureFactory::LoadSharedResource(const WString& path, std::atomic<int32>* pending)
 {
     if (Ptr<Texture> shared = FindTexture(path))
         return shared;
@@ -515,8 +563,73 @@ void TextureFactory::AddSharedResource(const WString& path, const Ptr<Texture>& 
     m_shared[path] = texture;
 }
 
+Ptr<Texture> TextureFactory::CreateDepthBuffer(const GraphicsParameters& parameters)
+{
+    return Create2DDepth(parameters.Width, parameters.Height, parameters.DepthStencilFormat);
+}
+
+StreamingThread* TextureFactory::GetStreamingThread()
+{
+    CriticalSection::Scope lock(m_streamingLock);
+    if (!m_streaming)
+    {
+        auto* thread = new FinalThread<StreamingThread>();
+        if (!thread->Init())
+        {
+            delete thread;
+            Log::Print(LOG_WARNING, u"Texture Thread could not be started.\n");
+            return nullptr;
+        }
+        thread->SetName("Texture Thread");
+        m_streaming = thread;
+    }
+    return m_streaming;
+}
+
+void TextureFactory::StopStreaming()
+{
+    StreamingThread* thread = nullptr;
+    {
+        CriticalSection::Scope lock(m_streamingLock);
+        thread = m_streaming;
+        m_streaming = nullptr;
+    }
+    delete thread; // joins it
+}
+
+void TextureFactory::UpdateStreaming()
+{
+    StreamingThread* thread = nullptr;
+    {
+        CriticalSection::Scope lock(m_streamingLock);
+        thread = m_streaming;
+    }
+    // The thread is deleted only on this same ticking thread (OnInit, OnExit).
+    if (thread)
+        thread->Update();
+}
+
+size_t TextureFactory::GetNumStreaming()
+{
+    CriticalSection::Scope lock(m_streamingLock);
+    return m_streaming ? m_streaming->GetNumItems() : 0;
+}
+
+void TextureFactory::OnInit()
+{
+    StopStreaming();
+    GraphicsFactory::OnInit();
+}
+
+void TextureFactory::OnTick()
+{
+    UpdateStreaming();
+    GraphicsFactory::OnTick();
+}
+
 void TextureFactory::OnExit()
 {
+    StopStreaming();
     {
         std::map<WString, Ptr<Texture>> dropped;
         CriticalSection::Scope lock(m_sharedLock);

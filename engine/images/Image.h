@@ -12,6 +12,8 @@
 namespace KovexEngine {
 
 class Serializer;
+class Texture;
+struct MappedSubresource;
 
 class KOVEX_API Image : public Object
 {
@@ -51,6 +53,15 @@ public:
     bool GetSubresourceLayout(uint32 arrayIndex, uint32 mip, uint8*& data, uint32& rowPitch,
                               uint32& slicePitch) const;
 
+    // The same as a mapped record: true without data too (null pointer).
+    bool GetMappedSubresource(MappedSubresource& mapped, uint32 arrayIndex, uint32 mip) const;
+    // Writes mips [firstMip, firstMip + count) of every array slice into a
+    // texture of the same size, array size and format. False, writing
+    // nothing, for a null texture, a count of 0, a range beyond the chain or
+    // a texture of another shape; also when the device takes no update.
+    bool UploadData(Texture* texture) const;
+    bool UploadData(Texture* texture, uint32 firstMip, uint32 count) const;
+
     // Opens the path through the stream manager and loads it with the loader
     // the registry picks; null when there is no stream or no loader takes it.
     static Ptr<Image> LoadImage(const WString& path);
@@ -63,6 +74,9 @@ public:
     bool Convert(uint32 format, bool allMips);
     // Between two of the fourteen plain formats only.
     bool ConvertUncompressed(uint32 format, bool allMips);
+    // To a format the renderer takes as a 2D texture (all mips). False
+    // without a renderer, or, with its line, when nothing compatible exists.
+    bool ConvertToDeviceCompatibleFormat();
     // Fills mips 1 and up from mip 0 with a 2x2 box filter in a work format;
     // with convertBack the image returns to its format afterwards.
     bool GenerateMipmaps(bool convertBack);

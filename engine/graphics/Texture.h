@@ -54,11 +54,18 @@ public:
     static Ptr<Texture> Create(const TextureDesc& desc, GraphicsResourceUsage usage);
     static Ptr<Texture> Create2DRT(uint32 width, uint32 height, GraphicsFormat format);
     static Ptr<Texture> Create2DDepth(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Create2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                           GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                           uint32 viewFlags);
     static Ptr<Texture> Create2DStaging(uint32 width, uint32 height, GraphicsFormat format);
     static Ptr<Texture> CreateCubeRT(uint32 size, GraphicsFormat format);
     static Ptr<Texture> Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest);
     static Ptr<Texture> Require2DRT(uint32 width, uint32 height, GraphicsFormat format);
     static Ptr<Texture> Require2DDepth(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Require2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                            GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                            uint32 viewFlags);
+    static Ptr<Texture> RequireCubeRT(uint32 size, GraphicsFormat format);
     static Ptr<Texture> Require2DStaging(uint32 width, uint32 height, GraphicsFormat format, bool findClosest);
     static void Recycle(Texture* texture);
 
@@ -89,6 +96,7 @@ private:
 // bound as one; ClearOnApply asks the device to clear them when applied.
 struct KOVEX_API RenderTargetGroup
 {
+    KOVEX_STRUCT(RenderTargetGroup)
     static constexpr unsigned kMaxTargets = 8;
     Ptr<Texture> RenderTargets[kMaxTargets];
     uint32 ArrayIndices[kMaxTargets] = {};

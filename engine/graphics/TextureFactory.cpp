@@ -89,6 +89,17 @@ Ptr<Texture> Texture::Create2DStaging(uint32 w, uint32 h, GraphicsFormat f)
     KOVEX_TEXTURE_FRONT(Create2DStaging(w, h, f))
 }
 Ptr<Texture> Texture::CreateCubeRT(uint32 size, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(CreateCubeRT(size, f)) }
+Ptr<Texture> Texture::Create2DTypelessRT(uint32 w, uint32 h, GraphicsFormat f, GraphicsFormat rtv, GraphicsFormat srv,
+                                         uint32 views)
+{
+    KOVEX_TEXTURE_FRONT(Create2DTypelessRT(w, h, f, rtv, srv, views))
+}
+Ptr<Texture> Texture::Require2DTypelessRT(uint32 w, uint32 h, GraphicsFormat f, GraphicsFormat rtv, GraphicsFormat srv,
+                                          uint32 views)
+{
+    KOVEX_TEXTURE_FRONT(Require2DTypelessRT(w, h, f, rtv, srv, views))
+}
+Ptr<Texture> Texture::RequireCubeRT(uint32 size, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(RequireCubeRT(size, f)) }
 Ptr<Texture> Texture::Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest)
 {
     KOVEX_TEXTURE_FRONT(Require(desc, usage, findClosest))
@@ -355,12 +366,57 @@ Ptr<Texture> TextureFactory::Create2DStaging(uint32 width, uint32 height, Graphi
     return Create(Make2DDesc(width, height, format, 0), GraphicsResourceUsage::Staging, nullptr);
 }
 
-Ptr<Texture> TextureFactory::CreateCubeRT(uint32 size, GraphicsFormat format)
+TextureDesc TextureFactory::MakeCubeDesc(uint32 size, GraphicsFormat format)
 {
     TextureDesc d = Make2DDesc(size, size, format, TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
     d.Dimension = uint32(TextureDimension::Cube);
     d.ArraySize = 6;
-    return Create(d, GraphicsResourceUsage::Default, nullptr);
+    return d;
+}
+
+TextureDesc TextureFactory::MakeTypelessDesc(uint32 width, uint32 height, GraphicsFormat format,
+                                             GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                             uint32 viewFlags)
+{
+    TextureDesc d = Make2DDesc(width, height, format, viewFlags);
+    d.TypelessRtvDsvFormat = uint32(typelessRtvDsvFormat);
+    d.TypelessSavUavFormat = uint32(typelessSrvUavFormat);
+    return d;
+}
+
+Ptr<Texture> TextureFactory::CreateCubeRT(uint32 size, GraphicsFormat format)
+{
+    return Create(MakeCubeDesc(size, format), GraphicsResourceUsage::Default, nullptr);
+}
+
+Ptr<Texture> TextureFactory::Create2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                                GraphicsFormat typelessRtvDsvFormat,
+                                                GraphicsFormat typelessSrvUavFormat, uint32 viewFlags)
+{
+    return Create(MakeTypelessDesc(width, height, format, typelessRtvDsvFormat, typelessSrvUavFormat, viewFlags),
+                  GraphicsResourceUsage::Default, nullptr);
+}
+
+Ptr<Texture> TextureFactory::Require2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                                 GraphicsFormat typelessRtvDsvFormat,
+                                                 GraphicsFormat typelessSrvUavFormat, uint32 viewFlags)
+{
+    return Require(MakeTypelessDesc(width, height, format, typelessRtvDsvFormat, typelessSrvUavFormat, viewFlags),
+                   GraphicsResourceUsage::Default, false);
+}
+
+Ptr<Texture> TextureFactory::Require2DTypelessRT(GraphicsFormat format, GraphicsFormat typelessRtvDsvFormat,
+                                                 GraphicsFormat typelessSrvUavFormat, uint32 viewFlags,
+                                                 uint32 nthOfScreen)
+{
+    uint32 w = 0, h = 0;
+    GetScreenSize(w, h, nthOfScreen);
+    return Require2DTypelessRT(w, h, format, typelessRtvDsvFormat, typelessSrvUavFormat, viewFlags);
+}
+
+Ptr<Texture> TextureFactory::RequireCubeRT(uint32 size, GraphicsFormat format)
+{
+    return Require(MakeCubeDesc(size, format), GraphicsResourceUsage::Default, false);
 }
 
 Ptr<Texture> TextureFactory::Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest)

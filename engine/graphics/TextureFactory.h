@@ -120,6 +120,11 @@ public:
     Ptr<Texture> Create2DDepth(uint32 width, uint32 height, GraphicsFormat format);
     Ptr<Texture> Create2DStaging(uint32 width, uint32 height, GraphicsFormat format);
     Ptr<Texture> CreateCubeRT(uint32 size, GraphicsFormat format);
+    // A typeless 2D texture whose views see it through the two formats;
+    // `viewFlags` holds TextureViewFlags bits.
+    Ptr<Texture> Create2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                    GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                    uint32 viewFlags);
 
     // Installed once by the image layer, before textures are loaded.
     static void SetImageSource(const TextureImageSource& source);
@@ -154,6 +159,12 @@ public:
     Ptr<Texture> Require2DDepth(uint32 width, uint32 height, GraphicsFormat format);
     Ptr<Texture> Require2DDepth(GraphicsFormat format, uint32 nthOfScreen);
     Ptr<Texture> Require2DStaging(uint32 width, uint32 height, GraphicsFormat format, bool findClosest);
+    Ptr<Texture> Require2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                     GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                     uint32 viewFlags);
+    Ptr<Texture> Require2DTypelessRT(GraphicsFormat format, GraphicsFormat typelessRtvDsvFormat,
+                                     GraphicsFormat typelessSrvUavFormat, uint32 viewFlags, uint32 nthOfScreen);
+    Ptr<Texture> RequireCubeRT(uint32 size, GraphicsFormat format);
     // Back to its usage's pool; null is ignored.
     void Recycle(Texture* texture);
     void Recycle(TArray<Ptr<Texture>>& textures);
@@ -171,6 +182,10 @@ public:
     void OnExit() override;
 
     static TextureDesc Make2DDesc(uint32 width, uint32 height, GraphicsFormat format, uint32 viewFlags);
+    static TextureDesc MakeTypelessDesc(uint32 width, uint32 height, GraphicsFormat format,
+                                        GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                        uint32 viewFlags);
+    static TextureDesc MakeCubeDesc(uint32 size, GraphicsFormat format);
 
 protected:
     virtual Texture* NewTexture() = 0;

@@ -35,4 +35,29 @@ inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extension
     return 0;
 }
 
+// The incremental path: Begin at a level taken from the input, Continue
+// until complete (bounded by the chain), End.
+inline int RunStreaming(const uint8_t* data, size_t size, const char16_t* extensionPath)
+{
+    using namespace KovexEngine;
+    QuietLog();
+    auto* bytes = new DataStream(unsigned(size));
+    if (size)
+        std::memcpy(bytes->GetPointer(), data, size);
+    Ptr<Stream> stream(new MemoryStream(bytes, true));
+    Ptr<ImageLoader> loader = ImageLoader::CreateLoader(WString(extensionPath));
+    if (!loader || !loader->SupportStreaming())
+        return 0;
+    loader->SetStream(stream);
+    const uint32 first = size > 128 ? data[size - 1] % 20 : 3;
+    if (loader->Begin(first))
+    {
+        for (uint32 step = 0; step < Image::kMaxMipLevels && !loader->IsCompleted(); ++step)
+            if (!loader->Continue())
+                break;
+    }
+    loader->End();
+    return 0;
+}
+
 } // namespace KovexFuzz

@@ -73,6 +73,11 @@ public:
     static Ptr<ImageLoader> CreateLoader(const WString& path);
     static void Destroy();
 
+    // Levels to leave out at the small end (DDS only), set by whoever
+    // streams textures before Parse, Load or Begin.
+    void SetMipReduction(uint32 levels) { m_mipReduction = levels; }
+    uint32 GetMipReduction() const { return m_mipReduction; }
+
     void SetStream(const Ptr<Stream>& stream);
     // The header alone: fills the image's desc.
     bool Parse();

@@ -177,8 +177,12 @@ bool ImageLoaderDDS::ReadHeader()
             ++mips;
         }
     }
+    m_reduced = 0;
     if (m_mipReduction + 1 < mips)
+    {
         mips -= m_mipReduction;
+        m_reduced = m_mipReduction;
+    }
     desc.MipLevels = mips;
     m_image->SetDesc(desc);
     return true;
@@ -192,7 +196,9 @@ bool ImageLoaderDDS::PrepareData(bool& allLevels)
     // The file's own layout: its levels as the header counts them.
     TextureDesc file = desc;
     file.MipLevels = m_fileMips;
-    allLevels = m_fileMips == desc.MipLevels;
+    // Levels left out at the small end are still in the file: what is kept
+    // reads from it, at the offsets of the file's own chain.
+    allLevels = m_fileMips == desc.MipLevels + m_reduced;
     uint32 size = 0;
     // Every byte to be read must be in the file before anything is allocated.
     if (!Image::IsDescUsable(file, size) || !Image::IsDescUsable(desc, size) ||

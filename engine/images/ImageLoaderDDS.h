@@ -79,6 +79,7 @@ private:
 
     DDS_HEADER m_header = {};
     uint32 m_fileMips = 1;
+    uint32 m_reduced = 0; // levels the mip reduction took off this header's chain
     bool m_streamOpened = false;
 };
 

@@ -262,3 +262,18 @@ TEST(ImageLoaderDDSStreaming, RefusedWhereTheFileLacksTheChain)
         EXPECT_FALSE(bmp->Continue());
     }
 }
+
+TEST(ImageLoaderDDSStreaming, MipReductionDropsTheSmallEnd)
+{
+    Ptr<ImageLoader> loader = DdsLoader(KovexTest::StreamableDds(16, 5));
+    ASSERT_TRUE(loader);
+    loader->SetMipReduction(2);
+    ASSERT_TRUE(loader->Load());
+    EXPECT_EQ(loader->GetDesc().MipLevels, 3u);
+    EXPECT_EQ(loader->GetDesc().Width, 16u) << "the size stays";
+    EXPECT_EQ(loader->GetImage()->GetData(0, 2, 0)[0], 2 * 16 + 1) << "kept levels come from the file";
+    // A reduction that would leave nothing is not applied.
+    loader->SetMipReduction(5);
+    ASSERT_TRUE(loader->Parse());
+    EXPECT_EQ(loader->GetDesc().MipLevels, 5u);
+}

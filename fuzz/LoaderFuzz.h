@@ -16,14 +16,21 @@
 
 namespace KovexFuzz {
 
-inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extensionPath)
+// The input as a stream of its own.
+inline KovexEngine::Ptr<KovexEngine::Stream> InputStream(const uint8_t* data, size_t size)
 {
     using namespace KovexEngine;
     QuietLog();
     auto* bytes = new DataStream(unsigned(size));
     if (size)
         std::memcpy(bytes->GetPointer(), data, size);
-    Ptr<Stream> stream(new MemoryStream(bytes, true));
+    return Ptr<Stream>(new MemoryStream(bytes, true));
+}
+
+inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extensionPath)
+{
+    using namespace KovexEngine;
+    Ptr<Stream> stream = InputStream(data, size);
     Ptr<ImageLoader> loader =
         extensionPath ? ImageLoader::CreateLoader(WString(extensionPath)) : ImageLoader::CreateLoader(stream.Get());
     if (!loader)
@@ -40,11 +47,7 @@ inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extension
 inline int RunStreaming(const uint8_t* data, size_t size, const char16_t* extensionPath)
 {
     using namespace KovexEngine;
-    QuietLog();
-    auto* bytes = new DataStream(unsigned(size));
-    if (size)
-        std::memcpy(bytes->GetPointer(), data, size);
-    Ptr<Stream> stream(new MemoryStream(bytes, true));
+    Ptr<Stream> stream = InputStream(data, size);
     Ptr<ImageLoader> loader = ImageLoader::CreateLoader(WString(extensionPath));
     if (!loader || !loader->SupportStreaming())
         return 0;

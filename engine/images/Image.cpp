@@ -145,7 +145,9 @@ bool Image::IsDescUsable(const TextureDesc& d, uint32& size)
     return true;
 }
 
-bool Image::CreateData()
+bool Image::CreateData() { return CreateData(true); }
+
+bool Image::CreateData(bool zeroFill)
 {
     uint32 size = 0;
     if (!IsDescUsable(m_desc, size))
@@ -155,7 +157,7 @@ bool Image::CreateData()
     }
     if (size == m_dataSize && m_data)
         return true;
-    uint8* fresh = static_cast<uint8*>(std::calloc(size, 1));
+    uint8* fresh = static_cast<uint8*>(zeroFill ? std::calloc(size, 1) : std::malloc(size));
     if (!fresh)
         return false;
     std::free(m_data);

@@ -33,6 +33,9 @@ public:
     // Sizes the buffer for the desc; reallocates only when the size differs.
     // False, with no buffer, when the desc is unusable (see IsDescUsable).
     bool CreateData();
+    // Without zeroFill a new buffer's bytes are undefined: for a decoder that
+    // writes every byte before anyone reads one.
+    bool CreateData(bool zeroFill);
     void DeleteData();
     void FillData(uint8 value);
     void SetDesc(const TextureDesc& desc) { m_desc = desc; }

@@ -150,7 +150,8 @@ Status DecodeC(PngState* state, bool pixels)
         png_destroy_read_struct(&png, &info, nullptr);
         return kNotRgba;
     }
-    if (!state->image->CreateData())
+    // png_read_image writes every row; a long jump frees the buffer.
+    if (!state->image->CreateData(false))
     {
         png_destroy_read_struct(&png, &info, nullptr);
         return kNoMemory;

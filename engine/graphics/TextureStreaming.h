@@ -6,8 +6,9 @@
 // first; it streams a file whose loader can (DDS holding its whole chain),
 // whose format the device takes as it is, and whose level 0 (all array
 // slices) holds at least TextureFactory::GetStreamingThreshold() bytes. The
-// caller gets the texture at once, holding the smallest levels; the "Texture
-// Thread" reads one larger level of each item per pass and publishes it;
+// caller gets the texture at once, holding the smallest levels (those of at
+// most 64 KiB, leaving at least level 0 to stream); the "Texture Thread"
+// reads one larger level of each item per pass and publishes it;
 // UpdateStreaming, from TextureFactory::OnTick, uploads what was published.
 // Streamed textures have Default usage so that the device takes updates.
 //

@@ -5,6 +5,9 @@
 //
 // Threads: an image belongs to one thread at a time; nothing in it is shared
 // or locked. Different images may be worked on by different threads at once.
+// The one exception is a streamed image (graphics/TextureStreaming.h): its
+// loader writes each level once, on the Texture Thread, and only levels
+// already published are read elsewhere; desc and buffer stay put meanwhile.
 
 #include "graphics/TextureDesc.h"
 #include "reflection/Object.h"

@@ -93,11 +93,8 @@ uint64 LevelBytes(const TextureDesc& desc, uint32 mip)
 // The levels read before the texture is handed out: those up to this size.
 constexpr uint64 kFirstLevelBytes = 64 * 1024;
 
-bool BeginStream(const Ptr<Stream>& stream, TextureSource& out, Ptr<TextureStreamingLoad>& load)
+bool TryBeginStream(const Ptr<Stream>& stream, TextureSource& out, Ptr<TextureStreamingLoad>& load)
 {
-    const uint32 threshold = TextureFactory::GetStreamingThreshold();
-    if (!stream || threshold == 0 || !g_ptrRenderer)
-        return false;
     Ptr<ImageLoader> loader = ImageLoader::CreateLoader(stream.Get());
     if (!loader || !loader->SupportStreaming())
         return false;
@@ -106,7 +103,8 @@ bool BeginStream(const Ptr<Stream>& stream, TextureSource& out, Ptr<TextureStrea
         return false;
     const TextureDesc desc = loader->GetDesc();
     // A streamed image is never converted: the device must take it as it is.
-    if (desc.MipLevels < 2 || LevelBytes(desc, 0) < threshold || !ImageLoader::SupportFormat(desc.Format))
+    if (desc.MipLevels < 2 || LevelBytes(desc, 0) < TextureFactory::GetStreamingThreshold() ||
+        !ImageLoader::SupportFormat(desc.Format))
         return false;
     uint32 first = desc.MipLevels - 1;
     while (first > 1 && LevelBytes(desc, first - 1) <= kFirstLevelBytes)
@@ -120,6 +118,19 @@ bool BeginStream(const Ptr<Stream>& stream, TextureSource& out, Ptr<TextureStrea
         return false;
     load = Ptr<TextureStreamingLoad>(new LoaderStreamingLoad(loader));
     return true;
+}
+
+bool BeginStream(const Ptr<Stream>& stream, TextureSource& out, Ptr<TextureStreamingLoad>& load)
+{
+    if (!stream || TextureFactory::GetStreamingThreshold() == 0 || !g_ptrRenderer)
+        return false;
+    // A stream not taken goes on to the whole load from where it stood.
+    const int64 position = stream->GetPosition();
+    if (TryBeginStream(stream, out, load))
+        return true;
+    if (stream->IsOpenned())
+        stream->SetPosition(position);
+    return false;
 }
 
 const bool s_installed = [] {

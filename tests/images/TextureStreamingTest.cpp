@@ -10,6 +10,8 @@
 #include "graphics/TextureFactory.h"
 #include "graphics/null/NullRenderer.h"
 #include "lifecycle/Engine.h"
+#include "kernel/StringConv.h"
+#include "support/LogCapture.h"
 #include "support/NullEngine.h"
 #include "support/TempDir.h"
 
@@ -99,6 +101,38 @@ TEST(TextureStreaming, LargeDdsArrivesSmallestFirstAndCompletesInTheTick)
     ASSERT_TRUE(whole);
     EXPECT_EQ(whole->GetFirstResidentMip(), 0u);
     EXPECT_EQ(Null(whole)->GetUploadedBytes(), ChainBytes(512, 0, 10));
+}
+
+TEST(TextureStreaming, DamagedAndAbandonedStreams)
+{
+    NullEngine engine(64, 64);
+    Threshold threshold(64 * 64 * 4);
+    TextureFactory* factory = TextureFactory::Get();
+    TempDir dir;
+    // Cut inside level 0: neither streamed nor loaded whole.
+    const std::string whole = KovexTest::StreamableDds(512, 10);
+    dir.Write("cut.dds", whole.substr(0, whole.size() / 2));
+    KovexTest::LogCapture log;
+    EXPECT_FALSE(factory->Create(dir.W("cut.dds"), nullptr));
+    EXPECT_EQ(factory->GetNumStreaming(), 0u);
+    const std::string line = "Load texture failed, its pixels do not load, path = '" + dir.path + "/cut.dds'\n";
+    EXPECT_TRUE(log->Contains(StringConvFuncs::ToWString(line.c_str()).c_str()));
+
+    // A texture let go while it streams finishes and goes with its item.
+    dir.Write("dropped.dds", whole);
+    Ptr<Texture> texture = factory->Create(dir.W("dropped.dds"), nullptr);
+    ASSERT_TRUE(texture);
+    const unsigned before = factory->GetNumObjects();
+    texture = nullptr;
+    factory->OnExit(); // the shared table let go too, as at shutdown
+    EXPECT_EQ(factory->GetNumStreaming(), 0u) << "stopping the thread drops its items";
+    EXPECT_LT(factory->GetNumObjects(), before);
+    // A new stream after the stop starts a new Texture Thread.
+    dir.Write("after.dds", whole);
+    Ptr<Texture> after = factory->Create(dir.W("after.dds"), nullptr);
+    ASSERT_TRUE(after);
+    ASSERT_TRUE(TickUntilStreamed(factory, 20.0));
+    EXPECT_EQ(after->GetFirstResidentMip(), 0u);
 }
 
 TEST(TextureStreamingThreads, StreamsRequestedFromThreadsWhileTheMainThreadTicks)

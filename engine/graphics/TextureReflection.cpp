@@ -59,6 +59,7 @@ void Texture::StaticConstructor(Class* cls)
     AddFunction(cls, u"IsDepthStencil", &T::IsDepthStencil);
     AddFunction(cls, u"IsShaderResource", &T::IsShaderResource);
     AddFunction(cls, u"IsUnorderedAccessView", &T::IsUnorderedAccessView);
+    AddFunction(cls, u"GetFirstResidentMip", &T::GetFirstResidentMip);
     // The factory's front, callable by name; each answers null without a renderer.
     AddFunction(cls, u"LoadFromPath", &T::LoadFromPath, {u"path"});
     AddFunction(cls, u"FindByPath", &T::FindByPath, {u"path"});

@@ -133,6 +133,13 @@ TEST(TextureReflection, FactoryFrontCalledByName)
         ASSERT_EQ(stack->RetVar().GetClass(), TextureDesc::StaticGetClass());
         EXPECT_EQ(static_cast<const TextureDesc*>(stack->RetVar().GetStructMem())->Width, 16u);
     }
+    {
+        made->SetFirstResidentMip(2);
+        TFunctionStack<2> stack(0, true);
+        ASSERT_TRUE(made->Invoke(WString(u"GetFirstResidentMip"), stack.Get()));
+        EXPECT_EQ(stack->RetVar().GetUInt(), 2u);
+        made->SetFirstResidentMip(0);
+    }
     for (const char16_t* name : {u"LoadFromPath", u"FindByPath", u"Create", u"Create2DDepth", u"Create2DTypelessRT",
                                  u"Create2DStaging", u"CreateCubeRT", u"Require", u"Require2DDepth",
                                  u"Require2DTypelessRT", u"RequireCubeRT", u"Require2DStaging"})

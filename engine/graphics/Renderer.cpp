@@ -15,6 +15,7 @@ void Renderer::StaticConstructor(Class* cls)
 {
     RegisterBases<Renderer, Object>(cls);
     using R = Renderer;
+    AddFunction(cls, u"SetRTGroup", &R::SetRTGroup, {u"renderTargetGroup"});
     AddFunction(cls, u"Clear", &R::Clear, {u"mode", u"color", u"depth", u"stencil"});
     AddFunction(cls, u"ClearSingle", static_cast<void (R::*)(Texture*, const Vector4&)>(&R::ClearSingle),
                 {u"texture", u"color"});

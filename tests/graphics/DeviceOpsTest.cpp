@@ -152,4 +152,15 @@ TEST(NullRenderer, ViewportRectsAndTheirReflectedCalls)
     target->Var(0) = uint32(0);
     ASSERT_TRUE(r.Invoke(WString(u"GetRenderTarget"), target.Get()));
     EXPECT_EQ(target->RetVar().GetObject(), static_cast<Object*>(r.GetRenderTarget(0).Get()));
+
+    // A group handed over by name binds its targets like a direct call.
+    Ptr<Texture> colour = Texture::Create2DRT(64, 32, GraphicsFormat::R8G8B8A8_UNORM);
+    ASSERT_NE(colour, nullptr);
+    RenderTargetGroup group;
+    ASSERT_TRUE(group.SetRenderTarget(0, colour, 0));
+    TFunctionStack<1> bind(1, true);
+    ASSERT_TRUE(bind->Var(0).SetStructMem(&group, RenderTargetGroup::StaticGetClass(), true, true));
+    ASSERT_TRUE(r.Invoke(WString(u"SetRTGroup"), bind.Get()));
+    EXPECT_EQ(r.GetRenderTarget(0), colour);
+    EXPECT_EQ(r.GetNumActivedRenderTargets(), 1u);
 }

@@ -376,8 +376,12 @@ void VulkanRenderer::ClearColor(VkCommandBuffer cmd, VulkanTexture& texture, con
     if (!texture.GetImage() || VulkanFormats::IsDepthFormat(texture.GetVkFormat()))
         return;
     Transition(cmd, texture, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
-    VkClearColorValue value = VulkanFormats::MakeClearColor(texture.GetDesc().Format, color.x, color.y, color.z,
-                                                            color.w);
+    // A typeless target is cleared as its render-target view reads it.
+    const TextureDesc& desc = texture.GetDesc();
+    const uint32 viewFormat = GraphicsFormat::IsTypeless(int(desc.Format)) && desc.TypelessRtvDsvFormat
+                                  ? desc.TypelessRtvDsvFormat
+                                  : desc.Format;
+    VkClearColorValue value = VulkanFormats::MakeClearColor(viewFormat, color.x, color.y, color.z, color.w);
     VkImageSubresourceRange range = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, layer < 0 ? 0u : uint32(layer),
                                      layer < 0 ? VK_REMAINING_ARRAY_LAYERS : 1u};
     vkCmdClearColorImage(cmd, texture.GetImage(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, &value, 1, &range);

@@ -88,6 +88,25 @@ void BM_Vulkan_Baseline_MemcpyFrame640x360(benchmark::State& state)
 }
 BENCHMARK(BM_Vulkan_Baseline_MemcpyFrame640x360)->Unit(benchmark::kMillisecond);
 
+// Times `upload` (which makes one device object from 64 MiB) and, untimed,
+// drops what it made and lets the factories destroy it at a frame start.
+template <typename UPLOAD>
+void TimeUploads(benchmark::State& state, UPLOAD upload)
+{
+    for (auto _ : state)
+    {
+        Ptr<GraphicsObject> made = upload();
+        if (!made || !made->IsCreated())
+            state.SkipWithError("upload failed");
+        state.PauseTiming();
+        made = nullptr;
+        Kovex_FrameBegin();
+        Kovex_FrameEnd();
+        state.ResumeTiming();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kBigBytes));
+}
+
 void BM_Vulkan_UploadTexture64MiB(benchmark::State& state)
 {
     VulkanEngine engine;
@@ -99,19 +118,10 @@ void BM_Vulkan_UploadTexture64MiB(benchmark::State& state)
     Ptr<Image> image(new Image());
     image->Create(TextureFactory::Make2DDesc(4096, 4096, GraphicsFormat::R8G8B8A8_UNORM, 1));
     image->FillData(0x5A);
-    TextureFactory* factory = TextureFactory::Get();
-    for (auto _ : state)
-    {
-        Ptr<Texture> texture = factory->Create(Ptr<Object>(image.Get()), GraphicsResourceUsage::Immutable, nullptr);
-        if (!texture || !texture->IsCreated())
-            state.SkipWithError("upload failed");
-        state.PauseTiming();
-        texture = nullptr;
-        Kovex_FrameBegin(); // the factory destroys what was dropped
-        Kovex_FrameEnd();
-        state.ResumeTiming();
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kBigBytes));
+    TimeUploads(state, [&] {
+        return Ptr<GraphicsObject>(
+            TextureFactory::Get()->Create(Ptr<Object>(image.Get()), GraphicsResourceUsage::Immutable, nullptr).Get());
+    });
 }
 BENCHMARK(BM_Vulkan_UploadTexture64MiB)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -127,19 +137,10 @@ void BM_Vulkan_UploadBuffer64MiB(benchmark::State& state)
     element.Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float4, 0, 0, GraphicsInputClass::PerVertex, 0);
     Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(&element, 1, uint32(kBigBytes / 16), true);
     memset(stream->GetPointer(0), 0x3C, kBigBytes);
-    VertexBufferFactory* factory = VertexBufferFactory::Get();
-    for (auto _ : state)
-    {
-        Ptr<VertexBuffer> buffer = factory->Create(stream, 0, GraphicsResourceUsage::Default, nullptr);
-        if (!buffer || !buffer->IsCreated())
-            state.SkipWithError("upload failed");
-        state.PauseTiming();
-        buffer = nullptr;
-        Kovex_FrameBegin();
-        Kovex_FrameEnd();
-        state.ResumeTiming();
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kBigBytes));
+    TimeUploads(state, [&] {
+        return Ptr<GraphicsObject>(
+            VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Default, nullptr).Get());
+    });
 }
 BENCHMARK(BM_Vulkan_UploadBuffer64MiB)->Unit(benchmark::kMillisecond)->UseRealTime();
 

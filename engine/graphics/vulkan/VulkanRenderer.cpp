@@ -442,7 +442,8 @@ void VulkanRenderer::ClearUAV(GraphicsResource* resource, uint32 index, uint32 v
     VulkanTexture* target = AsVulkan(dynamic_cast<Texture*>(resource));
     if (!target || !target->IsUnorderedAccessView())
         return;
-    // The value reaches every channel as its raw bits, as an unsigned clear.
+    // The value reaches every channel as its bits: exact for 32-bit channels;
+    // a narrower float or normalised channel gets those bits read as a float.
     float bits = 0;
     memcpy(&bits, &value, 4);
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());

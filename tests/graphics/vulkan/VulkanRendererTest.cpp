@@ -4,9 +4,11 @@
 #include <string.h>
 
 #include <atomic>
+#include <functional>
 #include <chrono>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "graphics/IndexBuffer.h"
@@ -595,4 +597,29 @@ TEST(VulkanThreads, FramesRunOnTheGraphicsThread)
     const float last[4] = {0.0f, 1.0f, 0.0f, 1.0f};
     const std::vector<Encoding> encodings = Encodings();
     ExpectCleared(r.GetRenderTarget(0).Get(), *FindEncoding(encodings, GraphicsFormat::R8G8B8A8_UNORM), last);
+}
+
+TEST(VulkanClear, UnorderedAccessClearsWriteTheValueBits)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    VulkanEngine engine;
+    ASSERT_TRUE(engine.IsOpen());
+    const uint32 views = TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::UNORDERED_ACCESS;
+    for (auto [format, value] : {std::pair<GraphicsFormat::TYPE, uint32>{GraphicsFormat::R32_UINT, 0xDEADBEEFu},
+                                 {GraphicsFormat::R32_FLOAT, 0x3F800000u}})
+    {
+        Ptr<Texture> texture = Texture::Create(TextureFactory::Make2DDesc(4, 2, format, views),
+                                               GraphicsResourceUsage::Default);
+        ASSERT_TRUE(texture && texture->IsCreated()) << FormatName(format);
+        g_ptrRenderer->ClearUAV(texture.Get(), 0, value);
+        std::vector<uint8> bytes;
+        ASSERT_TRUE(engine.Renderer().ReadTexture(texture.Get(), 0, 0, bytes));
+        ASSERT_EQ(bytes.size(), 32u);
+        uint32 last = 0;
+        memcpy(&last, bytes.data() + 28, 4);
+        EXPECT_EQ(last, value) << FormatName(format);
+    }
+    // A texture without the view is left alone.
+    Ptr<Texture> plain = Texture::Create2DDepth(4, 2, GraphicsFormat::D32_FLOAT);
+    g_ptrRenderer->ClearUAV(plain.Get(), 0, 1);
 }

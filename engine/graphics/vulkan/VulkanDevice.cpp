@@ -234,6 +234,28 @@ bool VulkanDevice::CreateDevice()
     info.queueCreateInfoCount = 1;
     info.pQueueCreateInfos = &queue;
     info.pEnabledFeatures = &features;
+    // Dynamic rendering and what it builds on, where the device has them.
+    const char* rendering[] = {VK_KHR_CREATE_RENDERPASS_2_EXTENSION_NAME,
+                               VK_KHR_DEPTH_STENCIL_RESOLVE_EXTENSION_NAME,
+                               VK_KHR_DYNAMIC_RENDERING_EXTENSION_NAME};
+    uint32 count = 0;
+    vkEnumerateDeviceExtensionProperties(m_physical, nullptr, &count, nullptr);
+    std::vector<VkExtensionProperties> available(count);
+    vkEnumerateDeviceExtensionProperties(m_physical, nullptr, &count, available.data());
+    uint32 found = 0;
+    for (const char* name : rendering)
+        for (const VkExtensionProperties& extension : available)
+            found += strcmp(extension.extensionName, name) == 0;
+    VkPhysicalDeviceDynamicRenderingFeaturesKHR dynamicRendering = {
+        VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_DYNAMIC_RENDERING_FEATURES_KHR};
+    const bool withRendering = found == 3;
+    if (withRendering)
+    {
+        dynamicRendering.dynamicRendering = VK_TRUE;
+        info.pNext = &dynamicRendering;
+        info.enabledExtensionCount = 3;
+        info.ppEnabledExtensionNames = rendering;
+    }
     VkResult result = vkCreateDevice(m_physical, &info, nullptr, &m_device);
     if (result != VK_SUCCESS)
     {
@@ -243,6 +265,15 @@ bool VulkanDevice::CreateDevice()
         return false;
     }
     vkGetDeviceQueue(m_device, m_queueFamily, 0, &m_queue);
+    if (withRendering)
+    {
+        m_beginRendering = reinterpret_cast<PFN_vkCmdBeginRenderingKHR>(
+            vkGetDeviceProcAddr(m_device, "vkCmdBeginRenderingKHR"));
+        m_endRendering =
+            reinterpret_cast<PFN_vkCmdEndRenderingKHR>(vkGetDeviceProcAddr(m_device, "vkCmdEndRenderingKHR"));
+    }
+    else
+        Log::Print(LOG_INFO, u"Vulkan: the device has no dynamic rendering; it cannot draw.\n");
     VkCommandPoolCreateInfo pool = {VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
     pool.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
     pool.queueFamilyIndex = m_queueFamily;
@@ -296,6 +327,8 @@ void VulkanDevice::Close()
     }
     m_pool = VK_NULL_HANDLE;
     m_device = VK_NULL_HANDLE;
+    m_beginRendering = nullptr;
+    m_endRendering = nullptr;
     m_queue = VK_NULL_HANDLE;
     m_physical = VK_NULL_HANDLE;
     if (m_messenger)

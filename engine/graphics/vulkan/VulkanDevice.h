@@ -61,6 +61,10 @@ public:
     VkCommandPool GetCommandPool() const { return m_pool; }
     const VkPhysicalDeviceProperties& GetProperties() const { return m_properties; }
     VulkanMemory& GetMemory() { return m_memory; }
+    // Drawing renders with VK_KHR_dynamic_rendering; null where the device
+    // lacks it (clears, copies and read-back do not need it).
+    PFN_vkCmdBeginRenderingKHR GetBeginRendering() const { return m_beginRendering; }
+    PFN_vkCmdEndRenderingKHR GetEndRendering() const { return m_endRendering; }
     std::recursive_mutex& GetLock() { return m_lock; }
 
     // The format's optimal-tiling features on this device.
@@ -80,6 +84,8 @@ private:
     uint32 m_queueFamily = 0;
     VkCommandPool m_pool = VK_NULL_HANDLE;
     VulkanMemory m_memory;
+    PFN_vkCmdBeginRenderingKHR m_beginRendering = nullptr;
+    PFN_vkCmdEndRenderingKHR m_endRendering = nullptr;
     std::recursive_mutex m_lock;
 };
 

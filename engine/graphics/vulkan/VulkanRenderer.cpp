@@ -4,6 +4,7 @@
 
 #include "graphics/vulkan/VulkanFormats.h"
 #include "graphics/vulkan/VulkanResources.h"
+#include "graphics/VertexBuffer.h"
 #include "kernel/Log.h"
 
 namespace KovexEngine {
@@ -83,6 +84,8 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
     VkFenceCreateInfo fence = {VK_STRUCTURE_TYPE_FENCE_CREATE_INFO};
     for (uint32 i = 0; i < kFramesInFlight && result == VK_SUCCESS; ++i)
         result = vkCreateFence(device, &fence, nullptr, &m_frameFences[i]);
+    if (result == VK_SUCCESS && !m_pipelines.Init(device))
+        result = VK_ERROR_INITIALIZATION_FAILED;
     if (result != VK_SUCCESS)
     {
         Log::Format(LOG_WARNING, u"Vulkan: frame resources could not be made (%d).\n", int(result));
@@ -138,6 +141,7 @@ void VulkanRenderer::CloseDevice()
         m_completed = m_submitted;
         m_recording = false;
         CollectGarbage();
+        m_pipelines.Destroy();
         for (uint32 i = 0; i < kFramesInFlight; ++i)
             if (m_frameFences[i])
                 vkDestroyFence(device, m_frameFences[i], nullptr);
@@ -463,7 +467,7 @@ void VulkanRenderer::ClearUAV(GraphicsResource* resource, uint32 index, uint32 v
 
 // --- State ------------------------------------------------------------------------------------
 
-void VulkanRenderer::ApplyViewport(const Viewport&) {}
+void VulkanRenderer::ApplyViewport(const Viewport& viewport) { m_viewport = viewport; }
 void VulkanRenderer::ApplyRTGroup(const RenderTargetGroup& group) { m_bound = group; }
 void VulkanRenderer::ApplyBlendState(BlendState*, BlendState*) {}
 void VulkanRenderer::ApplyRasterizerState(RasterizerState*, RasterizerState*) {}
@@ -551,6 +555,138 @@ GraphicsFactory* VulkanRenderer::CreateInputLayoutFactory()
 }
 GraphicsFactory* VulkanRenderer::CreateProgramCompiler() { return new GraphicsFactory(FactoryType::ProgramCompiler); }
 GraphicsFactory* VulkanRenderer::CreateTextureFactory() { return new VulkanTextureFactory(); }
+
+// --- Drawing ---------------------------------------------------------------------------------
+
+VkShaderModule VulkanRenderer::CreateShaderModule(const uint32* code, size_t bytes)
+{
+    VkShaderModuleCreateInfo info = {VK_STRUCTURE_TYPE_SHADER_MODULE_CREATE_INFO};
+    info.codeSize = bytes;
+    info.pCode = code;
+    VkShaderModule module = VK_NULL_HANDLE;
+    VkResult result = m_device.IsOpen() && code && bytes && bytes % 4 == 0
+                          ? vkCreateShaderModule(m_device.GetDevice(), &info, nullptr, &module)
+                          : VK_ERROR_INITIALIZATION_FAILED;
+    if (result != VK_SUCCESS)
+    {
+        Log::Format(LOG_WARNING, u"Vulkan: a shader module of %u bytes was refused (%d).\n", unsigned(bytes),
+                    int(result));
+        return VK_NULL_HANDLE;
+    }
+    return module;
+}
+
+void VulkanRenderer::DestroyShaderModule(VkShaderModule module)
+{
+    if (module && m_device.IsOpen())
+        DeferDestroy([device = m_device.GetDevice(), module] { vkDestroyShaderModule(device, module, nullptr); });
+}
+
+bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, VertexBuffer* buffer,
+                                  uint32 vertexCount, GraphicsTopology topology)
+{
+    auto* source = dynamic_cast<VulkanVertexBuffer*>(buffer);
+    std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
+    if (!m_device.GetBeginRendering())
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: drawing needs VK_KHR_dynamic_rendering, which this device lacks.\n");
+        return false;
+    }
+    if (!source || !source->GetDeviceMemory().GetBuffer() || !source->GetVertexStream())
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: a draw without a Vulkan vertex buffer.\n");
+        return false;
+    }
+    Ptr<VertexDecl> layout = VertexDeclManager::Ins()->Create(source->GetVertexStream()->GetElements());
+    VulkanPipelineKey key;
+    key.Vertex = vertex;
+    key.Pixel = pixel;
+    key.Layout = layout.Get();
+    key.Blend = GetCurBlendState().Get();
+    key.Rasterizer = GetCurRasterizerState().Get();
+    key.DepthStencil = GetCurDepthStencilState().Get();
+    key.Topology = topology;
+    VulkanTexture* colors[RenderTargetGroup::kMaxTargets] = {};
+    VkExtent2D extent = {~0u, ~0u};
+    auto fit = [&extent](Texture* t) {
+        extent.width = t->GetWidth() < extent.width ? t->GetWidth() : extent.width;
+        extent.height = t->GetHeight() < extent.height ? t->GetHeight() : extent.height;
+    };
+    while (key.ColorCount < RenderTargetGroup::kMaxTargets)
+    {
+        VulkanTexture* target = AsVulkan(m_bound.RenderTargets[key.ColorCount].Get());
+        if (!target || !target->GetTargetView())
+            break;
+        colors[key.ColorCount] = target;
+        key.Colors[key.ColorCount++] = target->GetTargetFormat();
+        fit(target);
+    }
+    VulkanTexture* depth = AsVulkan(m_bound.DepthBuffer.Get());
+    if (depth && !depth->GetTargetView())
+        depth = nullptr;
+    if (depth)
+    {
+        key.Depth = depth->GetTargetFormat();
+        fit(depth);
+    }
+    if (extent.width == ~0u)
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: a draw with no target bound.\n");
+        return false;
+    }
+    VkPipeline pipeline = m_pipelines.Get(key);
+    VkCommandBuffer cmd = pipeline ? GetFrameCommands() : VK_NULL_HANDLE;
+    if (!cmd)
+        return false;
+
+    VkRenderingAttachmentInfoKHR attachments[RenderTargetGroup::kMaxTargets] = {};
+    for (uint32 i = 0; i < key.ColorCount; ++i)
+    {
+        Transition(cmd, *colors[i], VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+        attachments[i].sType = VK_STRUCTURE_TYPE_RENDERING_ATTACHMENT_INFO_KHR;
+        attachments[i].imageView = colors[i]->GetTargetView();
+        attachments[i].imageLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+        attachments[i].loadOp = VK_ATTACHMENT_LOAD_OP_LOAD;
+        attachments[i].storeOp = VK_ATTACHMENT_STORE_OP_STORE;
+    }
+    VkRenderingAttachmentInfoKHR depthAttachment = {VK_STRUCTURE_TYPE_RENDERING_ATTACHMENT_INFO_KHR};
+    if (depth)
+    {
+        Transition(cmd, *depth, VK_IMAGE_LAYOUT_DEPTH_STENCIL_ATTACHMENT_OPTIMAL);
+        depthAttachment.imageView = depth->GetTargetView();
+        depthAttachment.imageLayout = VK_IMAGE_LAYOUT_DEPTH_STENCIL_ATTACHMENT_OPTIMAL;
+        depthAttachment.loadOp = VK_ATTACHMENT_LOAD_OP_LOAD;
+        depthAttachment.storeOp = VK_ATTACHMENT_STORE_OP_STORE;
+    }
+    VkRenderingInfoKHR rendering = {VK_STRUCTURE_TYPE_RENDERING_INFO_KHR};
+    rendering.renderArea.extent = extent;
+    rendering.layerCount = 1;
+    rendering.colorAttachmentCount = key.ColorCount;
+    rendering.pColorAttachments = attachments;
+    rendering.pDepthAttachment = depth ? &depthAttachment : nullptr;
+    rendering.pStencilAttachment = depth && VulkanFormats::HasStencil(key.Depth) ? &depthAttachment : nullptr;
+    m_device.GetBeginRendering()(cmd, &rendering);
+
+    // y up: the viewport starts at its bottom edge with a negative height.
+    const uint32 width = m_viewport.Width ? m_viewport.Width : extent.width;
+    const uint32 height = m_viewport.Height ? m_viewport.Height : extent.height;
+    VkViewport viewport = {float(m_viewport.TopLeftX), float(m_viewport.TopLeftY + height), float(width),
+                           -float(height), m_viewport.MinDepth, m_viewport.MaxDepth};
+    vkCmdSetViewport(cmd, 0, 1, &viewport);
+    VkRect2D scissor = {{0, 0}, extent};
+    vkCmdSetScissor(cmd, 0, 1, &scissor);
+    vkCmdSetStencilReference(cmd, VK_STENCIL_FACE_FRONT_AND_BACK, GetCurStencilRef());
+    const Vector4& factor = GetCurBlendState()->Factor;
+    const float constants[4] = {factor.x, factor.y, factor.z, factor.w};
+    vkCmdSetBlendConstants(cmd, constants);
+    vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
+    VkBuffer vertexBuffer = source->GetDeviceMemory().GetBuffer();
+    VkDeviceSize offset = source->GetDeviceMemory().GetOffset();
+    vkCmdBindVertexBuffers(cmd, 0, 1, &vertexBuffer, &offset);
+    vkCmdDraw(cmd, vertexCount, 1, 0, 0);
+    m_device.GetEndRendering()(cmd);
+    return true;
+}
 
 // --- Read-back -----------------------------------------------------------------------------------
 

@@ -23,12 +23,14 @@
 
 #include "graphics/Renderer.h"
 #include "graphics/vulkan/VulkanDevice.h"
+#include "graphics/vulkan/VulkanPipeline.h"
 
 namespace KovexEngine {
 
 class VulkanTexture;
 class VulkanBufferMemory;
 class GraphicsBuffer;
+class VertexBuffer;
 
 class KOVEX_API VulkanRenderer : public Renderer
 {
@@ -55,6 +57,18 @@ public:
     bool ReadTexture(Texture* texture, uint32 arrayIndex, uint32 mip, std::vector<uint8>& out);
     // The current content of a vertex or index buffer.
     bool ReadBuffer(GraphicsBuffer* buffer, std::vector<uint8>& out);
+
+    // Draws `vertexCount` vertices of one buffer into the bound targets with
+    // the committed states and the current viewport (y up, as the engine's
+    // content has it). The stages are SPIR-V modules until programs come;
+    // the pipeline comes from the cache. False, with a log line, when the
+    // device cannot draw or the pipeline cannot be made.
+    bool DrawVertices(VkShaderModule vertex, VkShaderModule pixel, VertexBuffer* buffer, uint32 vertexCount,
+                      GraphicsTopology topology);
+    // A shader module of SPIR-V words; null, with a log line, when refused.
+    VkShaderModule CreateShaderModule(const uint32* code, size_t bytes);
+    void DestroyShaderModule(VkShaderModule module);
+    VulkanPipelineCache& GetPipelines() { return m_pipelines; }
 
     // --- For the backend's objects ---------------------------------------------
     // A command buffer that runs before anything recorded later: the
@@ -91,6 +105,8 @@ private:
     void CloseDevice();
 
     VulkanDevice m_device;
+    VulkanPipelineCache m_pipelines;
+    Viewport m_viewport;
     VkCommandBuffer m_frameCommands[kFramesInFlight] = {};
     VkFence m_frameFences[kFramesInFlight] = {};
     uint64 m_frameSerial[kFramesInFlight] = {};

@@ -207,6 +207,26 @@ bool VulkanTexture::CreateImage()
         }
     }
 
+    if (desc.ViewFlags & (TextureViewFlags::RENDER_TARGET | TextureViewFlags::DEPTH_STENCIL))
+    {
+        VkImageViewCreateInfo view = {VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO};
+        view.image = m_image;
+        view.viewType = desc.Dimension == TextureDimension::_1D ? VK_IMAGE_VIEW_TYPE_1D : VK_IMAGE_VIEW_TYPE_2D;
+        m_targetFormat = m_format;
+        // A typeless colour target writes through its render-target format.
+        if (mutableFormat && desc.TypelessRtvDsvFormat)
+            m_targetFormat = VulkanFormats::ToVkFormat(desc.TypelessRtvDsvFormat);
+        view.format = m_targetFormat;
+        view.subresourceRange = {VulkanFormats::AspectOf(m_format), 0, 1, 0, 1};
+        result = vkCreateImageView(device.GetDevice(), &view, nullptr, &m_targetView);
+        if (result != VK_SUCCESS)
+        {
+            m_targetView = VK_NULL_HANDLE;
+            Log::Format(LOG_WARNING, u"Vulkan: a target view could not be made (%d).\n", int(result));
+            return false;
+        }
+    }
+
     if (!GetInitialData())
         return true;
     // Initial pixels through a staging buffer, in the layout of the image's
@@ -237,7 +257,7 @@ bool VulkanTexture::CreateImage()
 
 void VulkanTexture::ReleaseDeviceHandle()
 {
-    if (!m_image && !m_buffer && !m_sampledView && !m_memory.IsValid())
+    if (!m_image && !m_buffer && !m_sampledView && !m_targetView && !m_memory.IsValid())
         return;
     VulkanRenderer* renderer = VulkanRenderer::Get();
     if (!renderer || !renderer->GetDevice().IsOpen())
@@ -246,6 +266,7 @@ void VulkanTexture::ReleaseDeviceHandle()
         m_image = VK_NULL_HANDLE;
         m_buffer = VK_NULL_HANDLE;
         m_sampledView = VK_NULL_HANDLE;
+        m_targetView = VK_NULL_HANDLE;
         m_memory = VulkanAllocation();
         return;
     }
@@ -253,15 +274,19 @@ void VulkanTexture::ReleaseDeviceHandle()
     VkImage image = m_image;
     VkBuffer buffer = m_buffer;
     VkImageView view = m_sampledView;
+    VkImageView target = m_targetView;
     VulkanAllocation memory = m_memory;
     m_image = VK_NULL_HANDLE;
     m_buffer = VK_NULL_HANDLE;
     m_sampledView = VK_NULL_HANDLE;
+    m_targetView = VK_NULL_HANDLE;
     m_memory = VulkanAllocation();
     m_layout = VK_IMAGE_LAYOUT_UNDEFINED;
-    renderer->DeferDestroy([renderer, device, image, buffer, view, memory]() mutable {
+    renderer->DeferDestroy([renderer, device, image, buffer, view, target, memory]() mutable {
         if (view)
             vkDestroyImageView(device, view, nullptr);
+        if (target)
+            vkDestroyImageView(device, target, nullptr);
         if (image)
             vkDestroyImage(device, image, nullptr);
         if (buffer)

@@ -34,6 +34,10 @@ public:
     VkImage GetImage() const { return m_image; }
     VkFormat GetVkFormat() const { return m_format; }
     VkImageView GetSampledView() const { return m_sampledView; }
+    // The render-target or depth-stencil view (mip 0, slice 0) and the
+    // format it writes.
+    VkImageView GetTargetView() const { return m_targetView; }
+    VkFormat GetTargetFormat() const { return m_targetFormat; }
     VkImageLayout GetLayout() const { return m_layout; }
     void SetLayout(VkImageLayout layout) { m_layout = layout; }
     // A staging texture is a buffer of its subresources one after the
@@ -52,7 +56,9 @@ private:
     VkImage m_image = VK_NULL_HANDLE;
     VkBuffer m_buffer = VK_NULL_HANDLE;
     VkImageView m_sampledView = VK_NULL_HANDLE;
+    VkImageView m_targetView = VK_NULL_HANDLE;
     VkFormat m_format = VK_FORMAT_UNDEFINED;
+    VkFormat m_targetFormat = VK_FORMAT_UNDEFINED;
     VkImageLayout m_layout = VK_IMAGE_LAYOUT_UNDEFINED;
     VulkanAllocation m_memory;
 };

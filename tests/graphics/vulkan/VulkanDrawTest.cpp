@@ -1,0 +1,188 @@
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <string.h>
+
+#include "graphics/VertexBuffer.h"
+#include "graphics/vulkan/VulkanTestSupport.h"
+#include "support/LogCapture.h"
+
+#ifdef KOVEX_TEST_SHADERS
+#include "triangle.frag.h"
+#include "triangle.vert.h"
+#endif
+
+using namespace KovexEngine;
+
+namespace {
+
+struct Vertex
+{
+    float x, y, z;
+    float r, g, b, a;
+};
+
+constexpr uint32 kWidth = 64, kHeight = 48;
+
+// The pixels a triangle covers, by the pixel centres the CPU finds inside
+// (y up in clip space, as drawn); centres within 0.05 pixel of an edge are
+// left out of the comparison (0), inside is 1, outside 2.
+std::vector<int> Coverage(const Vertex (&v)[3])
+{
+    float sx[3], sy[3];
+    for (int i = 0; i < 3; ++i)
+    {
+        sx[i] = (v[i].x + 1.0f) * 0.5f * kWidth;
+        sy[i] = (1.0f - v[i].y) * 0.5f * kHeight;
+    }
+    std::vector<int> cover(kWidth * kHeight);
+    for (uint32 y = 0; y < kHeight; ++y)
+        for (uint32 x = 0; x < kWidth; ++x)
+        {
+            const float px = x + 0.5f, py = y + 0.5f;
+            bool inside = true, near = false;
+            float sign = 0;
+            for (int e = 0; e < 3; ++e)
+            {
+                const int a = e, b = (e + 1) % 3;
+                const float ex = sx[b] - sx[a], ey = sy[b] - sy[a];
+                const float edge = ex * (py - sy[a]) - ey * (px - sx[a]);
+                const float distance = edge / sqrtf(ex * ex + ey * ey);
+                near |= fabsf(distance) < 0.05f;
+                if (sign == 0)
+                    sign = edge > 0 ? 1.0f : -1.0f;
+                inside &= edge * sign > 0;
+            }
+            cover[y * kWidth + x] = near ? 0 : inside ? 1 : 2;
+        }
+    return cover;
+}
+
+Ptr<VertexBuffer> MakeTriangle(const Vertex (&v)[3])
+{
+    VertexElement elements[2];
+    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, GraphicsInputClass::PerVertex,
+                       0);
+    elements[1].Assign(GraphicsSemantic::Color, 0, GraphicsLayoutFormat::Float4, 0, 12, GraphicsInputClass::PerVertex, 0);
+    Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(elements, 2, 3, true);
+    if (!stream)
+        return Ptr<VertexBuffer>();
+    memcpy(stream->GetPointer(0), v, sizeof(v));
+    return VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
+}
+
+} // namespace
+
+#ifdef KOVEX_TEST_SHADERS
+
+// A flat-coloured triangle drawn through a pipeline of the default states
+// covers exactly the pixel centres the CPU finds inside it; the same
+// triangle wound the other way is culled until the two-sided rasterizer
+// state is committed; each state set makes one pipeline.
+TEST(VulkanDraw, ATriangleCoversWhatTheCpuReferenceCovers)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    KovexTest::VulkanEngine engine(kWidth, kHeight);
+    ASSERT_TRUE(engine.IsOpen());
+    VulkanRenderer& r = engine.Renderer();
+    if (!r.GetDevice().GetBeginRendering())
+        GTEST_SKIP() << "the device has no dynamic rendering";
+    VkShaderModule vs = r.CreateShaderModule(kTriangleVS, sizeof(kTriangleVS));
+    VkShaderModule ps = r.CreateShaderModule(kTrianglePS, sizeof(kTrianglePS));
+    ASSERT_TRUE(vs && ps);
+
+    // Clockwise on screen: the front face of the default rasterizer state.
+    const Vertex front[3] = {{-0.5f, -0.5f, 0.5f, 0.2f, 0.6f, 1.0f, 1.0f},
+                             {0.0f, 0.75f, 0.5f, 0.2f, 0.6f, 1.0f, 1.0f},
+                             {0.75f, -0.25f, 0.5f, 0.2f, 0.6f, 1.0f, 1.0f}};
+    // Counter-clockwise, elsewhere, in another colour.
+    const Vertex back[3] = {{-0.9f, 0.9f, 0.5f, 1.0f, 0.0f, 0.0f, 1.0f},
+                            {-0.9f, 0.3f, 0.5f, 1.0f, 0.0f, 0.0f, 1.0f},
+                            {-0.4f, 0.9f, 0.5f, 1.0f, 0.0f, 0.0f, 1.0f}};
+    Ptr<VertexBuffer> frontBuffer = MakeTriangle(front);
+    Ptr<VertexBuffer> backBuffer = MakeTriangle(back);
+    ASSERT_TRUE(frontBuffer && frontBuffer->IsCreated() && backBuffer && backBuffer->IsCreated());
+
+    r.BeginFrame();
+    r.Clear(GraphicsClearMode::TargetDepthStencil, Vector4(0, 0, 0, 1), 1.0f, 0);
+    ASSERT_TRUE(r.DrawVertices(vs, ps, frontBuffer.Get(), 3, GraphicsTopology::TriangleList));
+    ASSERT_TRUE(r.DrawVertices(vs, ps, backBuffer.Get(), 3, GraphicsTopology::TriangleList));
+    ASSERT_TRUE(r.DrawVertices(vs, ps, frontBuffer.Get(), 3, GraphicsTopology::TriangleList));
+    EXPECT_EQ(r.GetPipelines().GetCount(), 1u) << "one state set, one pipeline";
+    r.EndFrame();
+    r.Present();
+
+    Ptr<Image> image = KovexTest::ReadBack(r.GetRenderTarget(0).Get());
+    ASSERT_TRUE(image);
+    Ptr<Image> expected(new Image());
+    ASSERT_TRUE(expected->Create(image->GetDesc()));
+    const std::vector<int> coverFront = Coverage(front);
+    const std::vector<int> coverBack = Coverage(back);
+    int mismatches = 0, inside = 0;
+    for (uint32 i = 0; i < kWidth * kHeight; ++i)
+    {
+        const uint8* got = image->GetData() + 4 * i;
+        uint8* want = expected->GetData() + 4 * i;
+        const uint8 drawn[4] = {51, 153, 255, 255}, clear[4] = {0, 0, 0, 255};
+        memcpy(want, coverFront[i] == 1 ? drawn : clear, 4);
+        if (coverFront[i] == 0 || coverBack[i] != 2)
+            continue; // an edge, or where the culled triangle would be
+        inside += coverFront[i] == 1;
+        mismatches += memcmp(got, want, 4) != 0;
+    }
+    EXPECT_GT(inside, 300);
+    if (mismatches)
+        ADD_FAILURE() << mismatches << " pixels differ from the CPU reference; images in "
+                      << KovexTest::WriteSideBySide("triangle", image, expected);
+    for (uint32 i = 0; i < kWidth * kHeight; ++i)
+        if (coverBack[i] == 1)
+            EXPECT_EQ(image->GetData()[4 * i], 0) << "the back face was culled, pixel " << i;
+
+    // Two-sided: the other winding draws too, with a pipeline of its own.
+    r.CommitState(RasterizerStateFactory::Get()->GetTwoSideState().Get());
+    ASSERT_TRUE(r.DrawVertices(vs, ps, backBuffer.Get(), 3, GraphicsTopology::TriangleList));
+    r.Present();
+    EXPECT_EQ(r.GetPipelines().GetCount(), 2u);
+    image = KovexTest::ReadBack(r.GetRenderTarget(0).Get());
+    ASSERT_TRUE(image);
+    int red = 0;
+    for (uint32 i = 0; i < kWidth * kHeight; ++i)
+        if (coverBack[i] == 1)
+        {
+            ++red;
+            EXPECT_EQ(image->GetData()[4 * i], 255) << "pixel " << i;
+        }
+    EXPECT_GT(red, 50);
+    r.DestroyShaderModule(vs);
+    r.DestroyShaderModule(ps);
+}
+
+#endif
+
+TEST(VulkanDraw, StateMappingFollowsTheEngineNumbering)
+{
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsComparison(GraphicsComparison::Never)), VK_COMPARE_OP_NEVER);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsComparison(GraphicsComparison::LessEqual)), VK_COMPARE_OP_LESS_OR_EQUAL);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsComparison(GraphicsComparison::GreaterEqual)),
+              VK_COMPARE_OP_GREATER_OR_EQUAL);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsComparison(GraphicsComparison::Always)), VK_COMPARE_OP_ALWAYS);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsBlend(GraphicsBlend::InvDestColor)), VK_BLEND_FACTOR_ONE_MINUS_DST_COLOR);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsBlend(GraphicsBlend::BlendFactor)), VK_BLEND_FACTOR_CONSTANT_COLOR);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsStencilOp(GraphicsStencilOp::IncrSat)), VK_STENCIL_OP_INCREMENT_AND_CLAMP);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsStencilOp(GraphicsStencilOp::Incr)), VK_STENCIL_OP_INCREMENT_AND_WRAP);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsLayoutFormat(GraphicsLayoutFormat::UByte4N)), VK_FORMAT_R8G8B8A8_UNORM);
+    EXPECT_EQ(VulkanStates::ToVk(GraphicsLayoutFormat(GraphicsLayoutFormat::UShort4N)), VK_FORMAT_UNDEFINED)
+        << "a layout format whose element size is 0 cannot be read";
+    // Keys: equal content, equal hash; any field changes the key.
+    VulkanPipelineKey a, b;
+    a.ColorCount = b.ColorCount = 1;
+    a.Colors[0] = b.Colors[0] = VK_FORMAT_R8G8B8A8_UNORM;
+    EXPECT_TRUE(a == b);
+    EXPECT_EQ(a.Hash(), b.Hash());
+    b.Colors[0] = VK_FORMAT_B8G8R8A8_UNORM;
+    EXPECT_FALSE(a == b);
+    EXPECT_NE(a.Hash(), b.Hash());
+    b = a;
+    b.Topology = GraphicsTopology::LineList;
+    EXPECT_FALSE(a == b);
+}

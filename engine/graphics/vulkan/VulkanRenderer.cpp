@@ -617,13 +617,23 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         VulkanTexture* target = AsVulkan(m_bound.RenderTargets[key.ColorCount].Get());
         if (!target || !target->GetTargetView())
             break;
+        if (m_bound.ArrayIndices[key.ColorCount] != 0)
+        {
+            // Target views cover slice 0 only so far.
+            Log::Format(LOG_WARNING, u"Vulkan: drawing into slice %u of a target is not supported yet.\n",
+                        m_bound.ArrayIndices[key.ColorCount]);
+            return false;
+        }
         colors[key.ColorCount] = target;
         key.Colors[key.ColorCount++] = target->GetTargetFormat();
         fit(target);
     }
     VulkanTexture* depth = AsVulkan(m_bound.DepthBuffer.Get());
-    if (depth && !depth->GetTargetView())
-        depth = nullptr;
+    if (depth && (!depth->GetTargetView() || m_bound.DepthArrayIndex != 0))
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: the bound depth buffer cannot be drawn into (slice 0 only so far).\n");
+        return false;
+    }
     if (depth)
     {
         key.Depth = depth->GetTargetFormat();

@@ -255,6 +255,57 @@ bool VulkanTexture::CreateImage()
     return ok;
 }
 
+void VulkanTexture::GenerateMips()
+{
+    VulkanRenderer* renderer = VulkanRenderer::Get();
+    const TextureDesc& desc = GetDesc();
+    if (!renderer || !m_image || Mips(desc) < 2)
+        return;
+    const VkFormatFeatureFlags needed = VK_FORMAT_FEATURE_BLIT_SRC_BIT | VK_FORMAT_FEATURE_BLIT_DST_BIT |
+                                        VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT;
+    if ((renderer->GetDevice().GetFormatFeatures(m_format) & needed) != needed)
+    {
+        Log::Format(LOG_INFO, u"Vulkan: mips of format %u cannot be generated on this device.\n", desc.Format);
+        return;
+    }
+    std::lock_guard<std::recursive_mutex> lock(renderer->GetDevice().GetLock());
+    VkCommandBuffer cmd = renderer->GetFrameCommands();
+    if (!cmd)
+        return;
+    // Mip 0 becomes a transfer source, the rest destinations; each mip turns
+    // into a source once written, so the whole chain ends as sources.
+    const uint32 layers = desc.Dimension == TextureDimension::_3D ? 1 : desc.ArraySize;
+    const VkImageAspectFlags aspect = VulkanFormats::AspectOf(m_format);
+    auto barrier = [&](uint32 mip, uint32 count, VkImageLayout from, VkImageLayout to) {
+        VkImageMemoryBarrier b = {VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER};
+        b.srcAccessMask = VK_ACCESS_MEMORY_WRITE_BIT;
+        b.dstAccessMask = VK_ACCESS_TRANSFER_READ_BIT | VK_ACCESS_TRANSFER_WRITE_BIT;
+        b.oldLayout = from;
+        b.newLayout = to;
+        b.srcQueueFamilyIndex = b.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+        b.image = m_image;
+        b.subresourceRange = {aspect, mip, count, 0, layers};
+        vkCmdPipelineBarrier(cmd, VK_PIPELINE_STAGE_ALL_COMMANDS_BIT, VK_PIPELINE_STAGE_TRANSFER_BIT, 0, 0, nullptr, 0,
+                             nullptr, 1, &b);
+    };
+    barrier(0, 1, m_layout, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+    barrier(1, Mips(desc) - 1, m_layout, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
+    for (uint32 mip = 1; mip < Mips(desc); ++mip)
+    {
+        VkImageBlit blit = {};
+        blit.srcSubresource = {aspect, mip - 1, 0, layers};
+        blit.srcOffsets[1] = {int32(desc.GetMipWidth(mip - 1)), int32(desc.GetMipHeight(mip - 1)),
+                              int32(desc.Dimension == TextureDimension::_3D ? desc.GetMipDepth(mip - 1) : 1)};
+        blit.dstSubresource = {aspect, mip, 0, layers};
+        blit.dstOffsets[1] = {int32(desc.GetMipWidth(mip)), int32(desc.GetMipHeight(mip)),
+                              int32(desc.Dimension == TextureDimension::_3D ? desc.GetMipDepth(mip) : 1)};
+        vkCmdBlitImage(cmd, m_image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, m_image,
+                       VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &blit, VK_FILTER_LINEAR);
+        barrier(mip, 1, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+    }
+    m_layout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
+}
+
 void VulkanTexture::ReleaseDeviceHandle()
 {
     if (!m_image && !m_buffer && !m_sampledView && !m_targetView && !m_memory.IsValid())

@@ -30,6 +30,10 @@ public:
     ~VulkanTexture() override;
     bool CreateDeviceHandle() override;
     void ReleaseDeviceHandle() override;
+    // Mips 1 and up from mip 0, each a linear 2x reduction of the one above,
+    // recorded into the frame; a format the device cannot blit and filter
+    // logs and leaves the chain as it is.
+    void GenerateMips() override;
 
     VkImage GetImage() const { return m_image; }
     VkFormat GetVkFormat() const { return m_format; }

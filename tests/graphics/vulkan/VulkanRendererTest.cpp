@@ -623,3 +623,41 @@ TEST(VulkanClear, UnorderedAccessClearsWriteTheValueBits)
     Ptr<Texture> plain = Texture::Create2DDepth(4, 2, GraphicsFormat::D32_FLOAT);
     g_ptrRenderer->ClearUAV(plain.Get(), 0, 1);
 }
+
+TEST(VulkanUpload, GeneratedMipsAreTheBoxAverageOfTheLevelAbove)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    VulkanEngine engine;
+    ASSERT_TRUE(engine.IsOpen());
+    // A 4x4 checkerboard of 2x2 blocks whose averages are exact: R 0 or 200,
+    // G 40, B 20 or 60, A 255.
+    TextureDesc desc = TextureFactory::Make2DDesc(4, 4, GraphicsFormat::R8G8B8A8_UNORM, TextureViewFlags::SHADER_RESOURCE);
+    desc.MipLevels = 3;
+    Ptr<Image> image(new Image());
+    ASSERT_TRUE(image->Create(desc));
+    image->FillData(0);
+    uint8* mip0 = image->GetData(0, 0, 0);
+    for (uint32 i = 0; i < 16; ++i)
+    {
+        const bool odd = (i % 4 + i / 4) % 2;
+        const uint8 texel[4] = {uint8(odd ? 200 : 0), 40, uint8(odd ? 60 : 20), 255};
+        memcpy(mip0 + 4 * i, texel, 4);
+    }
+    Ptr<Texture> texture =
+        TextureFactory::Get()->Create(Ptr<Object>(image.Get()), GraphicsResourceUsage::Default, nullptr);
+    ASSERT_TRUE(texture && texture->IsCreated());
+    texture->GenerateMips();
+    for (uint32 mip = 1; mip < 3; ++mip)
+    {
+        std::vector<uint8> bytes;
+        ASSERT_TRUE(engine.Renderer().ReadTexture(texture.Get(), 0, mip, bytes));
+        ASSERT_EQ(bytes.size(), mip == 1 ? 16u : 4u);
+        for (size_t i = 0; i < bytes.size(); i += 4)
+        {
+            EXPECT_EQ(bytes[i], 100) << "mip " << mip;
+            EXPECT_EQ(bytes[i + 1], 40) << "mip " << mip;
+            EXPECT_EQ(bytes[i + 2], 40) << "mip " << mip;
+            EXPECT_EQ(bytes[i + 3], 255) << "mip " << mip;
+        }
+    }
+}

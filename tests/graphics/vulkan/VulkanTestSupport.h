@@ -1,8 +1,8 @@
 #pragma once
 
 // The engine on the Vulkan renderer for one test, with the Khronos
-// validation layer on: a test fails when the layer reported an error while
-// it ran. Without a Vulkan device the test is skipped.
+// validation layer on: a test fails when the layer reported an error or a
+// warning while it ran. Without a Vulkan device the test is skipped.
 
 #include <gtest/gtest.h>
 
@@ -36,6 +36,7 @@ public:
         using namespace KovexEngine;
         VulkanDevice::SetValidationRequested(true);
         m_errors = VulkanDevice::GetValidationErrorCount();
+        m_warnings = VulkanDevice::GetValidationWarningCount();
         g_IsNullRenderer = false;
         Kovex_Main_Initialize();
         m_ok = Renderer::SetupPlatform(RendererPlatform::Vulkan);
@@ -56,6 +57,7 @@ public:
         Kovex_System_Terminate();
         VulkanDevice::SetValidationRequested(false);
         EXPECT_EQ(VulkanDevice::GetValidationErrorCount(), m_errors) << "the validation layer reported errors";
+        EXPECT_EQ(VulkanDevice::GetValidationWarningCount(), m_warnings) << "the validation layer warned";
     }
     VulkanEngine(const VulkanEngine&) = delete;
     VulkanEngine& operator=(const VulkanEngine&) = delete;
@@ -67,6 +69,7 @@ public:
 private:
     bool m_ok = false;
     KovexEngine::uint32 m_errors = 0;
+    KovexEngine::uint32 m_warnings = 0;
 };
 
 // One subresource of a texture read back as an image of its format.

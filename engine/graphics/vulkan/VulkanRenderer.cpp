@@ -597,6 +597,8 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         Log::Print(LOG_WARNING, u"Vulkan: a draw without a Vulkan vertex buffer.\n");
         return false;
     }
+    if (!source->GetDeviceMemory().Refresh(*source))
+        return false;
     Ptr<VertexDecl> layout = VertexDeclManager::Ins()->Create(source->GetVertexStream()->GetElements());
     VulkanPipelineKey key;
     key.Vertex = vertex;

@@ -514,6 +514,22 @@ void VulkanBufferMemory::EndDynamicWrite()
         m_current = m_writing;
 }
 
+bool VulkanBufferMemory::Refresh(GraphicsBuffer& owner)
+{
+    GraphicsStream* stream = owner.GetStream().Get();
+    if (!IsDynamic() || !stream)
+        return true;
+    GraphicsStream* read = stream->GetGpuReadStream();
+    if (!read || !read->GetPointer(0))
+        read = stream;
+    if (!read->IsDirty())
+        return true;
+    if (!Write(read->GetPointer(0), read->GetLength()))
+        return false;
+    read->MakeClean();
+    return true;
+}
+
 bool VulkanBufferMemory::Write(const void* data, uint32 size)
 {
     if (!m_buffer || !data)

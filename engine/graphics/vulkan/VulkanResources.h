@@ -93,6 +93,10 @@ public:
     bool IsDynamic() const { return m_copies > 1; }
     uint8* BeginDynamicWrite();
     void EndDynamicWrite();
+    // Before a draw: a dynamic buffer whose stream the device reads (its
+    // GPU-read twin once the frame swapped them) has changed takes it into
+    // its next copy, and the stream is clean again.
+    bool Refresh(GraphicsBuffer& owner);
 
 private:
     VkBuffer m_buffer = VK_NULL_HANDLE;

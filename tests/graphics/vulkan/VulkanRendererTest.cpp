@@ -288,6 +288,21 @@ TEST(VulkanRenderer, IsListedChosenAndOpenedWithItsCapabilities)
     EXPECT_TRUE(log->Contains(u"Vulkan: windows are not supported yet; render offscreen.\n"));
 }
 
+TEST(VulkanRenderer, TheAutomaticChoiceIsVulkanUnlessTheNullRendererIsAskedFor)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    g_IsNullRenderer = false;
+    ASSERT_TRUE(Renderer::SetupPlatformAuto());
+    ASSERT_TRUE(g_ptrRenderer);
+    EXPECT_EQ(g_ptrRenderer->GetPlatform(), RendererPlatform::Vulkan);
+    Renderer::Destroy();
+    g_IsNullRenderer = true;
+    ASSERT_TRUE(Renderer::SetupPlatformAuto());
+    EXPECT_NE(g_ptrRenderer->GetNativeClass(), VulkanRenderer::StaticGetClass());
+    Renderer::Destroy();
+    g_IsNullRenderer = false;
+}
+
 TEST(VulkanRenderer, ADeviceNameThatMatchesNothingLeavesNoPlatform)
 {
     KovexTest::ScopedEnv hide("KOVEX_VULKAN_DEVICE", "no-such-device-anywhere");

@@ -3,6 +3,8 @@
 #include <math.h>
 #include <string.h>
 
+#include <memory>
+
 #include "graphics/VertexBuffer.h"
 #include "graphics/vulkan/VulkanTestSupport.h"
 #include "support/LogCapture.h"
@@ -105,21 +107,45 @@ int CountMismatches(const Ptr<Image>& image, const std::vector<int>& cover, cons
 
 #ifdef KOVEX_TEST_SHADERS
 
+// The engine on Vulkan with the test's two shader stages.
+class VulkanDraw : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        KOVEX_SKIP_WITHOUT_VULKAN();
+        m_engine = std::make_unique<KovexTest::VulkanEngine>(kWidth, kHeight);
+        ASSERT_TRUE(m_engine->IsOpen());
+        if (!Renderer().GetDevice().GetBeginRendering())
+            GTEST_SKIP() << "the device has no dynamic rendering";
+        vs = Renderer().CreateShaderModule(kTriangleVS, sizeof(kTriangleVS));
+        ps = Renderer().CreateShaderModule(kTrianglePS, sizeof(kTrianglePS));
+        ASSERT_TRUE(vs && ps);
+    }
+    void TearDown() override
+    {
+        if (m_engine && m_engine->IsOpen())
+        {
+            Renderer().DestroyShaderModule(vs);
+            Renderer().DestroyShaderModule(ps);
+        }
+        m_engine.reset();
+    }
+    VulkanRenderer& Renderer() { return m_engine->Renderer(); }
+
+    VkShaderModule vs = VK_NULL_HANDLE, ps = VK_NULL_HANDLE;
+
+private:
+    std::unique_ptr<KovexTest::VulkanEngine> m_engine;
+};
+
 // A flat-coloured triangle drawn through a pipeline of the default states
 // covers exactly the pixel centres the CPU finds inside it; the same
 // triangle wound the other way is culled until the two-sided rasterizer
 // state is committed; each state set makes one pipeline.
-TEST(VulkanDraw, ATriangleCoversWhatTheCpuReferenceCovers)
+TEST_F(VulkanDraw, ATriangleCoversWhatTheCpuReferenceCovers)
 {
-    KOVEX_SKIP_WITHOUT_VULKAN();
-    KovexTest::VulkanEngine engine(kWidth, kHeight);
-    ASSERT_TRUE(engine.IsOpen());
-    VulkanRenderer& r = engine.Renderer();
-    if (!r.GetDevice().GetBeginRendering())
-        GTEST_SKIP() << "the device has no dynamic rendering";
-    VkShaderModule vs = r.CreateShaderModule(kTriangleVS, sizeof(kTriangleVS));
-    VkShaderModule ps = r.CreateShaderModule(kTrianglePS, sizeof(kTrianglePS));
-    ASSERT_TRUE(vs && ps);
+    VulkanRenderer& r = Renderer();
 
     // Clockwise on screen: the front face of the default rasterizer state.
     const Vertex front[3] = {{-0.5f, -0.5f, 0.5f, 0.2f, 0.6f, 1.0f, 1.0f},
@@ -170,22 +196,13 @@ TEST(VulkanDraw, ATriangleCoversWhatTheCpuReferenceCovers)
             EXPECT_EQ(image->GetData()[4 * i], 255) << "pixel " << i;
         }
     EXPECT_GT(red, 50);
-    r.DestroyShaderModule(vs);
-    r.DestroyShaderModule(ps);
 }
 
 // A dynamic buffer whose stream changed between frames draws the new
 // vertices, from a copy no frame in flight reads.
-TEST(VulkanDraw, ADynamicBufferDrawsWhatItsStreamHoldsNow)
+TEST_F(VulkanDraw, ADynamicBufferDrawsWhatItsStreamHoldsNow)
 {
-    KOVEX_SKIP_WITHOUT_VULKAN();
-    KovexTest::VulkanEngine engine(kWidth, kHeight);
-    ASSERT_TRUE(engine.IsOpen());
-    VulkanRenderer& r = engine.Renderer();
-    if (!r.GetDevice().GetBeginRendering())
-        GTEST_SKIP() << "the device has no dynamic rendering";
-    VkShaderModule vs = r.CreateShaderModule(kTriangleVS, sizeof(kTriangleVS));
-    VkShaderModule ps = r.CreateShaderModule(kTrianglePS, sizeof(kTrianglePS));
+    VulkanRenderer& r = Renderer();
     Vertex v[3] = {{-0.8f, -0.8f, 0.5f, 1.0f, 1.0f, 1.0f, 1.0f},
                    {-0.8f, 0.2f, 0.5f, 1.0f, 1.0f, 1.0f, 1.0f},
                    {0.2f, -0.8f, 0.5f, 1.0f, 1.0f, 1.0f, 1.0f}};
@@ -217,13 +234,11 @@ TEST(VulkanDraw, ADynamicBufferDrawsWhatItsStreamHoldsNow)
         EXPECT_GT(inside, 100);
     }
     EXPECT_FALSE(buffer->GetStream()->IsDirty()) << "the draw took the change";
-    r.DestroyShaderModule(vs);
-    r.DestroyShaderModule(ps);
 }
 
 #endif
 
-TEST(VulkanDraw, StateMappingFollowsTheEngineNumbering)
+TEST(VulkanStates, MappingFollowsTheEngineNumbering)
 {
     EXPECT_EQ(VulkanStates::ToVk(GraphicsComparison(GraphicsComparison::Never)), VK_COMPARE_OP_NEVER);
     EXPECT_EQ(VulkanStates::ToVk(GraphicsComparison(GraphicsComparison::LessEqual)), VK_COMPARE_OP_LESS_OR_EQUAL);

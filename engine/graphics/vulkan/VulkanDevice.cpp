@@ -119,7 +119,7 @@ VkPhysicalDevice Choose(VkInstance instance, VkPhysicalDeviceProperties& chosen,
     return best;
 }
 
-VkInstance NewInstance(bool validation, VkDebugUtilsMessengerCreateInfoEXT* messenger)
+VkInstance NewInstance(bool validation, VkDebugUtilsMessengerCreateInfoEXT* messenger, bool quiet)
 {
     VkApplicationInfo app = {VK_STRUCTURE_TYPE_APPLICATION_INFO};
     app.pApplicationName = "KovexEngine";
@@ -146,7 +146,9 @@ VkInstance NewInstance(bool validation, VkDebugUtilsMessengerCreateInfoEXT* mess
     VkResult result = vkCreateInstance(&info, nullptr, &instance);
     if (result != VK_SUCCESS)
     {
-        Log::Format(LOG_INFO, u"Vulkan: no instance (%d).\n", int(result));
+        // A probe is asked often and answers with its result; opening logs.
+        if (!quiet)
+            Log::Format(LOG_INFO, u"Vulkan: no instance (%d).\n", int(result));
         return VK_NULL_HANDLE;
     }
     return instance;
@@ -167,7 +169,7 @@ uint32 VulkanDevice::GetValidationWarningCount() { return s_validationWarnings.l
 
 bool VulkanDevice::Probe(AString* deviceName)
 {
-    VkInstance instance = NewInstance(false, nullptr);
+    VkInstance instance = NewInstance(false, nullptr, true);
     if (!instance)
         return false;
     VkPhysicalDeviceProperties properties = {};
@@ -193,7 +195,7 @@ bool VulkanDevice::CreateInstance(bool validation)
         Log::Print(LOG_WARNING, u"Vulkan: validation was asked for, but the Khronos validation layer is missing.\n");
         validation = false;
     }
-    m_instance = NewInstance(validation, &messenger);
+    m_instance = NewInstance(validation, &messenger, false);
     if (!m_instance)
         return false;
     if (validation)

@@ -319,6 +319,26 @@ TEST(VulkanRenderer, ADeviceNameThatMatchesNothingLeavesNoPlatform)
                 log->Contains(u"Vulkan: no Vulkan driver is installed.\n"));
 }
 
+TEST(VulkanRenderer, WithoutADriverThereIsOneLineAndNoRenderer)
+{
+    // The loader finds no driver where the driver list names none that exists.
+    KovexTest::ScopedEnv noDriver("VK_DRIVER_FILES", "/nonexistent/kovex_icd.json");
+    KovexTest::ScopedEnv noDriverOld("VK_ICD_FILENAMES", "/nonexistent/kovex_icd.json");
+    EXPECT_FALSE(VulkanDevice::Probe());
+    g_IsNullRenderer = false;
+    {
+        KovexTest::LogCapture log;
+        EXPECT_FALSE(Renderer::SetupPlatformAuto());
+        EXPECT_FALSE(g_ptrRenderer);
+        ASSERT_EQ(log->entries.Count(), 1u) << "one line, however often the platforms are asked";
+        EXPECT_TRUE(log->Contains(u"Renderer: no graphics platform is available.\n"));
+    }
+    KovexTest::LogCapture log;
+    VulkanDevice device;
+    EXPECT_FALSE(device.Open());
+    EXPECT_TRUE(log->Contains(u"Vulkan: no Vulkan driver is installed.\n"));
+}
+
 // --- Clears and read-back ----------------------------------------------------------------
 
 TEST(VulkanClear, EveryColourTargetFormatReadsBackItsExactClear)

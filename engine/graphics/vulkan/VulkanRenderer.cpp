@@ -609,6 +609,7 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     key.DepthStencil = GetCurDepthStencilState().Get();
     key.Topology = topology;
     VulkanTexture* colors[RenderTargetGroup::kMaxTargets] = {};
+    VkImageView views[RenderTargetGroup::kMaxTargets] = {};
     VkExtent2D extent = {~0u, ~0u};
     auto fit = [&extent](Texture* t) {
         extent.width = t->GetWidth() < extent.width ? t->GetWidth() : extent.width;
@@ -617,13 +618,13 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     while (key.ColorCount < RenderTargetGroup::kMaxTargets)
     {
         VulkanTexture* target = AsVulkan(m_bound.RenderTargets[key.ColorCount].Get());
-        if (!target || !target->GetTargetView())
+        if (!target)
             break;
-        if (m_bound.ArrayIndices[key.ColorCount] != 0)
+        views[key.ColorCount] = target->GetTargetView(m_bound.ArrayIndices[key.ColorCount]);
+        if (!views[key.ColorCount])
         {
-            // Target views cover slice 0 only so far.
-            Log::Format(LOG_WARNING, u"Vulkan: drawing into slice %u of a target is not supported yet.\n",
-                        m_bound.ArrayIndices[key.ColorCount]);
+            Log::Format(LOG_WARNING, u"Vulkan: render target %u has no view of slice %u to draw into.\n",
+                        key.ColorCount, m_bound.ArrayIndices[key.ColorCount]);
             return false;
         }
         colors[key.ColorCount] = target;
@@ -631,9 +632,11 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         fit(target);
     }
     VulkanTexture* depth = AsVulkan(m_bound.DepthBuffer.Get());
-    if (depth && (!depth->GetTargetView() || m_bound.DepthArrayIndex != 0))
+    VkImageView depthView = depth ? depth->GetTargetView(m_bound.DepthArrayIndex) : VK_NULL_HANDLE;
+    if (depth && !depthView)
     {
-        Log::Print(LOG_WARNING, u"Vulkan: the bound depth buffer cannot be drawn into (slice 0 only so far).\n");
+        Log::Format(LOG_WARNING, u"Vulkan: the depth buffer has no view of slice %u to draw into.\n",
+                    m_bound.DepthArrayIndex);
         return false;
     }
     if (depth)
@@ -656,7 +659,7 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     {
         Transition(cmd, *colors[i], VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
         attachments[i].sType = VK_STRUCTURE_TYPE_RENDERING_ATTACHMENT_INFO_KHR;
-        attachments[i].imageView = colors[i]->GetTargetView();
+        attachments[i].imageView = views[i];
         attachments[i].imageLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
         attachments[i].loadOp = VK_ATTACHMENT_LOAD_OP_LOAD;
         attachments[i].storeOp = VK_ATTACHMENT_STORE_OP_STORE;
@@ -665,7 +668,7 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     if (depth)
     {
         Transition(cmd, *depth, VK_IMAGE_LAYOUT_DEPTH_STENCIL_ATTACHMENT_OPTIMAL);
-        depthAttachment.imageView = depth->GetTargetView();
+        depthAttachment.imageView = depthView;
         depthAttachment.imageLayout = VK_IMAGE_LAYOUT_DEPTH_STENCIL_ATTACHMENT_OPTIMAL;
         depthAttachment.loadOp = VK_ATTACHMENT_LOAD_OP_LOAD;
         depthAttachment.storeOp = VK_ATTACHMENT_STORE_OP_STORE;

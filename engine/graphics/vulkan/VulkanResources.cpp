@@ -209,22 +209,13 @@ bool VulkanTexture::CreateImage()
 
     if (desc.ViewFlags & (TextureViewFlags::RENDER_TARGET | TextureViewFlags::DEPTH_STENCIL))
     {
-        VkImageViewCreateInfo view = {VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO};
-        view.image = m_image;
-        view.viewType = desc.Dimension == TextureDimension::_1D ? VK_IMAGE_VIEW_TYPE_1D : VK_IMAGE_VIEW_TYPE_2D;
         m_targetFormat = m_format;
         // A typeless colour target writes through its render-target format.
         if (mutableFormat && desc.TypelessRtvDsvFormat)
             m_targetFormat = VulkanFormats::ToVkFormat(desc.TypelessRtvDsvFormat);
-        view.format = m_targetFormat;
-        view.subresourceRange = {VulkanFormats::AspectOf(m_format), 0, 1, 0, 1};
-        result = vkCreateImageView(device.GetDevice(), &view, nullptr, &m_targetView);
-        if (result != VK_SUCCESS)
-        {
-            m_targetView = VK_NULL_HANDLE;
-            Log::Format(LOG_WARNING, u"Vulkan: a target view could not be made (%d).\n", int(result));
+        m_targetViews.assign(desc.Dimension == TextureDimension::_3D ? 1 : desc.ArraySize, VK_NULL_HANDLE);
+        if (!GetTargetView(0))
             return false;
-        }
     }
 
     if (!GetInitialData())
@@ -253,6 +244,29 @@ bool VulkanTexture::CreateImage()
     });
     renderer->DestroyTransferBuffer(staging, stagingMemory);
     return ok;
+}
+
+VkImageView VulkanTexture::GetTargetView(uint32 slice)
+{
+    if (slice >= m_targetViews.size() || !m_image)
+        return VK_NULL_HANDLE;
+    if (m_targetViews[slice])
+        return m_targetViews[slice];
+    VulkanRenderer* renderer = VulkanRenderer::Get();
+    if (!renderer)
+        return VK_NULL_HANDLE;
+    VkImageViewCreateInfo view = {VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO};
+    view.image = m_image;
+    view.viewType = GetDesc().Dimension == TextureDimension::_1D ? VK_IMAGE_VIEW_TYPE_1D : VK_IMAGE_VIEW_TYPE_2D;
+    view.format = m_targetFormat;
+    view.subresourceRange = {VulkanFormats::AspectOf(m_format), 0, 1, slice, 1};
+    VkResult result = vkCreateImageView(renderer->GetDevice().GetDevice(), &view, nullptr, &m_targetViews[slice]);
+    if (result != VK_SUCCESS)
+    {
+        m_targetViews[slice] = VK_NULL_HANDLE;
+        Log::Format(LOG_WARNING, u"Vulkan: a target view of slice %u could not be made (%d).\n", slice, int(result));
+    }
+    return m_targetViews[slice];
 }
 
 void VulkanTexture::GenerateMips()
@@ -308,7 +322,7 @@ void VulkanTexture::GenerateMips()
 
 void VulkanTexture::ReleaseDeviceHandle()
 {
-    if (!m_image && !m_buffer && !m_sampledView && !m_targetView && !m_memory.IsValid())
+    if (!m_image && !m_buffer && !m_sampledView && m_targetViews.empty() && !m_memory.IsValid())
         return;
     VulkanRenderer* renderer = VulkanRenderer::Get();
     if (!renderer || !renderer->GetDevice().IsOpen())
@@ -317,7 +331,7 @@ void VulkanTexture::ReleaseDeviceHandle()
         m_image = VK_NULL_HANDLE;
         m_buffer = VK_NULL_HANDLE;
         m_sampledView = VK_NULL_HANDLE;
-        m_targetView = VK_NULL_HANDLE;
+        m_targetViews.clear();
         m_memory = VulkanAllocation();
         return;
     }
@@ -325,19 +339,20 @@ void VulkanTexture::ReleaseDeviceHandle()
     VkImage image = m_image;
     VkBuffer buffer = m_buffer;
     VkImageView view = m_sampledView;
-    VkImageView target = m_targetView;
+    std::vector<VkImageView> targets;
+    targets.swap(m_targetViews);
     VulkanAllocation memory = m_memory;
     m_image = VK_NULL_HANDLE;
     m_buffer = VK_NULL_HANDLE;
     m_sampledView = VK_NULL_HANDLE;
-    m_targetView = VK_NULL_HANDLE;
     m_memory = VulkanAllocation();
     m_layout = VK_IMAGE_LAYOUT_UNDEFINED;
-    renderer->DeferDestroy([renderer, device, image, buffer, view, target, memory]() mutable {
+    renderer->DeferDestroy([renderer, device, image, buffer, view, targets, memory]() mutable {
         if (view)
             vkDestroyImageView(device, view, nullptr);
-        if (target)
-            vkDestroyImageView(device, target, nullptr);
+        for (VkImageView target : targets)
+            if (target)
+                vkDestroyImageView(device, target, nullptr);
         if (image)
             vkDestroyImage(device, image, nullptr);
         if (buffer)

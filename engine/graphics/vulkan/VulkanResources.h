@@ -13,6 +13,8 @@
 // main thread may record frame commands meanwhile. Map/Unmap belong to the
 // thread that records frames.
 
+#include <vector>
+
 #include <vulkan/vulkan.h>
 
 #include "graphics/IndexBuffer.h"
@@ -38,9 +40,11 @@ public:
     VkImage GetImage() const { return m_image; }
     VkFormat GetVkFormat() const { return m_format; }
     VkImageView GetSampledView() const { return m_sampledView; }
-    // The render-target or depth-stencil view (mip 0, slice 0) and the
-    // format it writes.
-    VkImageView GetTargetView() const { return m_targetView; }
+    // The render-target or depth-stencil view of mip 0 of one array slice
+    // (made on first use; call with the device lock held), and the format
+    // it writes. Null for a texture without such views or a slice beyond
+    // its array.
+    VkImageView GetTargetView(uint32 slice);
     VkFormat GetTargetFormat() const { return m_targetFormat; }
     VkImageLayout GetLayout() const { return m_layout; }
     void SetLayout(VkImageLayout layout) { m_layout = layout; }
@@ -60,7 +64,7 @@ private:
     VkImage m_image = VK_NULL_HANDLE;
     VkBuffer m_buffer = VK_NULL_HANDLE;
     VkImageView m_sampledView = VK_NULL_HANDLE;
-    VkImageView m_targetView = VK_NULL_HANDLE;
+    std::vector<VkImageView> m_targetViews; // by slice
     VkFormat m_format = VK_FORMAT_UNDEFINED;
     VkFormat m_targetFormat = VK_FORMAT_UNDEFINED;
     VkImageLayout m_layout = VK_IMAGE_LAYOUT_UNDEFINED;

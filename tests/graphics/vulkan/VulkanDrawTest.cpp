@@ -198,6 +198,46 @@ TEST_F(VulkanDraw, ATriangleCoversWhatTheCpuReferenceCovers)
     EXPECT_GT(red, 50);
 }
 
+// A group that names slice 2 of an array target draws there and nowhere
+// else.
+TEST_F(VulkanDraw, ASliceOfAnArrayTargetIsDrawnAlone)
+{
+    VulkanRenderer& r = Renderer();
+    TextureDesc desc = TextureFactory::Make2DDesc(kWidth, kHeight, GraphicsFormat::R8G8B8A8_UNORM,
+                                                  TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
+    desc.ArraySize = 3;
+    Ptr<Texture> array = Texture::Create(desc, GraphicsResourceUsage::Default);
+    ASSERT_TRUE(array && array->IsCreated());
+    const Vertex v[3] = {{-0.5f, -0.5f, 0.5f, 1.0f, 1.0f, 1.0f, 1.0f},
+                         {0.0f, 0.75f, 0.5f, 1.0f, 1.0f, 1.0f, 1.0f},
+                         {0.75f, -0.25f, 0.5f, 1.0f, 1.0f, 1.0f, 1.0f}};
+    Ptr<VertexBuffer> buffer = MakeTriangle(v);
+    r.ClearSingle(array.Get(), Vector4(0, 0, 0, 1));
+    RenderTargetGroup group;
+    group.SetRenderTarget(0, array, 2);
+    r.SetRTGroup(group);
+    r.SetViewport(kWidth, kHeight);
+    ASSERT_TRUE(r.DrawVertices(vs, ps, buffer.Get(), 3, GraphicsTopology::TriangleList));
+    r.Present();
+    const uint8 white[4] = {255, 255, 255, 255};
+    int inside = 0;
+    EXPECT_EQ(CountMismatches(KovexTest::ReadBack(array.Get(), 2), Coverage(v), white, nullptr, &inside), 0);
+    EXPECT_GT(inside, 300);
+    for (uint32 slice = 0; slice < 2; ++slice)
+    {
+        Ptr<Image> untouched = KovexTest::ReadBack(array.Get(), slice);
+        ASSERT_TRUE(untouched);
+        for (uint32 i = 0; i < untouched->GetDataSize(); i += 4)
+            ASSERT_EQ(untouched->GetData()[i], 0) << "slice " << slice << " byte " << i;
+    }
+    // A slice beyond the array is refused with its line.
+    group.SetRenderTarget(0, array, 3);
+    r.SetRTGroup(group);
+    KovexTest::LogCapture log;
+    EXPECT_FALSE(r.DrawVertices(vs, ps, buffer.Get(), 3, GraphicsTopology::TriangleList));
+    EXPECT_TRUE(log->Contains(u"Vulkan: render target 0 has no view of slice 3 to draw into.\n"));
+}
+
 // A dynamic buffer whose stream changed between frames draws the new
 // vertices, from a copy no frame in flight reads.
 TEST_F(VulkanDraw, ADynamicBufferDrawsWhatItsStreamHoldsNow)

@@ -583,9 +583,10 @@ void VulkanRenderer::DestroyShaderModule(VkShaderModule module)
 }
 
 bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, VertexBuffer* buffer,
-                                  uint32 vertexCount, GraphicsTopology topology)
+                                  uint32 vertexCount, GraphicsTopology topology, IndexBuffer* indices)
 {
     auto* source = dynamic_cast<VulkanVertexBuffer*>(buffer);
+    auto* indexSource = dynamic_cast<VulkanIndexBuffer*>(indices);
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
     if (!m_device.GetBeginRendering())
     {
@@ -597,7 +598,12 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         Log::Print(LOG_WARNING, u"Vulkan: a draw without a Vulkan vertex buffer.\n");
         return false;
     }
-    if (!source->GetDeviceMemory().Refresh(*source))
+    if (indices && (!indexSource || !indexSource->GetDeviceMemory().GetBuffer() || !indexSource->GetIndexStream()))
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: a draw with an index buffer that has no Vulkan buffer.\n");
+        return false;
+    }
+    if (!source->GetDeviceMemory().Refresh(*source) || (indexSource && !indexSource->GetDeviceMemory().Refresh(*indexSource)))
         return false;
     Ptr<VertexDecl> layout = VertexDeclManager::Ins()->Create(source->GetVertexStream()->GetElements());
     VulkanPipelineKey key;
@@ -698,7 +704,16 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     VkBuffer vertexBuffer = source->GetDeviceMemory().GetBuffer();
     VkDeviceSize offset = source->GetDeviceMemory().GetOffset();
     vkCmdBindVertexBuffers(cmd, 0, 1, &vertexBuffer, &offset);
-    vkCmdDraw(cmd, vertexCount, 1, 0, 0);
+    if (indexSource)
+    {
+        VulkanBufferMemory& memory = indexSource->GetDeviceMemory();
+        vkCmdBindIndexBuffer(cmd, memory.GetBuffer(), memory.GetOffset(),
+                             indexSource->GetIndexStream()->GetFormat() == IndexBuffer::Index32 ? VK_INDEX_TYPE_UINT32
+                                                                                                : VK_INDEX_TYPE_UINT16);
+        vkCmdDrawIndexed(cmd, vertexCount, 1, 0, 0, 0);
+    }
+    else
+        vkCmdDraw(cmd, vertexCount, 1, 0, 0);
     m_device.GetEndRendering()(cmd);
     return true;
 }

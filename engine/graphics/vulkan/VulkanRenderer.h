@@ -31,6 +31,7 @@ class VulkanTexture;
 class VulkanBufferMemory;
 class GraphicsBuffer;
 class VertexBuffer;
+class IndexBuffer;
 
 class KOVEX_API VulkanRenderer : public Renderer
 {
@@ -63,8 +64,9 @@ public:
     // content has it). The stages are SPIR-V modules until programs come;
     // the pipeline comes from the cache. False, with a log line, when the
     // device cannot draw or the pipeline cannot be made.
+    // With `indices`, `vertexCount` counts indices of that buffer.
     bool DrawVertices(VkShaderModule vertex, VkShaderModule pixel, VertexBuffer* buffer, uint32 vertexCount,
-                      GraphicsTopology topology);
+                      GraphicsTopology topology, IndexBuffer* indices = nullptr);
     // A shader module of SPIR-V words; null, with a log line, when refused.
     VkShaderModule CreateShaderModule(const uint32* code, size_t bytes);
     void DestroyShaderModule(VkShaderModule module);

@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "graphics/IndexBuffer.h"
 #include "graphics/VertexBuffer.h"
 #include "graphics/vulkan/VulkanTestSupport.h"
 #include "support/LogCapture.h"
@@ -236,6 +237,45 @@ TEST_F(VulkanDraw, ASliceOfAnArrayTargetIsDrawnAlone)
     KovexTest::LogCapture log;
     EXPECT_FALSE(r.DrawVertices(vs, ps, buffer.Get(), 3, GraphicsTopology::TriangleList));
     EXPECT_TRUE(log->Contains(u"Vulkan: render target 0 has no view of slice 3 to draw into.\n"));
+}
+
+// Four vertices and six 16-bit indices draw a rectangle.
+TEST_F(VulkanDraw, IndexedTrianglesDrawTheIndexedVertices)
+{
+    VulkanRenderer& r = Renderer();
+    VertexElement elements[2];
+    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, GraphicsInputClass::PerVertex,
+                       0);
+    elements[1].Assign(GraphicsSemantic::Color, 0, GraphicsLayoutFormat::Float4, 0, 12, GraphicsInputClass::PerVertex, 0);
+    // Corners clockwise on screen from the bottom left, then one unused.
+    const Vertex corners[5] = {{-0.5f, -0.5f, 0.5f, 1, 1, 1, 1},
+                               {-0.5f, 0.5f, 0.5f, 1, 1, 1, 1},
+                               {0.5f, 0.5f, 0.5f, 1, 1, 1, 1},
+                               {0.5f, -0.5f, 0.5f, 1, 1, 1, 1},
+                               {0.9f, 0.9f, 0.5f, 1, 0, 0, 1}};
+    Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(elements, 2, 5, true);
+    memcpy(stream->GetPointer(0), corners, sizeof(corners));
+    Ptr<VertexBuffer> vertices = VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
+    Ptr<IndexBuffer::Stream> indexStream = IndexBuffer::Stream::Create(6, IndexBuffer::Index16, true);
+    const uint16 order[6] = {0, 1, 2, 0, 2, 3};
+    memcpy(indexStream->GetPointer(0), order, sizeof(order));
+    Ptr<IndexBuffer> indices = IndexBufferFactory::Get()->Create(indexStream, 0, GraphicsResourceUsage::Immutable, nullptr);
+    ASSERT_TRUE(vertices && vertices->IsCreated() && indices && indices->IsCreated());
+    r.BeginFrame();
+    r.Clear(GraphicsClearMode::TargetDepthStencil, Vector4(0, 0, 0, 1), 1.0f, 0);
+    ASSERT_TRUE(r.DrawVertices(vs, ps, vertices.Get(), 6, GraphicsTopology::TriangleList, indices.Get()));
+    r.EndFrame();
+    r.Present();
+    const Vertex first[3] = {corners[0], corners[1], corners[2]};
+    const Vertex second[3] = {corners[0], corners[2], corners[3]};
+    std::vector<int> cover = Coverage(first);
+    const std::vector<int> other = Coverage(second);
+    for (size_t i = 0; i < cover.size(); ++i)
+        cover[i] = cover[i] == 0 || other[i] == 0 ? 0 : cover[i] == 1 || other[i] == 1 ? 1 : 2;
+    const uint8 white[4] = {255, 255, 255, 255};
+    int inside = 0;
+    EXPECT_EQ(CountMismatches(KovexTest::ReadBack(r.GetRenderTarget(0).Get()), cover, white, nullptr, &inside), 0);
+    EXPECT_GT(inside, 700) << "a 32 x 24 rectangle, less its diagonal";
 }
 
 // A dynamic buffer whose stream changed between frames draws the new

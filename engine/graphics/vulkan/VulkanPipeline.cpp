@@ -320,8 +320,8 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
     blend.attachmentCount = key.ColorCount;
     blend.pAttachments = targets;
 
-    VkDynamicState dynamics[] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR, VK_DYNAMIC_STATE_STENCIL_REFERENCE,
-                                 VK_DYNAMIC_STATE_BLEND_CONSTANTS};
+    VkDynamicState dynamics[] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR,
+                                 VK_DYNAMIC_STATE_STENCIL_REFERENCE, VK_DYNAMIC_STATE_BLEND_CONSTANTS};
     VkPipelineDynamicStateCreateInfo dynamic = {VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO};
     dynamic.dynamicStateCount = 4;
     dynamic.pDynamicStates = dynamics;

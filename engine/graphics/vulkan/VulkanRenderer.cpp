@@ -528,7 +528,8 @@ Ptr<Texture> VulkanRenderer::NewBuffer(GraphicsFormat format, uint32 viewFlags)
 
 Ptr<Texture> VulkanRenderer::CreateBackBuffer()
 {
-    return NewBuffer(m_parameters.BackBufferFormat, TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
+    return NewBuffer(m_parameters.BackBufferFormat,
+                     TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
 }
 
 Ptr<Texture> VulkanRenderer::CreateDepthBuffer()
@@ -603,7 +604,8 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         Log::Print(LOG_WARNING, u"Vulkan: a draw with an index buffer that has no Vulkan buffer.\n");
         return false;
     }
-    if (!source->GetDeviceMemory().Refresh(*source) || (indexSource && !indexSource->GetDeviceMemory().Refresh(*indexSource)))
+    if (!source->GetDeviceMemory().Refresh(*source) ||
+        (indexSource && !indexSource->GetDeviceMemory().Refresh(*indexSource)))
         return false;
     Ptr<VertexDecl> layout = VertexDeclManager::Ins()->Create(source->GetVertexStream()->GetElements());
     VulkanPipelineKey key;

@@ -61,12 +61,18 @@ std::vector<int> Coverage(const Vertex (&v)[3])
     return cover;
 }
 
+// The elements of Vertex: position, then colour.
+void VertexLayout(VertexElement (&elements)[2])
+{
+    const GraphicsInputClass perVertex = GraphicsInputClass::PerVertex;
+    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, perVertex, 0);
+    elements[1].Assign(GraphicsSemantic::Color, 0, GraphicsLayoutFormat::Float4, 0, 12, perVertex, 0);
+}
+
 Ptr<VertexBuffer> MakeTriangle(const Vertex (&v)[3], bool dynamic = false)
 {
     VertexElement elements[2];
-    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, GraphicsInputClass::PerVertex,
-                       0);
-    elements[1].Assign(GraphicsSemantic::Color, 0, GraphicsLayoutFormat::Float4, 0, 12, GraphicsInputClass::PerVertex, 0);
+    VertexLayout(elements);
     Ptr<VertexBuffer::Stream> stream =
         dynamic ? Ptr<VertexBuffer::Stream>(VertexBuffer::DynamicStream::Create(elements, 2, 3, true).Get())
                 : VertexBuffer::Stream::Create(elements, 2, 3, true);
@@ -244,9 +250,7 @@ TEST_F(VulkanDraw, IndexedTrianglesDrawTheIndexedVertices)
 {
     VulkanRenderer& r = Renderer();
     VertexElement elements[2];
-    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, GraphicsInputClass::PerVertex,
-                       0);
-    elements[1].Assign(GraphicsSemantic::Color, 0, GraphicsLayoutFormat::Float4, 0, 12, GraphicsInputClass::PerVertex, 0);
+    VertexLayout(elements);
     // Corners clockwise on screen from the bottom left, then one unused.
     const Vertex corners[5] = {{-0.5f, -0.5f, 0.5f, 1, 1, 1, 1},
                                {-0.5f, 0.5f, 0.5f, 1, 1, 1, 1},
@@ -255,11 +259,12 @@ TEST_F(VulkanDraw, IndexedTrianglesDrawTheIndexedVertices)
                                {0.9f, 0.9f, 0.5f, 1, 0, 0, 1}};
     Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(elements, 2, 5, true);
     memcpy(stream->GetPointer(0), corners, sizeof(corners));
-    Ptr<VertexBuffer> vertices = VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
+    const GraphicsResourceUsage immutable = GraphicsResourceUsage::Immutable;
+    Ptr<VertexBuffer> vertices = VertexBufferFactory::Get()->Create(stream, 0, immutable, nullptr);
     Ptr<IndexBuffer::Stream> indexStream = IndexBuffer::Stream::Create(6, IndexBuffer::Index16, true);
     const uint16 order[6] = {0, 1, 2, 0, 2, 3};
     memcpy(indexStream->GetPointer(0), order, sizeof(order));
-    Ptr<IndexBuffer> indices = IndexBufferFactory::Get()->Create(indexStream, 0, GraphicsResourceUsage::Immutable, nullptr);
+    Ptr<IndexBuffer> indices = IndexBufferFactory::Get()->Create(indexStream, 0, immutable, nullptr);
     ASSERT_TRUE(vertices && vertices->IsCreated() && indices && indices->IsCreated());
     r.BeginFrame();
     r.Clear(GraphicsClearMode::TargetDepthStencil, Vector4(0, 0, 0, 1), 1.0f, 0);

@@ -50,7 +50,9 @@ std::vector<Encoding> Encodings()
 {
     auto c = [](int component, int bits, Kind kind) { return Channel{component, bits, kind}; };
     using F = GraphicsFormat;
-    auto rgba = [&](int bits, Kind k) { return std::vector<Channel>{c(0, bits, k), c(1, bits, k), c(2, bits, k), c(3, bits, k)}; };
+    auto rgba = [&](int bits, Kind k) {
+        return std::vector<Channel>{c(0, bits, k), c(1, bits, k), c(2, bits, k), c(3, bits, k)};
+    };
     auto rg = [&](int bits, Kind k) { return std::vector<Channel>{c(0, bits, k), c(1, bits, k)}; };
     auto r = [&](int bits, Kind k) { return std::vector<Channel>{c(0, bits, k)}; };
     return {
@@ -272,7 +274,8 @@ TEST(VulkanRenderer, IsListedChosenAndOpenedWithItsCapabilities)
     EXPECT_TRUE(r.GetDepthBuffer()->IsCreated());
     // What Vulkan has no format for answers false, and the compatible
     // format falls back.
-    EXPECT_FALSE(r.CheckTextureFormat(GraphicsFormat::ATC_RGB, TextureDimension::_2D, 1, GraphicsResourceUsage::Default, 0));
+    EXPECT_FALSE(
+        r.CheckTextureFormat(GraphicsFormat::ATC_RGB, TextureDimension::_2D, 1, GraphicsResourceUsage::Default, 0));
     EXPECT_FALSE(r.CheckTextureFormat(GraphicsFormat::B4G4R4A4_UNORM, TextureDimension::_2D, 1,
                                       GraphicsResourceUsage::Default, 0));
     EXPECT_FALSE(r.CheckTextureFormat(GraphicsFormat::A8_UNORM, TextureDimension::_2D, 2,
@@ -382,8 +385,8 @@ TEST(VulkanClear, TypelessDepthAndStagingTargets)
     ASSERT_TRUE(engine.IsOpen());
     Renderer& r = *g_ptrRenderer;
     // A typeless target is cleared as its render-target view reads it.
-    TextureDesc typeless = TextureFactory::Make2DDesc(4, 4, GraphicsFormat::R8G8B8A8_TYPELESS,
-                                                      TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
+    const uint32 targetViews = TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET;
+    TextureDesc typeless = TextureFactory::Make2DDesc(4, 4, GraphicsFormat::R8G8B8A8_TYPELESS, targetViews);
     typeless.TypelessRtvDsvFormat = GraphicsFormat::R8G8B8A8_UNORM;
     typeless.TypelessSavUavFormat = GraphicsFormat::R8G8B8A8_UNORM;
     Ptr<Texture> target = Texture::Create(typeless, GraphicsResourceUsage::Default);
@@ -666,7 +669,8 @@ TEST(VulkanUpload, GeneratedMipsAreTheBoxAverageOfTheLevelAbove)
     ASSERT_TRUE(engine.IsOpen());
     // A 4x4 checkerboard of 2x2 blocks whose averages are exact: R 0 or 200,
     // G 40, B 20 or 60, A 255.
-    TextureDesc desc = TextureFactory::Make2DDesc(4, 4, GraphicsFormat::R8G8B8A8_UNORM, TextureViewFlags::SHADER_RESOURCE);
+    TextureDesc desc =
+        TextureFactory::Make2DDesc(4, 4, GraphicsFormat::R8G8B8A8_UNORM, TextureViewFlags::SHADER_RESOURCE);
     desc.MipLevels = 3;
     Ptr<Image> image(new Image());
     ASSERT_TRUE(image->Create(desc));

@@ -232,6 +232,8 @@ bool VulkanDevice::CreateDevice()
     features.fillModeNonSolid = supported.fillModeNonSolid;
     features.independentBlend = supported.independentBlend;
     features.imageCubeArray = supported.imageCubeArray;
+    // Turning depth clipping off is depth clamping here.
+    features.depthClamp = supported.depthClamp;
     VkDeviceCreateInfo info = {VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO};
     info.queueCreateInfoCount = 1;
     info.pQueueCreateInfos = &queue;

@@ -154,10 +154,11 @@ VkFormat ToVk(GraphicsLayoutFormat format)
 
 // --- Cache --------------------------------------------------------------------------------
 
-bool VulkanPipelineCache::Init(VkDevice device)
+bool VulkanPipelineCache::Init(VkDevice device, bool depthClamp)
 {
     std::lock_guard<std::mutex> lock(m_lock);
     m_device = device;
+    m_depthClamp = depthClamp;
     // No resources yet: programs bring their descriptor sets with them.
     VkPipelineLayoutCreateInfo info = {VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO};
     VkResult result = vkCreatePipelineLayout(device, &info, nullptr, &m_layout);
@@ -264,7 +265,7 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
 
     const RasterizerStateDesc& r = key.Rasterizer->GetDesc();
     VkPipelineRasterizationStateCreateInfo raster = {VK_STRUCTURE_TYPE_PIPELINE_RASTERIZATION_STATE_CREATE_INFO};
-    raster.depthClampEnable = VK_FALSE;
+    raster.depthClampEnable = m_depthClamp && !r.DepthClipEnable;
     raster.polygonMode = r.FillMode == GraphicsFillMode::Wireframe ? VK_POLYGON_MODE_LINE : VK_POLYGON_MODE_FILL;
     raster.cullMode = VulkanStates::ToVk(r.CullMode);
     // The viewport's height is negative (y up, as the engine's content has

@@ -57,7 +57,9 @@ KOVEX_API VkFormat ToVk(GraphicsLayoutFormat format);
 class KOVEX_API VulkanPipelineCache
 {
 public:
-    bool Init(VkDevice device);
+    // `depthClamp`: the device's feature, enabled; without it a rasterizer
+    // state that turns depth clipping off still clips.
+    bool Init(VkDevice device, bool depthClamp);
     void Destroy();
     // The pipeline of the key, made on the first request; null, with a log
     // line, when the device refuses it or the key is incomplete.
@@ -70,6 +72,7 @@ private:
 
     std::mutex m_lock;
     VkDevice m_device = VK_NULL_HANDLE;
+    bool m_depthClamp = false;
     VkPipelineLayout m_layout = VK_NULL_HANDLE;
     std::unordered_map<uint64, std::vector<std::pair<VulkanPipelineKey, VkPipeline>>> m_pipelines;
 };

@@ -84,7 +84,9 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
     VkFenceCreateInfo fence = {VK_STRUCTURE_TYPE_FENCE_CREATE_INFO};
     for (uint32 i = 0; i < kFramesInFlight && result == VK_SUCCESS; ++i)
         result = vkCreateFence(device, &fence, nullptr, &m_frameFences[i]);
-    if (result == VK_SUCCESS && !m_pipelines.Init(device))
+    VkPhysicalDeviceFeatures features;
+    vkGetPhysicalDeviceFeatures(m_device.GetPhysicalDevice(), &features);
+    if (result == VK_SUCCESS && !m_pipelines.Init(device, features.depthClamp))
         result = VK_ERROR_INITIALIZATION_FAILED;
     if (result != VK_SUCCESS)
     {
@@ -93,8 +95,6 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
         return false;
     }
 
-    VkPhysicalDeviceFeatures features;
-    vkGetPhysicalDeviceFeatures(m_device.GetPhysicalDevice(), &features);
     const VkPhysicalDeviceLimits& limits = m_device.GetProperties().limits;
     HWCapability& caps = *GetHWCapability();
     caps.Profile = D3DShaderProfile::SM_5_0;

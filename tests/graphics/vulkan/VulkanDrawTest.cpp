@@ -283,6 +283,41 @@ TEST_F(VulkanDraw, IndexedTrianglesDrawTheIndexedVertices)
     EXPECT_GT(inside, 700) << "a 32 x 24 rectangle, less its diagonal";
 }
 
+// Beyond the far plane a triangle is clipped, unless the rasterizer state
+// turns depth clipping off: then its depth is clamped and it is drawn.
+TEST_F(VulkanDraw, DepthClipOffClampsInsteadOfClipping)
+{
+    VulkanRenderer& r = Renderer();
+    VkPhysicalDeviceFeatures features;
+    vkGetPhysicalDeviceFeatures(r.GetDevice().GetPhysicalDevice(), &features);
+    if (!features.depthClamp)
+        GTEST_SKIP() << "the device has no depth clamping";
+    const Vertex far[3] = {{-0.5f, -0.5f, 1.5f, 1, 1, 1, 1}, {0.0f, 0.75f, 1.5f, 1, 1, 1, 1},
+                           {0.75f, -0.25f, 1.5f, 1, 1, 1, 1}};
+    Ptr<VertexBuffer> buffer = MakeTriangle(far);
+    const uint8 white[4] = {255, 255, 255, 255}, black[4] = {0, 0, 0, 255};
+    const std::vector<int> cover = Coverage(far);
+    for (bool clamp : {false, true})
+    {
+        r.BeginFrame();
+        r.CommitState(clamp ? RasterizerStateFactory::Get()->GetLVFrontFaceState().Get()
+                            : r.GetDefaultRasterizerState().Get());
+        r.Clear(GraphicsClearMode::TargetDepthStencil, Vector4(0, 0, 0, 1), 1.0f, 0);
+        ASSERT_TRUE(r.DrawVertices(vs, ps, buffer.Get(), 3, GraphicsTopology::TriangleList));
+        r.EndFrame();
+        r.Present();
+        std::vector<int> expected = cover;
+        if (!clamp)
+            for (int& c : expected)
+                c = c == 0 ? 0 : 2; // all clipped: nothing inside
+        int inside = 0;
+        EXPECT_EQ(CountMismatches(KovexTest::ReadBack(r.GetRenderTarget(0).Get()), expected, clamp ? white : black,
+                                  nullptr, &inside),
+                  0)
+            << (clamp ? "clamped" : "clipped");
+    }
+}
+
 // A dynamic buffer whose stream changed between frames draws the new
 // vertices, from a copy no frame in flight reads.
 TEST_F(VulkanDraw, ADynamicBufferDrawsWhatItsStreamHoldsNow)

@@ -232,6 +232,8 @@ bool VulkanDevice::CreateDevice()
     features.fillModeNonSolid = supported.fillModeNonSolid;
     features.independentBlend = supported.independentBlend;
     features.imageCubeArray = supported.imageCubeArray;
+    // An index beyond its vertex buffer reads zeros instead of faulting.
+    features.robustBufferAccess = supported.robustBufferAccess;
     // Turning depth clipping off is depth clamping here.
     features.depthClamp = supported.depthClamp;
     VkDeviceCreateInfo info = {VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO};

@@ -604,6 +604,14 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         Log::Print(LOG_WARNING, u"Vulkan: a draw with an index buffer that has no Vulkan buffer.\n");
         return false;
     }
+    const uint32 available = indexSource ? indexSource->GetIndexStream()->GetIndexCount()
+                                         : source->GetVertexStream()->GetVertexCount();
+    if (vertexCount > available)
+    {
+        Log::Format(LOG_WARNING, u"Vulkan: a draw of %u %s from a buffer of %u.\n", vertexCount,
+                    indexSource ? u"indices" : u"vertices", available);
+        return false;
+    }
     if (!source->GetDeviceMemory().Refresh(*source) ||
         (indexSource && !indexSource->GetDeviceMemory().Refresh(*indexSource)))
         return false;

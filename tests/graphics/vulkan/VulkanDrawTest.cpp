@@ -281,6 +281,13 @@ TEST_F(VulkanDraw, IndexedTrianglesDrawTheIndexedVertices)
     int inside = 0;
     EXPECT_EQ(CountMismatches(KovexTest::ReadBack(r.GetRenderTarget(0).Get()), cover, white, nullptr, &inside), 0);
     EXPECT_GT(inside, 700) << "a 32 x 24 rectangle, less its diagonal";
+
+    // More than the buffers hold is refused, never read past their end.
+    KovexTest::LogCapture log;
+    EXPECT_FALSE(r.DrawVertices(vs, ps, vertices.Get(), 7, GraphicsTopology::TriangleList, indices.Get()));
+    EXPECT_TRUE(log->Contains(u"Vulkan: a draw of 7 indices from a buffer of 6.\n"));
+    EXPECT_FALSE(r.DrawVertices(vs, ps, vertices.Get(), 6, GraphicsTopology::TriangleList));
+    EXPECT_TRUE(log->Contains(u"Vulkan: a draw of 6 vertices from a buffer of 5.\n"));
 }
 
 // Beyond the far plane a triangle is clipped, unless the rasterizer state

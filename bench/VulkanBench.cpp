@@ -16,6 +16,11 @@
 #include "kernel/Log.h"
 #include "lifecycle/Engine.h"
 
+#ifdef KOVEX_TEST_SHADERS
+#include "triangle.frag.h"
+#include "triangle.vert.h"
+#endif
+
 using namespace KovexEngine;
 
 namespace {
@@ -74,6 +79,51 @@ void BM_Vulkan_ClearAndReadBack640x360(benchmark::State& state)
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kFrameBytes));
 }
 BENCHMARK(BM_Vulkan_ClearAndReadBack640x360)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+#ifdef KOVEX_TEST_SHADERS
+// The same frame with one triangle drawn after the clear, its pipeline
+// found in the cache each frame.
+void BM_Vulkan_ClearDrawAndReadBack640x360(benchmark::State& state)
+{
+    VulkanEngine engine;
+    if (!engine.ok || !VulkanRenderer::Get()->GetDevice().GetBeginRendering())
+    {
+        state.SkipWithError("no Vulkan device that draws");
+        return;
+    }
+    VulkanRenderer& r = *VulkanRenderer::Get();
+    VkShaderModule vs = r.CreateShaderModule(kTriangleVS, sizeof(kTriangleVS));
+    VkShaderModule ps = r.CreateShaderModule(kTrianglePS, sizeof(kTrianglePS));
+    VertexElement elements[2];
+    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, GraphicsInputClass::PerVertex,
+                       0);
+    elements[1].Assign(GraphicsSemantic::Color, 0, GraphicsLayoutFormat::Float4, 0, 12, GraphicsInputClass::PerVertex, 0);
+    const float triangle[3][7] = {{-0.5f, -0.5f, 0.5f, 1, 0.5f, 0, 1}, {0, 0.75f, 0.5f, 0, 1, 0.5f, 1},
+                                  {0.75f, -0.25f, 0.5f, 0.5f, 0, 1, 1}};
+    Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(elements, 2, 3, true);
+    memcpy(stream->GetPointer(0), triangle, sizeof(triangle));
+    Ptr<VertexBuffer> buffer =
+        VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
+    Ptr<Texture> target = r.GetRenderTarget(0);
+    std::vector<uint8> pixels;
+    for (auto _ : state)
+    {
+        r.BeginFrame();
+        r.Clear(GraphicsClearMode::TargetDepthStencil, Vector4(0.1f, 0.2f, 0.3f, 1.0f), 1.0f, 0);
+        if (!r.DrawVertices(vs, ps, buffer.Get(), 3, GraphicsTopology::TriangleList))
+            state.SkipWithError("draw failed");
+        r.EndFrame();
+        r.Present();
+        if (!r.ReadTexture(target.Get(), 0, 0, pixels) || pixels.size() != kFrameBytes)
+            state.SkipWithError("read-back failed");
+        benchmark::DoNotOptimize(pixels.data());
+    }
+    r.DestroyShaderModule(vs);
+    r.DestroyShaderModule(ps);
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kFrameBytes));
+}
+BENCHMARK(BM_Vulkan_ClearDrawAndReadBack640x360)->Unit(benchmark::kMillisecond)->UseRealTime();
+#endif
 
 // memcpy of as many bytes as the figure beside it moves.
 void BM_Vulkan_Baseline_Memcpy(benchmark::State& state)

@@ -8,7 +8,9 @@
 // first use. Present submits it with its fence (no window: that is the whole
 // of presenting); with kFramesInFlight command buffers the next frame waits
 // only for the one before the last. Reading back first submits what the
-// frame has recorded, so it sees every clear before it.
+// frame has recorded, so it sees every clear before it. Uploads of initial
+// pixels and of static buffers, and read-backs, run at once and wait for the
+// device (RunNow); only dynamic buffers avoid the wait, through their copies.
 //
 // Objects released while a frame may still read them are destroyed once the
 // frames submitted before then are complete (DeferDestroy).

@@ -140,15 +140,16 @@ void BM_Vulkan_Baseline_Memcpy(benchmark::State& state)
 }
 BENCHMARK(BM_Vulkan_Baseline_Memcpy)->Arg(int64_t(kFrameBytes))->Arg(int64_t(kBigBytes))->Unit(benchmark::kMillisecond);
 
-// Times `upload` (which makes one device object from 64 MiB) and, untimed,
-// drops what it made and lets the factories destroy it at a frame start.
+// Times `upload` (which makes one device object from 64 MiB) up to the end
+// of its copy on the device and, untimed, drops what it made and lets the
+// factories destroy it at a frame start.
 template <typename UPLOAD>
 void TimeUploads(benchmark::State& state, UPLOAD upload)
 {
     for (auto _ : state)
     {
         Ptr<GraphicsObject> made = upload();
-        if (!made || !made->IsCreated())
+        if (!made || !made->IsCreated() || !VulkanRenderer::Get()->SubmitFrame(true))
             state.SkipWithError("upload failed");
         state.PauseTiming();
         made = nullptr;

@@ -138,9 +138,12 @@ void VulkanRenderer::CloseDevice()
     if (device)
     {
         vkDeviceWaitIdle(device);
-        m_completed = m_submitted;
+        // Commands still being recorded are never submitted: everything
+        // waiting on them goes too.
         m_recording = false;
+        m_completed = ~uint64(0);
         CollectGarbage();
+        m_completed = m_submitted = 0;
         m_pipelines.Destroy();
         for (uint32 i = 0; i < kFramesInFlight; ++i)
             if (m_frameFences[i])
@@ -297,6 +300,25 @@ bool VulkanRenderer::RunNow(const std::function<void(VkCommandBuffer)>& record)
         return false;
     }
     m_completed = m_submitted;
+    return true;
+}
+
+bool VulkanRenderer::Upload(const void* data, uint64 size, const std::function<void(VkCommandBuffer, VkBuffer)>& record)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
+    VkBuffer staging = VK_NULL_HANDLE;
+    VulkanAllocation memory;
+    if (!CreateTransferBuffer(size, staging, memory))
+        return false;
+    memcpy(memory.Mapped, data, size);
+    VkCommandBuffer cmd = GetFrameCommands();
+    if (!cmd)
+    {
+        DestroyTransferBuffer(staging, memory);
+        return false;
+    }
+    record(cmd, staging);
+    DeferDestroy([this, staging, memory]() mutable { DestroyTransferBuffer(staging, memory); });
     return true;
 }
 

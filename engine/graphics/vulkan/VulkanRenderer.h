@@ -8,9 +8,10 @@
 // first use. Present submits it with its fence (no window: that is the whole
 // of presenting); with kFramesInFlight command buffers the next frame waits
 // only for the one before the last. Reading back first submits what the
-// frame has recorded, so it sees every clear before it. Uploads of initial
-// pixels and of static buffers, and read-backs, run at once and wait for the
-// device (RunNow); only dynamic buffers avoid the wait, through their copies.
+// frame has recorded, so it sees every clear before it. Uploads go through a
+// staging buffer into the frame's commands, so they wait for nothing; the
+// staging buffer goes once that frame is complete. Read-backs wait for the
+// device (RunNow).
 //
 // Objects released while a frame may still read them are destroyed once the
 // frames submitted before then are complete (DeferDestroy).
@@ -84,6 +85,11 @@ public:
     // Commands that run now: what the frame recorded is submitted first, the
     // commands are recorded by `record`, and the device is waited for.
     bool RunNow(const std::function<void(VkCommandBuffer)>& record);
+    // Copies `size` bytes into a staging buffer and lets `record` copy from it
+    // within the frame's commands; the staging buffer is destroyed once the
+    // frame is complete. False, with a log line, when no staging memory is
+    // left.
+    bool Upload(const void* data, uint64 size, const std::function<void(VkCommandBuffer, VkBuffer)>& record);
     // Runs `destroy` once no submitted frame can use what it destroys.
     void DeferDestroy(std::function<void()> destroy);
     // Moves the whole image to `layout`, recording the barrier in `cmd`.

@@ -229,21 +229,14 @@ bool VulkanTexture::CreateImage()
                     (unsigned long long)size);
         return false;
     }
-    VkBuffer staging = VK_NULL_HANDLE;
-    VulkanAllocation stagingMemory;
-    if (!renderer->CreateTransferBuffer(size, staging, stagingMemory))
-        return false;
-    memcpy(stagingMemory.Mapped, GetInitialData(), size);
     std::vector<VkBufferImageCopy> regions = Regions(desc, VulkanFormats::AspectOf(m_format));
-    bool ok = renderer->RunNow([&](VkCommandBuffer cmd) {
+    return renderer->Upload(GetInitialData(), size, [&](VkCommandBuffer cmd, VkBuffer staging) {
         renderer->Transition(cmd, *this, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
         vkCmdCopyBufferToImage(cmd, staging, m_image, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, uint32(regions.size()),
                                regions.data());
         if (desc.ViewFlags & TextureViewFlags::SHADER_RESOURCE)
             renderer->Transition(cmd, *this, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
     });
-    renderer->DestroyTransferBuffer(staging, stagingMemory);
-    return ok;
 }
 
 VkImageView VulkanTexture::GetTargetView(uint32 slice)
@@ -563,22 +556,21 @@ bool VulkanBufferMemory::Write(const void* data, uint32 size)
     VulkanRenderer* renderer = VulkanRenderer::Get();
     if (!renderer)
         return false;
-    VkBuffer staging = VK_NULL_HANDLE;
-    VulkanAllocation stagingMemory;
-    if (!renderer->CreateTransferBuffer(size, staging, stagingMemory))
-        return false;
-    memcpy(stagingMemory.Mapped, data, size);
-    bool ok = renderer->RunNow([&](VkCommandBuffer cmd) {
-        VkMemoryBarrier before = {VK_STRUCTURE_TYPE_MEMORY_BARRIER};
-        before.srcAccessMask = VK_ACCESS_MEMORY_READ_BIT | VK_ACCESS_MEMORY_WRITE_BIT;
-        before.dstAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
-        vkCmdPipelineBarrier(cmd, VK_PIPELINE_STAGE_ALL_COMMANDS_BIT, VK_PIPELINE_STAGE_TRANSFER_BIT, 0, 1, &before,
+    return renderer->Upload(data, size, [&](VkCommandBuffer cmd, VkBuffer staging) {
+        // Earlier draws finish reading the buffer before the copy; later ones
+        // see what it wrote.
+        VkMemoryBarrier barrier = {VK_STRUCTURE_TYPE_MEMORY_BARRIER};
+        barrier.srcAccessMask = VK_ACCESS_MEMORY_READ_BIT | VK_ACCESS_MEMORY_WRITE_BIT;
+        barrier.dstAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
+        vkCmdPipelineBarrier(cmd, VK_PIPELINE_STAGE_ALL_COMMANDS_BIT, VK_PIPELINE_STAGE_TRANSFER_BIT, 0, 1, &barrier,
                              0, nullptr, 0, nullptr);
         VkBufferCopy region = {0, 0, size};
         vkCmdCopyBuffer(cmd, staging, m_buffer, 1, &region);
+        barrier.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
+        barrier.dstAccessMask = VK_ACCESS_MEMORY_READ_BIT;
+        vkCmdPipelineBarrier(cmd, VK_PIPELINE_STAGE_TRANSFER_BIT, VK_PIPELINE_STAGE_ALL_COMMANDS_BIT, 0, 1, &barrier,
+                             0, nullptr, 0, nullptr);
     });
-    renderer->DestroyTransferBuffer(staging, stagingMemory);
-    return ok;
 }
 
 } // namespace KovexEngine

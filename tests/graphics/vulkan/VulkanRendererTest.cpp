@@ -700,3 +700,29 @@ TEST(VulkanUpload, GeneratedMipsAreTheBoxAverageOfTheLevelAbove)
         }
     }
 }
+
+TEST(VulkanClear, AGroupClearsOnlyTheSlicesItNames)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    VulkanEngine engine;
+    ASSERT_TRUE(engine.IsOpen());
+    Renderer& r = *g_ptrRenderer;
+    TextureDesc desc = TextureFactory::Make2DDesc(4, 4, GraphicsFormat::R8G8B8A8_UNORM,
+                                                  TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
+    desc.ArraySize = 3;
+    Ptr<Texture> array = Texture::Create(desc, GraphicsResourceUsage::Default);
+    ASSERT_TRUE(array && array->IsCreated());
+    r.ClearSingle(array.Get(), Vector4(0, 0, 0, 0));
+    RenderTargetGroup group;
+    group.SetRenderTarget(0, array, 1);
+    r.SetRTGroup(group);
+    r.Clear(GraphicsClearMode::Target, Vector4(1, 1, 1, 1), 1.0f, 0);
+    for (uint32 slice = 0; slice < 3; ++slice)
+    {
+        std::vector<uint8> bytes;
+        ASSERT_TRUE(engine.Renderer().ReadTexture(array.Get(), slice, 0, bytes));
+        ASSERT_EQ(bytes.size(), 64u);
+        EXPECT_EQ(bytes[0], slice == 1 ? 255 : 0) << "slice " << slice;
+        EXPECT_EQ(bytes[63], slice == 1 ? 255 : 0) << "slice " << slice;
+    }
+}

@@ -337,7 +337,9 @@ void VulkanRenderer::DeferDestroy(std::function<void()> destroy)
 
 void VulkanRenderer::Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkImageLayout layout)
 {
-    if (texture.GetLayout() == layout || !texture.GetImage())
+    // Transfer writes (clears, copies) in a row still need a barrier between
+    // them; other uses of an unchanged layout order themselves.
+    if (!texture.GetImage() || (texture.GetLayout() == layout && layout != VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL))
         return;
     VkImageMemoryBarrier barrier = {VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER};
     // Whole-pipeline barriers: correct for every use; the pipelines to come

@@ -92,7 +92,8 @@ public:
     bool Upload(const void* data, uint64 size, const std::function<void(VkCommandBuffer, VkBuffer)>& record);
     // Runs `destroy` once no submitted frame can use what it destroys.
     void DeferDestroy(std::function<void()> destroy);
-    // Moves the whole image to `layout`, recording the barrier in `cmd`.
+    // Moves the whole image to `layout`, recording the barrier in `cmd`; into
+    // TRANSFER_DST always, so that transfer writes in a row are ordered.
     void Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkImageLayout layout);
     // A host-visible buffer of `size` bytes for one transfer; destroyed with
     // DestroyTransferBuffer.

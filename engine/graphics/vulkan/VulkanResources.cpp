@@ -354,14 +354,15 @@ void VulkanTexture::ReleaseDeviceHandle()
     });
 }
 
-bool VulkanTexture::DeviceMap(MappedSubresource& out, MapType type, uint32 subresource)
+bool VulkanTexture::DeviceMap(MappedSubresource& out, MapType, uint32 subresource)
 {
     // Only staging textures live where the CPU reaches them.
     VulkanRenderer* renderer = VulkanRenderer::Get();
     if (!renderer || !m_buffer || subresource >= GetNumSubresources())
         return false;
-    // What the device wrote must be complete before the CPU reads it.
-    if ((type == MapType::Read || type == MapType::ReadWrite) && !renderer->SubmitFrame(true))
+    // What the device wrote must be complete before the CPU reads it, and
+    // what it is still to read before the CPU writes over it.
+    if (!renderer->SubmitFrame(true))
         return false;
     const TextureDesc& desc = GetDesc();
     const uint32 mips = Mips(desc);

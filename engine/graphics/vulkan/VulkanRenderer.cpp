@@ -4,6 +4,7 @@
 
 #include "graphics/vulkan/VulkanFormats.h"
 #include "graphics/vulkan/VulkanResources.h"
+#include "graphics/InputLayout.h"
 #include "graphics/VertexBuffer.h"
 #include "kernel/Log.h"
 
@@ -465,6 +466,35 @@ void VulkanRenderer::ClearSingle(Texture* texture, const Vector4& color)
     }
 }
 
+void VulkanRenderer::ClearSingle(Texture* texture, uint32 arrayIndex, const Vector4& color)
+{
+    VulkanTexture* target = AsVulkan(texture);
+    if (!target || arrayIndex >= target->GetDesc().ArraySize)
+        return;
+    std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
+    if (VkCommandBuffer cmd = GetFrameCommands())
+    {
+        if (VulkanFormats::IsDepthFormat(target->GetVkFormat()))
+            ClearDepth(cmd, *target, VK_IMAGE_ASPECT_DEPTH_BIT | VK_IMAGE_ASPECT_STENCIL_BIT, color.x,
+                       uint32(color.y), int(arrayIndex));
+        else
+            ClearColor(cmd, *target, color, int(arrayIndex));
+    }
+}
+
+void* VulkanRenderer::GetStageRecord(uint32) { return nullptr; }
+
+// Programs are not compiled for Vulkan yet, so a geometry has nothing to be
+// drawn with: said once, then nothing.
+void VulkanRenderer::Draw(GeometryRDI*) { DrawWithoutProgram(); }
+void VulkanRenderer::DrawInstanced(GeometryRDI*, uint32) { DrawWithoutProgram(); }
+
+void VulkanRenderer::DrawWithoutProgram()
+{
+    if (!m_toldNoPrograms.exchange(true))
+        Log::Print(LOG_WARNING, u"Vulkan: Draw needs programs, which are not compiled for Vulkan yet.\n");
+}
+
 void VulkanRenderer::ClearUAV(GraphicsResource* resource, uint32 index, uint32 value)
 {
     VulkanTexture* target = AsVulkan(dynamic_cast<Texture*>(resource));
@@ -567,17 +597,12 @@ GraphicsFactory* VulkanRenderer::CreateRasterizerStateFactory() { return new Ras
 GraphicsFactory* VulkanRenderer::CreateDepthStencilStateFactory() { return new DepthStencilStateFactory(); }
 GraphicsFactory* VulkanRenderer::CreateVertexBufferFactory() { return new VulkanVertexBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateIndexBufferFactory() { return new VulkanIndexBufferFactory(); }
-GraphicsFactory* VulkanRenderer::CreateConstantBufferFactory()
-{
-    return new GraphicsFactory(FactoryType::ConstantBufferFactory);
-}
-GraphicsFactory* VulkanRenderer::CreateRWBufferFactory() { return new GraphicsFactory(FactoryType::RWBufferFactory); }
+GraphicsFactory* VulkanRenderer::CreateConstantBufferFactory() { return new VulkanConstantBufferFactory(); }
+GraphicsFactory* VulkanRenderer::CreateRWBufferFactory() { return new VulkanRWBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateShaderFactory() { return new GraphicsFactory(FactoryType::ShaderFactory); }
 GraphicsFactory* VulkanRenderer::CreateWindowFactory() { return new VulkanGraphicsWindowFactory(); }
-GraphicsFactory* VulkanRenderer::CreateInputLayoutFactory()
-{
-    return new GraphicsFactory(FactoryType::InputLayoutFactory);
-}
+// Vulkan has no input-layout objects: the layout is part of each pipeline.
+GraphicsFactory* VulkanRenderer::CreateInputLayoutFactory() { return new InputLayoutFactory(); }
 GraphicsFactory* VulkanRenderer::CreateProgramCompiler() { return new GraphicsFactory(FactoryType::ProgramCompiler); }
 GraphicsFactory* VulkanRenderer::CreateTextureFactory() { return new VulkanTextureFactory(); }
 
@@ -811,6 +836,10 @@ bool VulkanRenderer::ReadBuffer(GraphicsBuffer* buffer, std::vector<uint8>& out)
         device = &vb->GetDeviceMemory();
     else if (auto* ib = dynamic_cast<VulkanIndexBuffer*>(buffer))
         device = &ib->GetDeviceMemory();
+    else if (auto* cb = dynamic_cast<VulkanConstantBuffer*>(buffer))
+        device = &cb->GetDeviceMemory();
+    else if (auto* rw = dynamic_cast<VulkanRWBuffer*>(buffer))
+        device = &rw->GetDeviceMemory();
     if (!device || !device->GetBuffer())
     {
         Log::Print(LOG_WARNING, u"Vulkan: read-back of a buffer that has no Vulkan buffer.\n");

@@ -21,6 +21,7 @@
 // frame state (Renderer's own) belongs to the thread that draws, as for any
 // renderer.
 
+#include <atomic>
 #include <functional>
 #include <vector>
 
@@ -59,7 +60,7 @@ public:
     // or of 4x4 blocks), as TextureDesc::GetRowPitch gives them. False, with
     // a log line, for a texture of another platform or a failed copy.
     bool ReadTexture(Texture* texture, uint32 arrayIndex, uint32 mip, std::vector<uint8>& out);
-    // The current content of a vertex or index buffer.
+    // The current content of a vertex, index, constant or read-write buffer.
     bool ReadBuffer(GraphicsBuffer* buffer, std::vector<uint8>& out);
 
     // Draws `vertexCount` vertices of one buffer into the bound targets with
@@ -113,6 +114,7 @@ private:
                     uint32 stencil, int layer);
     bool WaitFrame(uint32 slot);
     void CollectGarbage();
+    void DrawWithoutProgram();
     void CloseDevice();
 
     VulkanDevice m_device;
@@ -133,6 +135,7 @@ private:
     };
     std::vector<Garbage> m_garbage;
     RenderTargetGroup m_bound;
+    std::atomic<bool> m_toldNoPrograms{false};
 };
 
 } // namespace KovexEngine

@@ -11,6 +11,8 @@ namespace KovexEngine {
 KOVEX_REGISTER_CLASS(VulkanTexture, u"Engine", Texture)
 KOVEX_REGISTER_CLASS(VulkanVertexBuffer, u"Engine", VertexBuffer)
 KOVEX_REGISTER_CLASS(VulkanIndexBuffer, u"Engine", IndexBuffer)
+KOVEX_REGISTER_CLASS(VulkanConstantBuffer, u"Engine", ConstantBuffer)
+KOVEX_REGISTER_CLASS(VulkanRWBuffer, u"Engine", RWBuffer)
 
 namespace {
 

@@ -17,7 +17,9 @@
 
 #include <vulkan/vulkan.h>
 
+#include "graphics/ConstantBuffer.h"
 #include "graphics/IndexBuffer.h"
+#include "graphics/RWBuffer.h"
 #include "graphics/TextureFactory.h"
 #include "graphics/VertexBuffer.h"
 #include "graphics/vulkan/VulkanMemory.h"
@@ -146,6 +148,36 @@ class KOVEX_API VulkanIndexBuffer : public TVulkanBuffer<IndexBuffer>
     KOVEX_CLASS(VulkanIndexBuffer)
 public:
     bool CreateDeviceHandle() override { return m_device.Create(*this, VK_BUFFER_USAGE_INDEX_BUFFER_BIT); }
+};
+
+// Constant buffers are dynamic: each change goes to the next copy.
+class KOVEX_API VulkanConstantBuffer : public TVulkanBuffer<ConstantBuffer>
+{
+    KOVEX_CLASS(VulkanConstantBuffer)
+protected:
+    bool DeviceCreateBuffer() override { return m_device.Create(*this, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT); }
+};
+
+class KOVEX_API VulkanRWBuffer : public TVulkanBuffer<RWBuffer>
+{
+    KOVEX_CLASS(VulkanRWBuffer)
+public:
+    bool CreateDeviceHandle() override
+    {
+        return m_device.Create(*this, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT | VK_BUFFER_USAGE_STORAGE_TEXEL_BUFFER_BIT);
+    }
+};
+
+class KOVEX_API VulkanConstantBufferFactory : public ConstantBufferFactory
+{
+protected:
+    ConstantBuffer* NewConstantBuffer() override { return new VulkanConstantBuffer(); }
+};
+
+class KOVEX_API VulkanRWBufferFactory : public RWBufferFactory
+{
+protected:
+    RWBuffer* NewRWBuffer() override { return new VulkanRWBuffer(); }
 };
 
 class KOVEX_API VulkanVertexBufferFactory : public VertexBufferFactory

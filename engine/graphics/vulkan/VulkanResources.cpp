@@ -379,6 +379,49 @@ bool VulkanTexture::DeviceMap(MappedSubresource& out, MapType, uint32 subresourc
 
 void VulkanTexture::DeviceUnmap(uint32) {}
 
+bool VulkanTexture::DeviceUpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box)
+{
+    VulkanRenderer* renderer = VulkanRenderer::Get();
+    const TextureDesc& desc = GetDesc();
+    if (!renderer || !m_image)
+        return false;
+    const uint32 mip = subresource % Mips(desc), slice = subresource / Mips(desc);
+    MappedBox whole = {0, 0, 0, desc.GetMipWidth(mip), desc.GetMipHeight(mip), desc.GetMipDepth(mip)};
+    const MappedBox& b = box ? *box : whole;
+    // The box's rows packed tightly, as the copy reads them.
+    TextureDesc part;
+    part.Width = b.right - b.left;
+    part.Height = b.bottom - b.top;
+    uint32 rowBytes = 0, rows = 0;
+    part.GetRowPitch(rowBytes, rows, 0, desc.Format);
+    const uint32 depth = b.back - b.front;
+    std::vector<uint8> packed(size_t(rowBytes) * rows * depth);
+    for (uint32 z = 0; z < depth; ++z)
+        for (uint32 y = 0; y < rows; ++y)
+            memcpy(packed.data() + (size_t(z) * rows + y) * rowBytes,
+                   static_cast<const uint8*>(data.pData) + size_t(z) * data.DepthPitch + size_t(y) * data.RowPitch,
+                   rowBytes);
+    const bool volume = desc.Dimension == TextureDimension::_3D;
+    VkBufferImageCopy region = {};
+    const VkImageAspectFlags aspects = VulkanFormats::AspectOf(m_format);
+    region.imageSubresource.aspectMask =
+        aspects & VK_IMAGE_ASPECT_DEPTH_BIT ? VK_IMAGE_ASPECT_DEPTH_BIT : VK_IMAGE_ASPECT_COLOR_BIT;
+    region.imageSubresource.mipLevel = mip;
+    region.imageSubresource.baseArrayLayer = volume ? 0 : slice;
+    region.imageSubresource.layerCount = 1;
+    region.imageOffset = {int32(b.left), int32(b.top), int32(volume ? b.front : 0)};
+    region.imageExtent = {part.Width, part.Height, volume ? depth : 1};
+    std::lock_guard<std::recursive_mutex> lock(renderer->GetDevice().GetLock());
+    const VkImageLayout after =
+        m_layout == VK_IMAGE_LAYOUT_UNDEFINED ? VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL : m_layout;
+    return renderer->Upload(packed.data(), packed.size(), [&](VkCommandBuffer cmd, VkBuffer staging) {
+        renderer->Transition(cmd, *this, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
+        vkCmdCopyBufferToImage(cmd, staging, m_image, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &region);
+        if (after != VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL && (desc.ViewFlags & TextureViewFlags::SHADER_RESOURCE))
+            renderer->Transition(cmd, *this, after);
+    });
+}
+
 bool VulkanTexture::DeviceCopyResource(GraphicsResource* dst)
 {
     auto* target = static_cast<VulkanTexture*>(dst);

@@ -59,6 +59,9 @@ protected:
     bool DeviceMap(MappedSubresource& out, MapType type, uint32 subresource) override;
     void DeviceUnmap(uint32 subresource) override;
     bool DeviceCopyResource(GraphicsResource* dst) override;
+    // Rows of `data` (its row and depth pitch) into the box of one
+    // subresource, through a staging buffer within the frame's commands.
+    bool DeviceUpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box) override;
 
 private:
     bool CreateImage();

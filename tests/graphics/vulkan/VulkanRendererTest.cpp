@@ -764,3 +764,39 @@ TEST(VulkanBuffers, ConstantAndReadWriteBuffersLiveInDeviceMemory)
     EXPECT_EQ(log->entries.Count(), 1u);
     EXPECT_TRUE(log->Contains(u"Vulkan: Draw needs programs, which are not compiled for Vulkan yet.\n"));
 }
+
+TEST(VulkanUpload, ABoxOfOneSubresourceIsUpdatedInPlace)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    VulkanEngine engine;
+    ASSERT_TRUE(engine.IsOpen());
+    TextureDesc desc =
+        TextureFactory::Make2DDesc(8, 4, GraphicsFormat::R8G8B8A8_UNORM, TextureViewFlags::SHADER_RESOURCE);
+    desc.MipLevels = 2;
+    Ptr<Image> image(new Image());
+    ASSERT_TRUE(image->Create(desc));
+    image->FillData(0);
+    Ptr<Texture> texture =
+        TextureFactory::Get()->Create(Ptr<Object>(image.Get()), GraphicsResourceUsage::Default, nullptr);
+    ASSERT_TRUE(texture && texture->IsCreated());
+    // A 2x2 box at x 1, y 0 of mip 1 (4x2), from rows 12 bytes apart.
+    uint8 source[24];
+    for (uint32 i = 0; i < 24; ++i)
+        source[i] = uint8(100 + i);
+    MappedSubresource data;
+    data.pData = source;
+    data.RowPitch = 12;
+    data.DepthPitch = 24;
+    MappedBox box = {1, 0, 0, 3, 2, 1};
+    ASSERT_TRUE(texture->UpdateSubresource(1, data, &box));
+    std::vector<uint8> bytes;
+    ASSERT_TRUE(engine.Renderer().ReadTexture(texture.Get(), 0, 1, bytes));
+    ASSERT_EQ(bytes.size(), 32u);
+    EXPECT_EQ(bytes[0], 0) << "left of the box";
+    EXPECT_EQ(bytes[4], 100) << "row 0 of the box";
+    EXPECT_EQ(bytes[11], 107);
+    EXPECT_EQ(bytes[16 + 4], 112) << "row 1 starts a source row pitch later";
+    EXPECT_EQ(bytes[16 + 12], 0) << "right of the box";
+    ASSERT_TRUE(engine.Renderer().ReadTexture(texture.Get(), 0, 0, bytes));
+    EXPECT_EQ(bytes[4], 0) << "mip 0 untouched";
+}

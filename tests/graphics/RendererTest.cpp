@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -127,6 +129,13 @@ TEST(NullRenderer, InitTickDestroy)
 
 TEST(NullRenderer, WithoutAPlatformThereIsNoRenderer)
 {
+    // A Vulkan device, where the machine has one, is hidden by naming a
+    // device that does not exist: the path without any platform stays tested.
+    struct HideVulkan
+    {
+        HideVulkan() { setenv("KOVEX_VULKAN_DEVICE", "no device is named like this", 1); }
+        ~HideVulkan() { unsetenv("KOVEX_VULKAN_DEVICE"); }
+    } hidden;
     g_IsNullRenderer = false;
     KovexTest::LogCapture log;
     TArray<RendererPlatform> platforms;

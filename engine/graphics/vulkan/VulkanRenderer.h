@@ -1,0 +1,141 @@
+#pragma once
+
+// The Vulkan renderer, platform 4. It registers itself as a backend when the
+// library is built with Vulkan, and is available when VulkanDevice::Probe
+// finds a device.
+//
+// Frames: device operations record into the frame's command buffer, begun on
+// first use. Present submits it with its fence (no window: that is the whole
+// of presenting); with kFramesInFlight command buffers the next frame waits
+// only for the one before the last. Reading back first submits what the
+// frame has recorded, so it sees every clear before it. Uploads go through a
+// staging buffer into the frame's commands, so they wait for nothing; the
+// staging buffer goes once that frame is complete. Read-backs wait for the
+// device (RunNow).
+//
+// Objects released while a frame may still read them are destroyed once the
+// frames submitted before then are complete (DeferDestroy).
+//
+// Threads: every device operation takes the device lock, so the graphics
+// thread may create objects while the main thread records; the renderer's
+// frame state (Renderer's own) belongs to the thread that draws, as for any
+// renderer.
+
+#include <atomic>
+#include <functional>
+#include <vector>
+
+#include "graphics/Renderer.h"
+#include "graphics/vulkan/VulkanDevice.h"
+#include "graphics/vulkan/VulkanPipeline.h"
+
+namespace KovexEngine {
+
+class VulkanTexture;
+class VulkanBufferMemory;
+class GraphicsBuffer;
+class VertexBuffer;
+class IndexBuffer;
+
+class KOVEX_API VulkanRenderer : public Renderer
+{
+    KOVEX_CLASS(VulkanRenderer)
+
+public:
+    static constexpr uint32 kFramesInFlight = 2;
+
+    VulkanRenderer();
+    ~VulkanRenderer() override;
+
+    // The renderer of g_ptrRenderer when it is this platform's; else null.
+    static VulkanRenderer* Get();
+
+#define KOVEX_DEVICE_OP_VULKAN_DECL(result, name, params, nullResult) result name params override;
+    KOVEX_RENDERER_DEVICE_OPS(KOVEX_DEVICE_OP_VULKAN_DECL)
+#undef KOVEX_DEVICE_OP_VULKAN_DECL
+
+    VulkanDevice& GetDevice() { return m_device; }
+
+    // Copies one subresource into `out` with tightly packed rows (of pixels,
+    // or of 4x4 blocks), as TextureDesc::GetRowPitch gives them. False, with
+    // a log line, for a texture of another platform or a failed copy.
+    bool ReadTexture(Texture* texture, uint32 arrayIndex, uint32 mip, std::vector<uint8>& out);
+    // The current content of a vertex, index, constant or read-write buffer.
+    bool ReadBuffer(GraphicsBuffer* buffer, std::vector<uint8>& out);
+
+    // Draws `vertexCount` vertices of one buffer into the bound targets with
+    // the committed states and the current viewport (y up, as the engine's
+    // content has it). The stages are SPIR-V modules until programs come;
+    // the pipeline comes from the cache. False, with a log line, when the
+    // device cannot draw or the pipeline cannot be made.
+    // With `indices`, `vertexCount` counts indices of that buffer.
+    bool DrawVertices(VkShaderModule vertex, VkShaderModule pixel, VertexBuffer* buffer, uint32 vertexCount,
+                      GraphicsTopology topology, IndexBuffer* indices = nullptr);
+    // A shader module of SPIR-V words; null, with a log line, when refused.
+    VkShaderModule CreateShaderModule(const uint32* code, size_t bytes);
+    void DestroyShaderModule(VkShaderModule module);
+    VulkanPipelineCache& GetPipelines() { return m_pipelines; }
+
+    // --- For the backend's objects ---------------------------------------------
+    // A command buffer that runs before anything recorded later: the
+    // frame's. Null when the device is not open.
+    VkCommandBuffer GetFrameCommands();
+    // Submits the frame's commands; with `wait`, returns when the device is
+    // idle.
+    bool SubmitFrame(bool wait);
+    // Commands that run now: what the frame recorded is submitted first, the
+    // commands are recorded by `record`, and the device is waited for.
+    bool RunNow(const std::function<void(VkCommandBuffer)>& record);
+    // Copies `size` bytes into a staging buffer and lets `record` copy from it
+    // within the frame's commands; the staging buffer is destroyed once the
+    // frame is complete. False, with a log line, when no staging memory is
+    // left.
+    bool Upload(const void* data, uint64 size, const std::function<void(VkCommandBuffer, VkBuffer)>& record);
+    // Runs `destroy` once no submitted frame can use what it destroys.
+    void DeferDestroy(std::function<void()> destroy);
+    // Moves the whole image to `layout`, recording the barrier in `cmd`; into
+    // TRANSFER_DST always, so that transfer writes in a row are ordered.
+    void Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkImageLayout layout);
+    // A host-visible buffer of `size` bytes for one transfer; destroyed with
+    // DestroyTransferBuffer.
+    bool CreateTransferBuffer(uint64 size, VkBuffer& buffer, VulkanAllocation& memory);
+    void DestroyTransferBuffer(VkBuffer& buffer, VulkanAllocation& memory);
+
+protected:
+    void OnDestroying() override;
+    void OnDestroyed() override;
+
+private:
+    bool VulkanCreateDevice(const GraphicsParameters& parameters);
+    Ptr<Texture> NewBuffer(GraphicsFormat format, uint32 viewFlags);
+    GraphicsFactory* NewWindowFactory();
+    void ClearColor(VkCommandBuffer cmd, VulkanTexture& texture, const Vector4& color, int layer);
+    void ClearDepth(VkCommandBuffer cmd, VulkanTexture& texture, VkImageAspectFlags aspects, float depth,
+                    uint32 stencil, int layer);
+    bool WaitFrame(uint32 slot);
+    void CollectGarbage();
+    void DrawWithoutProgram();
+    void CloseDevice();
+
+    VulkanDevice m_device;
+    VulkanPipelineCache m_pipelines;
+    Viewport m_viewport;
+    VkCommandBuffer m_frameCommands[kFramesInFlight] = {};
+    VkFence m_frameFences[kFramesInFlight] = {};
+    uint64 m_frameSerial[kFramesInFlight] = {};
+    VkCommandBuffer m_nowCommands = VK_NULL_HANDLE;
+    uint32 m_slot = 0;
+    bool m_recording = false;
+    uint64 m_submitted = 0; // submissions made
+    uint64 m_completed = 0; // all submissions up to this one are complete
+    struct Garbage
+    {
+        uint64 serial;
+        std::function<void()> destroy;
+    };
+    std::vector<Garbage> m_garbage;
+    RenderTargetGroup m_bound;
+    std::atomic<bool> m_toldNoPrograms{false};
+};
+
+} // namespace KovexEngine

@@ -253,3 +253,160 @@ TEST(ExternalFixtures, MipChainsKeepEveryLevelTheFileHolds)
 }
 
 } // namespace
+
+namespace {
+
+// --- The other direction: what the engine saves, opened by those programs ---
+
+// A shell word for a path.
+std::string Shell(const std::string& text) { return "'" + text + "'"; }
+
+bool Succeeds(const std::string& command) { return std::system((command + " > /dev/null 2>&1").c_str()) == 0; }
+
+// The Python that has Pillow (Debian installs it for /usr/bin/python3, which
+// need not be the first python3 on the path); empty when there is none.
+std::string PillowPython()
+{
+    for (const char* python : {"/usr/bin/python3", "python3"})
+        if (Succeeds(std::string(python) + " -c 'import PIL'"))
+            return python;
+    return std::string();
+}
+
+bool HaveImageMagick() { return Succeeds("convert -version | grep -q ImageMagick"); }
+
+// The program's decode of `file` as RGBA8 rows, top first; empty on failure.
+std::string DecodeWithPillow(const std::string& python, const std::string& file, const std::string& out)
+{
+    const std::string script = "import sys; from PIL import Image; "
+                               "sys.stdout.buffer.write(Image.open(sys.argv[1]).convert(\"RGBA\").tobytes())";
+    if (std::system((python + " -c " + Shell(script) + " " + Shell(file) + " > " + Shell(out)).c_str()) != 0)
+        return std::string();
+    return ReadAll(out);
+}
+
+std::string DecodeWithImageMagick(const std::string& file, const std::string& out)
+{
+    if (std::system(("convert " + Shell(file) + " -auto-orient -depth 8 " + Shell("rgba:" + out)).c_str()) != 0)
+        return std::string();
+    return ReadAll(out);
+}
+
+// Alpha forced to 255: for a file that carries none, or a reader that
+// ignores it.
+std::string Opaque(std::string rgba)
+{
+    for (size_t i = 3; i < rgba.size(); i += 4)
+        rgba[i] = char(255);
+    return rgba;
+}
+
+struct Saved
+{
+    std::string file;
+    std::string expected;      // RGBA8 every program should see
+    bool pillowDropsAlpha;     // Pillow reads a 32-bit BI_RGB bitmap's fourth byte as padding
+    bool imageMagickReadsIt;   // ImageMagick 6 reads every 32-bit plain DDS as BGRA, whatever its masks
+};
+
+// Saves the fixture's pixels in the forms the engine writes; each with what
+// a reader should decode. Block-compressed files are expected to decode to
+// what the engine itself decodes them to.
+std::vector<Saved> SaveEveryForm(const KovexTest::TempDir& dir, std::string& error)
+{
+    std::vector<Saved> out;
+    Ptr<ImageLoader> loader = Load("pil_rgba8.png");
+    if (!loader || !loader->GetImage()->Convert(F::R8G8B8A8_UNORM, true))
+    {
+        error = "the source did not load";
+        return out;
+    }
+    const std::string source = Rgba(*loader->GetImage(), 0);
+    const TextureDesc sourceDesc = loader->GetDesc();
+    auto save = [&](const std::string& name, uint32 format, bool opaque, int saver) -> std::string {
+        Ptr<Image> image(new Image());
+        if (!image->Create(sourceDesc))
+            return std::string();
+        const std::string pixels = opaque ? Opaque(source) : source;
+        std::memcpy(image->GetData(), pixels.data(), pixels.size());
+        if (!image->Convert(format, true))
+            return std::string();
+        Ptr<Stream> stream(new FileStream(dir.W(name)));
+        stream->SetWriteable(true);
+        const bool ok = stream->Open() && (saver == ImageLoader::BMP   ? ImageLoaderBMP::StaticSave(image.Get(), stream.Get(), 0, 0, 0)
+                                           : saver == ImageLoader::DDS ? ImageLoaderDDS::StaticSave(image.Get(), stream.Get(), 0)
+                                                                       : ImageLoaderPNG::StaticSave(image.Get(), stream.Get()));
+        stream->Close();
+        if (!ok || !image->Convert(F::R8G8B8A8_UNORM, true))
+            return std::string();
+        return Rgba(*image, 0); // what the engine has after its own decode
+    };
+    struct Form
+    {
+        const char* name;
+        uint32 format;
+        bool opaque;
+        int saver;
+    };
+    const Form forms[] = {
+        {"engine_bgra32.bmp", F::B8G8R8A8_UNORM, false, ImageLoader::BMP},
+        {"engine_bgr24.bmp", F::B8G8R8_UNORM, true, ImageLoader::BMP},
+        {"engine_bgra.dds", F::B8G8R8A8_UNORM, false, ImageLoader::DDS},
+        {"engine_rgba.dds", F::R8G8B8A8_UNORM, false, ImageLoader::DDS},
+        {"engine_bc1.dds", F::BC1_UNORM, true, ImageLoader::DDS},
+        {"engine_bc3.dds", F::BC3_UNORM, false, ImageLoader::DDS},
+        {"engine_rgba.png", F::R8G8B8A8_UNORM, false, ImageLoader::PNG},
+        {"engine_bgr.png", F::B8G8R8_UNORM, true, ImageLoader::PNG},
+    };
+    for (const Form& form : forms)
+    {
+        std::string expected = save(form.name, form.format, form.opaque, form.saver);
+        if (expected.empty())
+        {
+            error = std::string("the engine did not save ") + form.name;
+            return {};
+        }
+        out.push_back({dir.path + "/" + form.name, expected, form.saver == ImageLoader::BMP && !form.opaque,
+                       form.format != F::R8G8B8A8_UNORM || form.saver != ImageLoader::DDS});
+    }
+    return out;
+}
+
+TEST(ExternalTools, PillowOpensWhatTheEngineSavesWithTheSamePixels)
+{
+    const std::string python = PillowPython();
+    if (python.empty())
+        GTEST_SKIP() << "Pillow is not installed (Debian package python3-pil)";
+    KovexTest::TempDir dir;
+    std::string error;
+    const std::vector<Saved> saved = SaveEveryForm(dir, error);
+    ASSERT_TRUE(error.empty()) << error;
+    for (const Saved& s : saved)
+    {
+        SCOPED_TRACE(s.file);
+        const std::string decoded = DecodeWithPillow(python, s.file, dir.path + "/decoded.rgba");
+        ASSERT_FALSE(decoded.empty()) << "Pillow did not open it";
+        EXPECT_TRUE(Near(decoded, s.pillowDropsAlpha ? Opaque(s.expected) : s.expected, 0, 37));
+    }
+}
+
+TEST(ExternalTools, ImageMagickOpensWhatTheEngineSavesWithTheSamePixels)
+{
+    if (!HaveImageMagick())
+        GTEST_SKIP() << "ImageMagick is not installed (Debian package imagemagick)";
+    KovexTest::TempDir dir;
+    std::string error;
+    const std::vector<Saved> saved = SaveEveryForm(dir, error);
+    ASSERT_TRUE(error.empty()) << error;
+    for (const Saved& s : saved)
+    {
+        if (!s.imageMagickReadsIt)
+            continue;
+        SCOPED_TRACE(s.file);
+        const std::string decoded = DecodeWithImageMagick(s.file, dir.path + "/decoded.rgba");
+        ASSERT_FALSE(decoded.empty()) << "ImageMagick did not open it";
+        EXPECT_TRUE(Near(decoded, s.expected, 0, 37));
+    }
+}
+
+} // namespace

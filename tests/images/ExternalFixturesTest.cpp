@@ -163,6 +163,8 @@ TEST(ExternalFixtures, PngEveryColourTypeAndDepthMatchesPillow)
         {"pil_grey8.png", ImageLoader::PNG, 0},          {"pil_greyalpha8.png", ImageLoader::PNG, 0},
         {"pil_grey1.png", ImageLoader::PNG, 0},          {"pil_palette_trns.png", ImageLoader::PNG, 0},
         {"pil_palette4.png", ImageLoader::PNG, 0},       {"pil_grey16.png", ImageLoader::PNG, 0},
+        {"pil_palette2.png", ImageLoader::PNG, 0},       {"pil_rgb_trns.png", ImageLoader::PNG, 0},
+        {"pil_grey_trns.png", ImageLoader::PNG, 0},
         {"im_rgba16.png", ImageLoader::PNG, 0},          {"im_interlaced.png", ImageLoader::PNG, 0},
     };
     Ptr<ImageLoader> probe = Load("pil_rgba8.png");
@@ -172,7 +174,7 @@ TEST(ExternalFixtures, PngEveryColourTypeAndDepthMatchesPillow)
     CheckAll(fixtures);
 }
 
-TEST(ExternalFixtures, JpegBaselineProgressiveAndGreyMatchDjpegExactly)
+TEST(ExternalFixtures, JpegEveryCodingMatchesDjpegExactly)
 {
     // The loader decodes with libjpeg's integer DCT and without fancy
     // upsampling; djpeg -dct int -nosmooth on the same library gives the
@@ -182,6 +184,8 @@ TEST(ExternalFixtures, JpegBaselineProgressiveAndGreyMatchDjpegExactly)
         {"cjpeg_progressive.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_grey.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_444.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
+        {"cjpeg_arithmetic.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
+        {"cjpeg_restart.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
     });
 }
 
@@ -192,6 +196,8 @@ TEST(ExternalFixtures, TgaRawAndRunLengthMatchTheirWriters)
         {"pil_rgb24_rle.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
         {"pil_rgba32.tga", ImageLoader::TGA, kBGRA},
         {"pil_rgba32_rle.tga", ImageLoader::TGA, kBGRA},
+        {"pil_rgb24_id.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
+        {"pil_rgb24_topdown.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
         {"pil_grey8.tga", ImageLoader::TGA, F::R8_UNORM},
         {"pil_pal8.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
         {"im_topdown_rle.tga", ImageLoader::TGA, kBGRA}, // top-down rows; no footer: found by extension

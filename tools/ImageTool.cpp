@@ -47,8 +47,9 @@ const std::string kHelp = std::string(
     "           .bmp  one surface in B8G8R8A8_UNORM, B8G8R8_UNORM,\n"
     "                 B4G4R4A4_UNORM or B4G4R4X4_UNORM\n"
     "         Without --format, an image a PNG or BMP cannot hold as it is\n"
-    "         becomes R8G8B8A8_UNORM (PNG) or B8G8R8A8_UNORM (BMP), block\n"
-    "         compression decoded. A PNG or BMP gets level 0 of a mip chain\n"
+    "         becomes R8G8B8A8_UNORM (PNG) or B8G8R8A8_UNORM (BMP), or the\n"
+    "         8-bit RGB format of each for formats without alpha; block\n"
+    "         compression is decoded. A PNG or BMP gets level 0 of a mip chain\n"
     "         (a note says so). A combination the file type cannot hold (a BC\n"
     "         format or --mips in a PNG, a cube map in a BMP) is refused.\n"
     "         The engine's serialized image (\"IMG\") has no file form of its\n"
@@ -220,6 +221,15 @@ bool Holds(FileType type, uint32 format)
     return std::find(begin, end, format) != end;
 }
 
+// Formats whose pixels carry no alpha: saved to PNG or BMP without one.
+bool IsOpaque(uint32 format)
+{
+    using F = GraphicsFormat;
+    static const uint32 kOpaque[] = {F::B8G8R8X8_UNORM, F::R8G8B8X8_UNORM, F::B8G8R8_UNORM,    F::R8G8B8_UNORM,
+                                     F::B5G6R5_UNORM,   F::B5G5R5X1_UNORM, F::B4G4R4X4_UNORM, F::GRAY_SCALE_UNORM};
+    return std::find(std::begin(kOpaque), std::end(kOpaque), format) != std::end(kOpaque);
+}
+
 // One surface (array slice, mip, depth slice) as an image of its own.
 Ptr<Image> Surface(const Image& image, uint32 arrayIndex, uint32 mip, uint32 slice)
 {
@@ -344,6 +354,10 @@ bool BuildMips(Ptr<Image>& image, const std::string& in)
     TakeEngineMessages();
     if (levels > 1 && !chain->GenerateMipmaps(true))
         return Fail("cannot build mips for " + Quote(in) + " in " + FormatName(desc.Format) + EngineCause()), false;
+    // A block format went through 8-bit colour and back: level 0 keeps its
+    // original blocks rather than an encoding of their decode.
+    for (uint32 a = 0; a < desc.ArraySize; ++a)
+        std::memcpy(chain->GetData(a, 0, 0), image->GetData(a, 0, 0), size_t(level0));
     image = chain;
     return true;
 }
@@ -378,10 +392,10 @@ int Convert(const CommandLine& cl, const std::string& in, const std::string& out
     if (mips && !BuildMips(image, in))
         return kExitFailure;
     uint32 target = uint32(format);
-    if (!target && !Holds(type, image->GetDesc().Format))
-        target = type == FileType::Dds   ? 0
-                 : type == FileType::Png ? uint32(GraphicsFormat::R8G8B8A8_UNORM)
-                                         : uint32(GraphicsFormat::B8G8R8A8_UNORM);
+    if (!target && !Holds(type, image->GetDesc().Format) && type != FileType::Dds)
+        target = IsOpaque(image->GetDesc().Format)
+                     ? (type == FileType::Png ? GraphicsFormat::R8G8B8_UNORM : GraphicsFormat::B8G8R8_UNORM)
+                     : (type == FileType::Png ? GraphicsFormat::R8G8B8A8_UNORM : GraphicsFormat::B8G8R8A8_UNORM);
     if (!target && !Holds(type, image->GetDesc().Format))
         return Fail("a DDS file cannot hold " + FormatName(image->GetDesc().Format) + "; convert it with --format");
     TakeEngineMessages();

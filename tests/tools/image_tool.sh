@@ -74,6 +74,12 @@ cmp direct.png via-dds.png
 "$tool" convert plain.bmp via-bmp.png
 [ "$(difference direct.png via-bmp.png)" = "0 0.00" ]
 [ "$(difference "$fixtures/pil_rgba32.tga" direct.png)" = "0 0.00" ]
+# Without --format a BMP or PNG gets 8-bit RGB(A), without alpha where the
+# source has none.
+"$tool" convert "$fixtures/cjpeg_baseline.jpg" photo.bmp
+"$tool" info photo.bmp | grep -q "^  format     B8G8R8_UNORM (10)$"
+"$tool" convert bc3.dds bc3-again.bmp
+"$tool" info bc3-again.bmp | grep -q "^  format     B8G8R8A8_UNORM (7)$"
 "$tool" convert "$fixtures/pil_rgb8.png" rgb.bmp -f B8G8R8_UNORM
 "$tool" info rgb.bmp | grep -q "^  format     B8G8R8_UNORM (10)$"
 "$tool" convert "$fixtures/pil_rgba8.png" half.dds -f r16g16b16a16_float
@@ -87,6 +93,9 @@ grep -q "^  mips       6$" info.txt
 grep -q "^  bytes      672$" info.txt # 480 + 135 + ... in 8-byte blocks
 "$tool" convert "$fixtures/pil_rgb8.png" chain-plain.dds -m
 "$tool" info chain-plain.dds | grep -q "^  mips       6$"
+# A block-compressed level 0 keeps its blocks when its chain is built.
+"$tool" convert bc1.dds bc1-chain.dds --mips
+cmp <(tail -c +129 bc1.dds) <(tail -c +129 bc1-chain.dds | head -c 480)
 "$tool" convert chain.dds level0.png 2> err.txt
 grep -q "note: 'level0.png' gets level 0 alone" err.txt
 "$tool" info level0.png | grep -q "^  width      37$"

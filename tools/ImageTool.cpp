@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -29,7 +30,7 @@ namespace {
 
 const std::string kHelp = std::string(
     "usage: kovex-image info FILE...\n"
-    "       kovex-image convert IN OUT [--format NAME | --bc1 | --bc2 | --bc3] [--mips]\n"
+    "       kovex-image convert IN OUT [--format NAME] [--mips]\n"
     "       kovex-image png IN OUTDIR\n"
     "\n"
     "Reads BMP, TGA, DDS, JPEG and PNG files through the engine's loaders (by\n"
@@ -45,7 +46,8 @@ const std::string kHelp = std::string(
     "           .png  one surface in R8G8B8A8_UNORM, B8G8R8A8_UNORM,\n"
     "                 R8G8B8_UNORM, B8G8R8_UNORM or R8_UNORM\n"
     "           .bmp  one surface in B8G8R8A8_UNORM, B8G8R8_UNORM,\n"
-    "                 B4G4R4A4_UNORM or B4G4R4X4_UNORM\n"
+    "                 B4G4R4A4_UNORM or B4G4R4X4_UNORM (the engine writes\n"
+    "                 the 5-6-5 and 5-5-5 formats with masks no reader takes)\n"
     "         Without --format, an image a PNG or BMP cannot hold as it is\n"
     "         becomes R8G8B8A8_UNORM (PNG) or B8G8R8A8_UNORM (BMP), or the\n"
     "         8-bit RGB format of each for formats without alpha; block\n"
@@ -317,13 +319,14 @@ int TargetFormat(const CommandLine& cl)
         return 0;
     if (names.size() > 1)
         return cl.UsageError("give one target format (--format, --bc1, --bc2 or --bc3)"), -1;
-    std::string wanted = names[0];
-    std::transform(wanted.begin(), wanted.end(), wanted.begin(), [](unsigned char c) { return char(std::toupper(c)); });
+    auto upper = [](std::string text) {
+        std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::toupper(c)); });
+        return text;
+    };
+    const std::string wanted = upper(names[0]);
     for (const EnumMember& member : GraphicsFormat::GetEnumMembers())
     {
-        std::string name = Utf8(member.name);
-        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return char(std::toupper(c)); });
-        if (name != wanted)
+        if (upper(Utf8(member.name)) != wanted)
             continue;
         if (!PixelFormatConverter::IsPlainFormat(member.value) && !ImageConverter_BC::IsHandled(uint32(member.value)))
             return cl.UsageError("the engine cannot convert to " + Utf8(member.name) +

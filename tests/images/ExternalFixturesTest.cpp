@@ -164,7 +164,7 @@ TEST(ExternalFixtures, PngEveryColourTypeAndDepthMatchesPillow)
         {"pil_grey1.png", ImageLoader::PNG, 0},          {"pil_palette_trns.png", ImageLoader::PNG, 0},
         {"pil_palette4.png", ImageLoader::PNG, 0},       {"pil_grey16.png", ImageLoader::PNG, 0},
         {"pil_palette2.png", ImageLoader::PNG, 0},       {"pil_rgb_trns.png", ImageLoader::PNG, 0},
-        {"pil_grey_trns.png", ImageLoader::PNG, 0},
+        {"pil_grey_trns.png", ImageLoader::PNG, 0},      {"pil_row.png", ImageLoader::PNG, 0},
         {"im_rgba16.png", ImageLoader::PNG, 0},          {"im_interlaced.png", ImageLoader::PNG, 0},
     };
     Ptr<ImageLoader> probe = Load("pil_rgba8.png");
@@ -184,6 +184,7 @@ TEST(ExternalFixtures, JpegEveryCodingMatchesDjpegExactly)
         {"cjpeg_progressive.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_grey.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_444.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
+        {"cjpeg_422.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_arithmetic.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_restart.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
     });
@@ -218,6 +219,7 @@ TEST(ExternalFixtures, BmpPaletteAndTrueColourMatchTheirWriters)
         {"im_rgb555.bmp", ImageLoader::BMP, F::B5G5R5X1_UNORM, 1},
         {"im_rgb565.bmp", ImageLoader::BMP, F::B5G6R5_UNORM, 1},
         {"pil_rgb24.bmp", ImageLoader::BMP, F::B8G8R8_UNORM},
+        {"pil_column.bmp", ImageLoader::BMP, F::B8G8R8_UNORM},
         {"pil_rgbx32.bmp", ImageLoader::BMP, kBGRA},
         {"im_rgba32.bmp", ImageLoader::BMP, kBGRA},
     });
@@ -378,41 +380,41 @@ std::vector<Saved> SaveEveryForm(const KovexTest::TempDir& dir, std::string& err
     return out;
 }
 
-TEST(ExternalTools, PillowOpensWhatTheEngineSavesWithTheSamePixels)
+// Saves every form and has the program decode each file it reads.
+template <class Decode>
+void CheckProgramOpens(const char* program, bool pillow, Decode decode)
 {
-    const std::string python = PillowPython();
-    if (python.empty())
-        GTEST_SKIP() << "Pillow is not installed (Debian package python3-pil)";
     KovexTest::TempDir dir;
     std::string error;
     const std::vector<Saved> saved = SaveEveryForm(dir, error);
     ASSERT_TRUE(error.empty()) << error;
     for (const Saved& s : saved)
     {
+        if (!pillow && !s.imageMagickReadsIt)
+            continue;
         SCOPED_TRACE(s.file);
-        const std::string decoded = DecodeWithPillow(python, s.file, dir.path + "/decoded.rgba");
-        ASSERT_FALSE(decoded.empty()) << "Pillow did not open it";
-        EXPECT_TRUE(Near(decoded, s.pillowDropsAlpha ? Opaque(s.expected) : s.expected, 0, 37));
+        const std::string decoded = decode(s.file, dir.path + "/decoded.rgba");
+        ASSERT_FALSE(decoded.empty()) << program << " did not open it";
+        const uint32 width = 37;
+        EXPECT_TRUE(Near(decoded, pillow && s.pillowDropsAlpha ? Opaque(s.expected) : s.expected, 0, width));
     }
+}
+
+TEST(ExternalTools, PillowOpensWhatTheEngineSavesWithTheSamePixels)
+{
+    const std::string python = PillowPython();
+    if (python.empty())
+        GTEST_SKIP() << "Pillow is not installed (Debian package python3-pil)";
+    CheckProgramOpens("Pillow", true, [&](const std::string& file, const std::string& out) {
+        return DecodeWithPillow(python, file, out);
+    });
 }
 
 TEST(ExternalTools, ImageMagickOpensWhatTheEngineSavesWithTheSamePixels)
 {
     if (!HaveImageMagick())
         GTEST_SKIP() << "ImageMagick is not installed (Debian package imagemagick)";
-    KovexTest::TempDir dir;
-    std::string error;
-    const std::vector<Saved> saved = SaveEveryForm(dir, error);
-    ASSERT_TRUE(error.empty()) << error;
-    for (const Saved& s : saved)
-    {
-        if (!s.imageMagickReadsIt)
-            continue;
-        SCOPED_TRACE(s.file);
-        const std::string decoded = DecodeWithImageMagick(s.file, dir.path + "/decoded.rgba");
-        ASSERT_FALSE(decoded.empty()) << "ImageMagick did not open it";
-        EXPECT_TRUE(Near(decoded, s.expected, 0, 37));
-    }
+    CheckProgramOpens("ImageMagick", false, DecodeWithImageMagick);
 }
 
 } // namespace

@@ -134,6 +134,16 @@ grep -q "'cube.dds' holds 6 cube faces; a PNG file holds one surface" err.txt
 if "$tool" convert cube.dds face.bmp 2> err.txt; then exit 1; fi
 grep -q "a BMP file holds one surface" err.txt
 
+# A volume: 2x2x2, one level; its depth slices get their own files.
+{ printf 'DDS '; le32 124; le32 $((0x801007)); le32 2; le32 2; le32 8; le32 2; le32 1; zeros 44
+  le32 32; le32 $((0x41)); le32 0; le32 32; le32 $((0xFF0000)); le32 $((0xFF00)); le32 $((0xFF)); le32 $((0xFF000000))
+  le32 $((0x1000)); le32 $((0x200000)); zeros 12; head -c 32 /dev/urandom; } > volume.dds
+"$tool" info volume.dds | grep -q "^  dimension  3D$"
+"$tool" png volume.dds slices > list.txt
+[ "$(tr '\n' ' ' < list.txt)" = "slices/volume_s0_m0_z0.png slices/volume_s0_m0_z1.png " ]
+if "$tool" convert volume.dds volume-chain.dds --mips 2> err.txt; then exit 1; fi
+grep -q "mip generation does not filter volumes" err.txt
+
 # Files that cannot be read: each says which file and why, exit 1.
 expect_failure() { # message, then the arguments
   local message="$1"; shift

@@ -38,8 +38,9 @@ std::string ReadAll(const std::string& path)
 }
 
 // By content first, as Image::LoadImage does; by extension for files that
-// carry no mark (a TGA without its footer).
-Ptr<ImageLoader> Load(const std::string& name)
+// carry no mark (a TGA without its footer). With `headerOnly`, Parse in
+// place of Load.
+Ptr<ImageLoader> Load(const std::string& name, bool headerOnly = false)
 {
     const std::string bytes = ReadAll(kDir + "/" + name);
     if (bytes.empty())
@@ -51,7 +52,7 @@ Ptr<ImageLoader> Load(const std::string& name)
     if (!loader)
         return nullptr;
     loader->SetStream(stream);
-    return loader->Load() ? loader : nullptr;
+    return (headerOnly ? loader->Parse() : loader->Load()) ? loader : nullptr;
 }
 
 // One mip of array slice 0 as RGBA8 rows, top first; R8 (a grey TGA) as
@@ -135,6 +136,11 @@ void CheckAll(const std::vector<Fixture>& fixtures)
         EXPECT_EQ(loader->GetFileFormat(), f.loader);
         Image& image = *loader->GetImage();
         EXPECT_EQ(image.GetDesc().Format, f.format);
+        // The header alone tells the same.
+        Ptr<ImageLoader> parsed = Load(f.file, true);
+        ASSERT_TRUE(parsed) << "did not parse";
+        EXPECT_TRUE(parsed->GetDesc() == image.GetDesc());
+        EXPECT_EQ(parsed->GetImage()->GetData(), nullptr);
         if (f.format != F::R8_UNORM)
             ASSERT_TRUE(image.Convert(F::R8G8B8A8_UNORM, true));
         const std::string stem = kDir + "/" + std::string(f.file).substr(0, std::string(f.file).rfind('.'));

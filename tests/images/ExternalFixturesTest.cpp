@@ -22,6 +22,7 @@
 #include "images/LoaderTestSupport.h"
 #include "io/FileStream.h"
 #include "io/MemoryStream.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 using namespace KovexEngine;
@@ -207,8 +208,20 @@ TEST(ExternalFixtures, TgaRawAndRunLengthMatchTheirWriters)
         {"pil_rgb24_topdown.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
         {"pil_grey8.tga", ImageLoader::TGA, F::R8_UNORM},
         {"pil_pal8.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
+        // No attribute bits in the descriptor: the top bit is no alpha. 5-bit
+        // channels widen as in the 16-bit bitmaps below, within 1.
+        {"im_rgb16.tga", ImageLoader::TGA, F::B5G5R5X1_UNORM, 1},
         {"im_topdown_rle.tga", ImageLoader::TGA, kBGRA}, // top-down rows; no footer: found by extension
     });
+}
+
+TEST(ExternalFixtures, TgaPaletteShorterThan256IsRefusedAsDocumented)
+{
+    // ImageMagick writes only the entries it uses; the loader takes 256
+    // entries of 24 bits alone and says so.
+    KovexTest::LogCapture log;
+    EXPECT_FALSE(Load("im_pal24.tga"));
+    EXPECT_TRUE(log->Contains(u"Unsupported TGA format. PAL=24, PalBits = 24, BPP = 8.\n"));
 }
 
 TEST(ExternalFixtures, BmpPaletteAndTrueColourMatchTheirWriters)

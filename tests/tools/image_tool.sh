@@ -46,6 +46,20 @@ set -e
 grep -q "'missing.png' does not exist" err.txt
 grep -q "^  format     B5G6R5_UNORM (30)$" out.txt
 
+# Every fixture other programs wrote is described, and unpacked to PNG;
+# the one the engine refuses is named with the engine's own reason.
+set +e
+"$tool" info "$fixtures"/*.{png,jpg,tga,bmp,dds} > all.txt 2> err.txt; [ $? -eq 1 ] || exit 1
+set -e
+[ "$(grep -c "^  loader " all.txt)" -eq "$(($(ls "$fixtures"/*.{png,jpg,tga,bmp,dds} | wc -l) - 1))" ]
+grep -q "'.*/im_pal24.tga' is not a TGA file the engine can decode.*: Unsupported TGA format. PAL=24" err.txt
+[ "$(wc -l < err.txt)" -eq 1 ]
+for file in "$fixtures"/*.{png,jpg,tga,bmp,dds}; do
+  case "$file" in */im_pal24.tga) continue ;; esac
+  "$tool" png "$file" unpacked-all > /dev/null
+done
+[ "$(ls unpacked-all | wc -l)" -ge 50 ]
+
 # convert: PNG to BC1 DDS and back stays within BC1's error. The source is
 # opaque: BC1 keeps one bit of alpha, so translucent pixels would turn black.
 # On smooth 4x4 blocks the error is the 5-6-5 end points plus half a third of

@@ -172,7 +172,8 @@ TEST(ExternalFixtures, PngEveryColourTypeAndDepthMatchesPillow)
         {"pil_palette4.png", ImageLoader::PNG, 0},       {"pil_grey16.png", ImageLoader::PNG, 0},
         {"pil_palette2.png", ImageLoader::PNG, 0},       {"pil_rgb_trns.png", ImageLoader::PNG, 0},
         {"pil_grey_trns.png", ImageLoader::PNG, 0},      {"pil_row.png", ImageLoader::PNG, 0},
-        {"im_rgba16.png", ImageLoader::PNG, 0},          {"im_interlaced.png", ImageLoader::PNG, 0},
+        {"im_greyalpha16.png", ImageLoader::PNG, 0},     {"im_rgba16.png", ImageLoader::PNG, 0},
+        {"im_interlaced.png", ImageLoader::PNG, 0},
     };
     Ptr<ImageLoader> probe = Load("pil_rgba8.png");
     ASSERT_TRUE(probe);
@@ -194,6 +195,8 @@ TEST(ExternalFixtures, JpegEveryCodingMatchesDjpegExactly)
         {"cjpeg_422.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_arithmetic.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
         {"cjpeg_restart.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
+        {"pil_optimized.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
+        {"im_q75.jpg", ImageLoader::JPG, F::R8G8B8_UNORM},
     });
 }
 
@@ -207,6 +210,7 @@ TEST(ExternalFixtures, TgaRawAndRunLengthMatchTheirWriters)
         {"pil_rgb24_id.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
         {"pil_rgb24_topdown.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
         {"pil_grey8.tga", ImageLoader::TGA, F::R8_UNORM},
+        {"pil_grey8_rle.tga", ImageLoader::TGA, F::R8_UNORM},
         {"pil_pal8.tga", ImageLoader::TGA, F::B8G8R8_UNORM},
         // No attribute bits in the descriptor: the top bit is no alpha. 5-bit
         // channels widen as in the 16-bit bitmaps below, within 1.
@@ -215,7 +219,7 @@ TEST(ExternalFixtures, TgaRawAndRunLengthMatchTheirWriters)
     });
 }
 
-TEST(ExternalFixtures, TgaPaletteShorterThan256IsRefusedAsDocumented)
+TEST(ExternalFixtures, TgaPaletteShorterThan256IsRefusedWithItsLogLine)
 {
     // ImageMagick writes only the entries it uses; the loader takes 256
     // entries of 24 bits alone and says so.
@@ -232,6 +236,7 @@ TEST(ExternalFixtures, BmpPaletteAndTrueColourMatchTheirWriters)
         {"pil_pal1.bmp", ImageLoader::BMP, F::B5G6R5_UNORM, 0, true},
         {"im_pal4.bmp", ImageLoader::BMP, F::B5G6R5_UNORM, 0, true},
         {"pil_pal8.bmp", ImageLoader::BMP, F::B5G6R5_UNORM, 0, true},
+        {"pil_grey8.bmp", ImageLoader::BMP, F::B5G6R5_UNORM, 0, true},
         {"im_pal8_rle.bmp", ImageLoader::BMP, F::B5G6R5_UNORM, 0, true},
         // 5- and 6-bit channels: the engine widens by repeating the high
         // bits, ImageMagick by rounding v * 255 / 31; they differ by 1 at most.

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -34,7 +35,8 @@ const std::string kHelp = std::string(
     "       kovex-image png IN OUTDIR\n"
     "\n"
     "Reads BMP, TGA, DDS, JPEG and PNG files through the engine's loaders (by\n"
-    "content, or by extension for a TGA without its footer).\n"
+    "content, or by extension for a TGA without its footer). FILE or IN \"-\"\n"
+    "is standard input (a TGA there needs its footer).\n"
     "\n"
     "info     describes each FILE as the engine loads it: the loader, width,\n"
     "         height, depth, format, mip levels, array slices or cube faces,\n"
@@ -115,6 +117,11 @@ std::string EngineCause()
 
 bool ReadFile(const std::string& path, std::string& out)
 {
+    if (path == "-")
+    {
+        out.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        return true;
+    }
     struct stat info;
     if (::stat(path.c_str(), &info) != 0)
     {
@@ -431,7 +438,7 @@ int Unpack(const std::string& in, const std::string& dir)
     if (!Holds(FileType::Png, format) && !image->Convert(GraphicsFormat::R8G8B8A8_UNORM, true))
         return Fail("cannot decode " + Quote(in) + " from " + FormatName(format) + " to R8G8B8A8_UNORM" + EngineCause());
     const TextureDesc& desc = image->GetDesc();
-    const std::string stem = fs::path(in).stem().string();
+    const std::string stem = in == "-" ? "stdin" : fs::path(in).stem().string();
     ProgressLine progress("png");
     uint64 done = 0;
     for (uint32 a = 0; a < desc.ArraySize; ++a)

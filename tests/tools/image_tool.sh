@@ -39,6 +39,8 @@ grep -q "^  format     BC1_UNORM (22)$" info.txt
 grep -q "^  mips       6$" info.txt
 grep -q "^  dimension  2D$" info.txt
 "$tool" info "$fixtures/cjpeg_progressive.jpg" | grep -q "^  loader     JPEG$"
+"$tool" info - < "$fixtures/pil_rgb24.bmp" | grep -q "^  loader     BMP$"
+"$tool" png - from-stdin < "$fixtures/im_bc3.dds" | grep -q "^from-stdin/stdin_s0_m0.png$"
 "$tool" info "$fixtures/im_topdown_rle.tga" | grep -q "^  loader     TGA$" # no footer: by extension
 set +e
 "$tool" info missing.png "$fixtures/pil_pal8.bmp" > out.txt 2> err.txt; [ $? -eq 1 ] || exit 1

@@ -180,18 +180,40 @@ Ptr<ImageLoader> LoadFile(const std::string& path)
 
 // --- Writing -----------------------------------------------------------------------------------
 
+mode_t CurrentUmask()
+{
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
+
+// Written beside `path` and renamed over it, so that a failed write leaves
+// an existing file (IN itself, perhaps) as it was.
 bool WriteFile(const std::string& path, const uint8* bytes, size_t size)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (out)
-        out.write(reinterpret_cast<const char*>(bytes), std::streamsize(size));
-    out.close();
-    if (!out)
+    std::string temporary = path + ".XXXXXX";
+    const int fd = ::mkstemp(temporary.data());
+    if (fd < 0)
+        return Fail("cannot write " + Quote(path) + ": " + std::strerror(errno)), false;
+    ::fchmod(fd, 0644 & ~CurrentUmask());
+    size_t done = 0;
+    while (done < size)
     {
-        Fail("cannot write " + Quote(path) + ": " + std::strerror(errno));
-        std::error_code ignored;
-        fs::remove(path, ignored);
-        return false;
+        const ssize_t wrote = ::write(fd, bytes + done, size - done);
+        if (wrote < 0 && errno == EINTR)
+            continue;
+        if (wrote <= 0)
+            break;
+        done += size_t(wrote);
+    }
+    const int writeError = done < size ? errno : 0;
+    const bool closed = ::close(fd) == 0;
+    if (done < size || !closed || ::rename(temporary.c_str(), path.c_str()) != 0)
+    {
+        const int error = writeError ? writeError : errno;
+        ::unlink(temporary.c_str());
+        return Fail("cannot write " + Quote(path) + ": " + std::strerror(error ? error : EIO)), false;
     }
     return true;
 }

@@ -184,6 +184,14 @@ expect_failure "'cut.bmp' is not a BMP file.*: Load bitmap failed" info cut.bmp
 { head -c 128 "$fixtures/im_rgba.dds"; } > header-only.dds
 expect_failure "'header-only.dds' is not a DDS file" info header-only.dds
 expect_failure "cannot write 'no/such/dir/x.png'" convert "$fixtures/pil_rgb8.png" no/such/dir/x.png
+# Saving goes through a file beside OUT: IN may be OUT, and a failed save
+# leaves what was there, and no stray file.
+cp "$fixtures/pil_rgb8.png" same.png
+"$tool" convert same.png same.png
+"$tool" info same.png | grep -q "^  width      37$"
+mkdir taken.png
+expect_failure "cannot write 'taken.png': Is a directory" convert "$fixtures/pil_rgb8.png" taken.png
+[ -d taken.png ] && [ -z "$(ls -d taken.png.* 2> /dev/null)" ]
 touch blocker
 expect_failure "'blocker' exists and is not a directory" png "$fixtures/pil_rgb8.png" blocker
 if [ "$(id -u)" -ne 0 ]; then

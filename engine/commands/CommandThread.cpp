@@ -254,8 +254,15 @@ void UpdateCommand::Wait()
         return;
     g_TimeAnalyzer.Begin(1, "Wait Update Thread");
     SpinWait spin;
-    while (GetState() != STATE_FINISHED && GetState() != STATE_AFTER_PROCESS)
+    for (STATE now = GetState(); now != STATE_FINISHED && now != STATE_AFTER_PROCESS; now = GetState())
+    {
+        // Pending in no list: cancelled by someone else or dropped with its
+        // thread. Processing marks the state before it lets go of the owner,
+        // so this never mistakes a command being taken for a lost one.
+        if (now == STATE_PENDING && !GetOwner())
+            break;
         spin.Pause();
+    }
     g_TimeAnalyzer.End(1);
 }
 

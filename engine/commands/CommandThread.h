@@ -164,7 +164,9 @@ public:
     // Posts it to one thread.
     void Submit(UpdateThread* thread);
     // Returns when the command is done. A command still pending is taken
-    // back and run here; a running one is waited for.
+    // back and run here; a running one is waited for; one cancelled by
+    // someone else, or dropped with its thread, never runs and is not
+    // waited for.
     void Wait();
 };
 

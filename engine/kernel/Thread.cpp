@@ -110,6 +110,7 @@ ThreadBase::~ThreadBase()
 void ThreadBase::OnInit() {}
 void ThreadBase::OnTerm() {}
 void ThreadBase::RequestExit() {}
+void ThreadBase::ClearExitRequest() {}
 
 void* ThreadBase::Entry(void* self)
 {
@@ -124,6 +125,7 @@ bool ThreadBase::Init()
     if (IsCreated())
         return true;
     m_threadId.store(0, std::memory_order_relaxed);
+    ClearExitRequest();
     if (pthread_create(&m_handle, nullptr, &ThreadBase::Entry, this) != 0)
         return false;
     m_created.store(true, std::memory_order_release);
@@ -213,6 +215,8 @@ void Thread::RequestExit()
     NotifyExit();
     m_semaphore->Release();
 }
+
+void Thread::ClearExitRequest() { m_exit.store(false, std::memory_order_release); }
 
 // --- ThreadPool ---------------------------------------------------------------------
 

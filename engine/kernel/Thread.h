@@ -115,6 +115,9 @@ public:
 protected:
     // Makes ThreadProc return; called by Term after OnTerm.
     virtual void RequestExit();
+    // Undoes RequestExit before a stopped thread starts again; called by
+    // Init before the new thread exists.
+    virtual void ClearExitRequest();
 
 private:
     template <typename T> friend class FinalThread;
@@ -164,6 +167,7 @@ public:
 
 protected:
     void RequestExit() override;
+    void ClearExitRequest() override;
 
 private:
     Semaphore* m_semaphore;

@@ -160,6 +160,16 @@ TEST(Threads, ThreadRunsOnSignalAndStopsCooperatively)
     EXPECT_EQ(thread.GetThreadID(), 0u);
     thread.Term();
     EXPECT_EQ(thread.terms.load(), 1) << "a stopped thread is not stopped again";
+
+    // A stopped thread starts again and serves signals as before, rather than
+    // leaving at once on the exit request of its last stop.
+    ASSERT_TRUE(thread.Init());
+    const int before = thread.procedures.load();
+    thread.Signal();
+    EXPECT_TRUE(Eventually([&] { return thread.procedures.load() >= before + 1; }));
+    EXPECT_TRUE(thread.IsCreated());
+    thread.Term();
+    EXPECT_EQ(thread.terms.load(), 2);
 }
 
 TEST(CommandThread, SecondHalfRunsOnTheMainThreadAfterProcess)
@@ -325,6 +335,38 @@ TEST(UpdateThreadPool, WaitRunsAPendingCommandOnTheCaller)
     blocker->Wait();
     EXPECT_EQ(blocker->GetState(), ThreadCommand::STATE_FINISHED);
     EXPECT_EQ(pending->runs.load(), 1);
+    UpdateThreadPool::Destroy();
+}
+
+TEST(UpdateThreadPool, WaitOnACommandCancelledElsewhereReturnsWithoutRunningIt)
+{
+    UpdateThreadPool* pool = UpdateThreadPool::Ins();
+    ASSERT_TRUE(pool->Init(1));
+    auto* worker = static_cast<UpdateThread*>(pool->GetThread(0));
+    Ptr<Blocker> blocker(new Blocker());
+    blocker->Submit(worker);
+    ASSERT_TRUE(Eventually([&] { return blocker->started.load(); }));
+    Ptr<Recorder> cancelled(new Recorder());
+    cancelled->Submit(worker);
+    ASSERT_TRUE(cancelled->Cancel());
+    std::thread waiter([&] { cancelled->Wait(); });
+    // Wait must not spin on a command that nobody will run: give it time,
+    // then, if it is still waiting, post the command again so the test ends.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    std::atomic<bool> done{false};
+    std::thread watch([&] {
+        waiter.join();
+        done = true;
+    });
+    while (!done && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(done.load()) << "Wait spun on a cancelled command";
+    EXPECT_EQ(cancelled->runs.load(), 0) << "a cancelled command never runs";
+    if (!done)
+        cancelled->Submit(worker);
+    blocker->release = true;
+    watch.join();
+    blocker->Wait();
     UpdateThreadPool::Destroy();
 }
 

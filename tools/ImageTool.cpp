@@ -115,44 +115,12 @@ std::string EngineCause()
 
 // --- Reading -----------------------------------------------------------------------------------
 
-bool ReadFile(const std::string& path, std::string& out)
-{
-    if (path == "-")
-    {
-        out.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        return true;
-    }
-    struct stat info;
-    if (::stat(path.c_str(), &info) != 0)
-    {
-        Fail(Quote(path) + (errno == ENOENT ? " does not exist" : ": " + std::string(std::strerror(errno))));
-        return false;
-    }
-    if (S_ISDIR(info.st_mode))
-    {
-        Fail(Quote(path) + " is a directory");
-        return false;
-    }
-    if (uint64(info.st_size) > DataStream::kMaxSize)
-    {
-        Fail(Quote(path) + " is too large to load (over 2 GiB)");
-        return false;
-    }
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-    {
-        Fail(Quote(path) + " cannot be read: " + std::strerror(errno));
-        return false;
-    }
-    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return true;
-}
-
 // The loader with the file's pixels; null after saying why.
 Ptr<ImageLoader> LoadFile(const std::string& path)
 {
     std::string bytes;
-    if (!ReadFile(path, bytes))
+    // The loaders read from a DataStream, which holds up to 2 GiB.
+    if (!g_cl->ReadInput(path, bytes, DataStream::kMaxSize))
         return nullptr;
     auto* data = new DataStream(unsigned(bytes.size()));
     if (!bytes.empty())

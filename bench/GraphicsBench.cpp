@@ -4,18 +4,25 @@
 //   handed over and joined, its second half run back on main) beside the
 //   same work through a std::mutex + std::condition_variable queue;
 // - the frame bracket with the graphics thread on the null renderer beside
-//   the same bracket without a renderer.
+//   the same bracket without a renderer;
+// - WriteConstant of 16 constants into a constant buffer beside memcpy of
+//   the same bytes;
+// - vertex pool M_RequireBlock/M_Recycle beside malloc/free of the same
+//   sizes.
 
 #include <benchmark/benchmark.h>
 
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 #include <deque>
 #include <mutex>
 #include <thread>
 
+#include "graphics/ConstantBuffer.h"
 #include "graphics/GraphicsBuffer.h"
+#include "graphics/VertexBuffer.h"
 #include "graphics/GraphicsThread.h"
 #include "graphics/Renderer.h"
 #include "kernel/EngineGlobals.h"
@@ -238,7 +245,10 @@ void BM_BlockedBuffer_AllocateRecycle(benchmark::State& state)
 }
 BENCHMARK(BM_BlockedBuffer_AllocateRecycle);
 
-void BM_Malloc_AllocateFree(benchmark::State& state)
+// Half allocations, half frees of a random live block: the baselines of the
+// pool benchmarks, with their sizes.
+template <typename SIZE>
+void MallocFreeWorkload(benchmark::State& state, SIZE sizeOf)
 {
     uint32 seed = 12345;
     auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
@@ -248,7 +258,7 @@ void BM_Malloc_AllocateFree(benchmark::State& state)
     {
         if ((next() >> 8) % 2 == 0 || live.empty())
         {
-            live.push_back(std::malloc(16 + (next() >> 8) % 1024));
+            live.push_back(std::malloc(sizeOf(next() >> 8)));
             ++count;
         }
         else
@@ -263,6 +273,90 @@ void BM_Malloc_AllocateFree(benchmark::State& state)
         std::free(p);
     state.SetItemsProcessed(int64_t(count));
 }
+
+void BM_Malloc_AllocateFree(benchmark::State& state)
+{
+    MallocFreeWorkload(state, [](uint32 r) { return 16 + r % 1024; });
+}
 BENCHMARK(BM_Malloc_AllocateFree);
+
+// Sixteen float4 constants, one register each, as a material's parameters.
+void BM_ConstantBuffer_WriteConstant16(benchmark::State& state)
+{
+    Engine engine(true, false);
+    Ptr<ConstantBuffer> buffer = ConstantBufferFactory::Get()->Create(16 * 16);
+    float values[16][4];
+    for (int i = 0; i < 16; ++i)
+        values[i][0] = values[i][1] = values[i][2] = values[i][3] = float(i);
+    for (auto _ : state)
+    {
+        for (uint32 i = 0; i < 16; ++i)
+            buffer->WriteConstant(i * 16, values[i], 16, 16);
+        benchmark::DoNotOptimize(buffer->GetStream()->GetPointer());
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * 16);
+}
+BENCHMARK(BM_ConstantBuffer_WriteConstant16);
+
+void BM_Memcpy_16Constants(benchmark::State& state)
+{
+    std::vector<uint8> registers(16 * 16);
+    float values[16][4];
+    for (int i = 0; i < 16; ++i)
+        values[i][0] = values[i][1] = values[i][2] = values[i][3] = float(i);
+    for (auto _ : state)
+    {
+        for (uint32 i = 0; i < 16; ++i)
+            std::memcpy(registers.data() + i * 16, values[i], 16);
+        benchmark::DoNotOptimize(registers.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * 16);
+}
+BENCHMARK(BM_Memcpy_16Constants);
+
+// 1 to 32 vertices of 32 bytes per request, half of the operations giving a
+// range back, a tick every 64 requests as frames would.
+void BM_VertexPool_RequireRecycle(benchmark::State& state)
+{
+    Engine engine(true, false);
+    VertexBufferFactory* factory = VertexBufferFactory::Get();
+    VertexElement elements[2];
+    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float4, 0, 0,
+                       GraphicsInputClass::PerVertex, 0);
+    elements[1].Assign(GraphicsSemantic::Normal, 0, GraphicsLayoutFormat::Float4, 0, 16,
+                       GraphicsInputClass::PerVertex, 0);
+    Ptr<VertexDecl> decl = VertexDeclManager::Ins()->Create(elements, 2);
+    uint32 seed = 12345;
+    auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
+    std::vector<GraphicsBufferBlock> live;
+    uint64 count = 0;
+    for (auto _ : state)
+    {
+        if ((next() >> 8) % 2 == 0 || live.empty())
+        {
+            GraphicsBufferBlock block;
+            if (factory->M_RequireBlock(block, decl, 1 + (next() >> 8) % 32, true))
+                live.push_back(block);
+            if ((++count & 63) == 0)
+                BlockedGraphicsBuffer::M_Tick();
+        }
+        else
+        {
+            size_t pick = (next() >> 8) % live.size();
+            live[pick].Owner->M_Recycle(live[pick].Offset, live[pick].Size);
+            live[pick] = live.back();
+            live.pop_back();
+        }
+    }
+    state.SetItemsProcessed(int64_t(count));
+}
+BENCHMARK(BM_VertexPool_RequireRecycle);
+
+void BM_Malloc_PoolSizes(benchmark::State& state)
+{
+    MallocFreeWorkload(state, [](uint32 r) { return 32 * (1 + r % 32); });
+}
+BENCHMARK(BM_Malloc_PoolSizes);
 
 } // namespace

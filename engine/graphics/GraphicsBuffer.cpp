@@ -1,5 +1,6 @@
 #include "graphics/GraphicsBuffer.h"
 
+#include "graphics/GraphicsThread.h"
 #include "kernel/Log.h"
 
 namespace KovexEngine {
@@ -9,6 +10,83 @@ KOVEX_REGISTER_CLASS(GraphicsBuffer, u"Engine", GraphicsResource)
 bool GraphicsBuffer::CheckByteWidth(uint32 size, const GraphicsStream* stream)
 {
     return size != 0 || (stream && stream->GetLength() != 0);
+}
+
+GraphicsStream* GraphicsBuffer::GetDeviceStream() const
+{
+    if (!m_stream)
+        return nullptr;
+    GraphicsStream* gpu = m_stream->GetGpuReadStream();
+    return gpu ? gpu : m_stream.Get();
+}
+
+bool GraphicsBuffer::AllowPrecache() const
+{
+    return m_stream && m_stream->GetGpuReadStream() != m_stream.Get() && GraphicsThread::Exists() &&
+           GraphicsThread::Ins()->IsStarted();
+}
+
+bool GraphicsBuffer::Precache()
+{
+    if (!m_stream)
+        return false;
+    Ptr<GraphicsStream> finished = m_stream;
+    Ptr<GraphicsStream> twin(finished->GetGpuReadStream());
+    if (!twin)
+    {
+        Ptr<Object> clone = finished->Clone(0);
+        if (!clone)
+            return false;
+        twin = static_cast<GraphicsStream*>(clone.Get());
+    }
+    if (twin == finished)
+        return false;
+    // The finished stream becomes the twin's GPU-read stream, and the twin
+    // the one the main thread writes next.
+    finished->SetGpuReadStream(Ptr<GraphicsStream>());
+    twin->SetGpuReadStream(finished);
+    m_stream = twin;
+    return true;
+}
+
+GraphicsBufferFactory::~GraphicsBufferFactory() = default;
+
+void GraphicsBufferFactory::M_OnPosting(const Ptr<GraphicsObject>& object)
+{
+    // Only buffers are posted through these factories.
+    auto* buffer = static_cast<GraphicsBuffer*>(object.Get());
+    if (!buffer || !buffer->AllowPrecache())
+        return;
+    CriticalSection::Scope lock(m_precacheLock);
+    m_precache.Add(buffer);
+}
+
+void GraphicsBufferFactory::M_Dispose(const GraphicsObject* object)
+{
+    {
+        CriticalSection::Scope lock(m_precacheLock);
+        for (unsigned i = 0; i < m_precache.Count(); ++i)
+            if (m_precache[i] == object)
+            {
+                m_precache.RemoveAt(i);
+                break;
+            }
+    }
+    GraphicsFactory::M_Dispose(object);
+}
+
+void GraphicsBufferFactory::M_Precache()
+{
+    CriticalSection::Scope lock(m_precacheLock);
+    for (GraphicsBuffer* buffer : m_precache)
+        if (buffer->GetStream() && buffer->GetStream()->IsDirty())
+            buffer->Precache();
+}
+
+unsigned GraphicsBufferFactory::GetNumPrecached()
+{
+    CriticalSection::Scope lock(m_precacheLock);
+    return m_precache.Count();
 }
 
 Ptr<GraphicsBuffer> GraphicsBufferFactory::PostBuffer(GraphicsBuffer* made, GraphicsStream* stream, uint32 cpuAccess,
@@ -71,6 +149,8 @@ void BlockedGraphicsBuffer::Reset()
 
 uint32 BlockedGraphicsBuffer::M_Require(uint32 size)
 {
+    // A zero-size range is refused: its used pair could never be recycled
+    // (M_Recycle ignores size 0) and repeated requests would pile up.
     if (size == 0)
         return kNone;
     uint32 result = kNone;

@@ -32,11 +32,11 @@ class GraphicsFactory;
     X(DepthStencilStateFactory, DepthStencilStateFactory) \
     X(VertexBufferFactory, VertexBufferFactory)              \
     X(IndexBufferFactory, IndexBufferFactory)               \
-    X(ConstantBufferFactory, GraphicsFactory)            \
-    X(RWBufferFactory, GraphicsFactory)                  \
+    X(ConstantBufferFactory, ConstantBufferFactory)      \
+    X(RWBufferFactory, RWBufferFactory)                  \
     X(ShaderFactory, GraphicsFactory)                    \
     X(WindowFactory, GraphicsWindowFactory)              \
-    X(InputLayoutFactory, GraphicsFactory)               \
+    X(InputLayoutFactory, InputLayoutFactory)            \
     X(ProgramCompiler, GraphicsFactory)                  \
     X(TextureFactory, TextureFactory)
 

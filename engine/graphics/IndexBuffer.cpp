@@ -45,6 +45,16 @@ Ptr<IndexBuffer::DynamicStream> IndexBuffer::DynamicStream::Create(uint32 count,
     return stream->Init(count, format, allocate) ? stream : Ptr<DynamicStream>();
 }
 
+bool IndexBuffer::Stream::Duplicate(Object* destination, unsigned int flags) const
+{
+    if (!GraphicsStream2::Duplicate(destination, flags))
+        return false;
+    auto* copy = static_cast<Stream*>(destination);
+    copy->m_count = m_count;
+    copy->m_format = m_format;
+    return true;
+}
+
 bool IndexBuffer::Stream::Save(Serializer* s) const
 {
     if (!s || !s->Enter(IXSM))

@@ -37,6 +37,7 @@ public:
         bool Save(Serializer* serializer) const override;
         // A failed load logs and leaves the stream as it was.
         bool Load(Serializer* serializer) override;
+        bool Duplicate(Object* destination, unsigned int flags) const override;
 
     protected:
         bool Init(uint32 count, IndexFormat format, bool allocate);
@@ -63,10 +64,37 @@ public:
     bool AllowReleaseStream() const override;
 };
 
+extern template class GraphicsBufferFactory::TBlockedBufferPool<IndexBuffer::IndexFormat>;
+
 class KOVEX_API IndexBufferFactory : public GraphicsBufferFactory
 {
 public:
-    IndexBufferFactory() : GraphicsBufferFactory(FactoryType::IndexBufferFactory) {}
+    using Pool = TBlockedBufferPool<IndexBuffer::IndexFormat>;
+    // Index size times the count; buffers of usage Default without CPU
+    // access, over allocated plain streams.
+    class KOVEX_API IBBlockedPool : public Pool
+    {
+    public:
+        explicit IBBlockedPool(IndexBufferFactory* factory) : m_factory(factory) {}
+        uint32 GetRequiredSize(const IndexBuffer::IndexFormat& key, uint32 count) const override;
+        Ptr<GraphicsBuffer> CreateBuffer(const IndexBuffer::IndexFormat& key, uint32 count,
+                                         uint32 bufferSize) override;
+
+    protected:
+        Ptr<GraphicsBuffer> MakeBuffer(IndexBuffer::IndexFormat key, uint32 count, uint32 bufferSize, bool dynamic);
+        IndexBufferFactory* m_factory;
+    };
+    // Usage Dynamic with CPU write, over dynamic streams.
+    class KOVEX_API DynamicIBBlockedPool : public IBBlockedPool
+    {
+    public:
+        using IBBlockedPool::IBBlockedPool;
+        Ptr<GraphicsBuffer> CreateBuffer(const IndexBuffer::IndexFormat& key, uint32 count,
+                                         uint32 bufferSize) override;
+    };
+
+    // Sets the index pools' default buffer size to 16384 bytes.
+    IndexBufferFactory();
     static IndexBufferFactory* Get()
     {
         return static_cast<IndexBufferFactory*>(GetSlot(FactoryType::IndexBufferFactory));
@@ -76,8 +104,25 @@ public:
     Ptr<IndexBuffer> Create(const Ptr<IndexBuffer::Stream>& stream, uint32 cpuAccess, GraphicsResourceUsage usage,
                             std::atomic<int32>* pending);
 
+    // A range for `count` indices from the plain or the dynamic pool (main
+    // thread only); by format, or 32-bit or not.
+    bool M_RequireBlock(GraphicsBufferBlock& out, IndexBuffer::IndexFormat format, uint32 count, bool dynamic,
+                        uint32 sizeClass = 0);
+    bool M_RequireBlock(GraphicsBufferBlock& out, bool index32, uint32 count, bool dynamic, uint32 sizeClass = 0);
+    static uint32 GetBlockedBufferDefSize();
+    static void SetBlockedBufferDefSize(uint32 size);
+    uint32 M_GetBlockedBufferSize(bool dynamic, uint32 sizeClass) const;
+    void M_SetBlockedBufferSize(bool dynamic, uint32 sizeClass, uint32 size);
+    Pool& GetPool(bool dynamic) { return m_pools.Get(dynamic); }
+
+    // Both pools forget their buffers, then the base work.
+    void OnExit() override;
+
 protected:
     virtual IndexBuffer* NewIndexBuffer() = 0;
+
+private:
+    TPoolPair<IndexBuffer::IndexFormat> m_pools;
 };
 
 } // namespace KovexEngine

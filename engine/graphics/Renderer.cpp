@@ -16,8 +16,27 @@ void Renderer::StaticConstructor(Class* cls)
     RegisterBases<Renderer, Object>(cls);
     using R = Renderer;
     AddFunction(cls, u"Clear", &R::Clear, {u"mode", u"color", u"depth", u"stencil"});
+    AddFunction(cls, u"ClearSingle", static_cast<void (R::*)(Texture*, const Vector4&)>(&R::ClearSingle),
+                {u"texture", u"color"});
+    AddFunction(cls, u"ClearSingle", static_cast<void (R::*)(Texture*, uint32, const Vector4&)>(&R::ClearSingle),
+                {u"texture", u"arrayIndex", u"color"});
+    AddFunction(cls, u"ClearUAV", &R::ClearUAV, {u"texture", u"index", u"value"});
     AddFunction(cls, u"CleanupFrameState", &R::CleanupFrameState);
+    AddFunction(cls, u"GetViewport", &R::GetViewport);
     AddFunction(cls, u"SetViewportByRT0", &R::SetViewportByRT0);
+    AddFunction(cls, u"GetViewportRect", &R::GetViewportRect);
+    AddFunction(cls, u"SetViewportRect", &R::SetViewportRect, {u"rect"});
+    AddFunction(cls, u"GetRenderTarget", &R::GetRenderTarget, {u"slot"});
+    AddFunction(cls, u"SetRenderTarget", &R::SetRenderTarget, {u"texture", u"slot", u"arrayIndex"});
+    AddFunction(cls, u"GetDepthBuffer", &R::GetDepthBuffer);
+    AddFunction(cls, u"SetDepthBuffer", &R::SetDepthBuffer, {u"texture", u"arrayIndex"});
+    AddFunction(cls, u"GetDefaultBlendState", &R::GetDefaultBlendState);
+    AddFunction(cls, u"GetDefaultSamplerState", &R::GetDefaultSamplerState);
+    AddFunction(cls, u"GetDefaultRasterizerState", &R::GetDefaultRasterizerState);
+    AddFunction(cls, u"GetDefaultDepthStencilState", &R::GetDefaultDepthStencilState);
+    AddFunction(cls, u"GetCurBlendState", &R::GetCurBlendState);
+    AddFunction(cls, u"GetCurRasterizerState", &R::GetCurRasterizerState);
+    AddFunction(cls, u"GetCurDepthStencilState", &R::GetCurDepthStencilState);
     AddFunction(cls, u"GetNumActivedRenderTargets", &R::GetNumActivedRenderTargets);
     AddFunction(cls, u"GetRenderTargetArrayIndex", &R::GetRenderTargetArrayIndex, {u"slot"});
     AddFunction(cls, u"GetDepthBufferArrayIndex", &R::GetDepthBufferArrayIndex);
@@ -251,6 +270,7 @@ void Renderer::OnDestroying()
     m_curDepthStencil = nullptr;
     m_defaultGroup.Clear();
     m_currentGroup.Clear();
+    SetCurrentProgram(nullptr);
 }
 
 void Renderer::OnDestroyed()
@@ -459,7 +479,14 @@ void Renderer::BeginFrame()
     ApplyViewport(m_currentViewport);
 }
 
-void Renderer::CleanupFrameState() {}
+void Renderer::CleanupFrameState() { SetCurrentProgram(nullptr); }
+
+void Renderer::SetCurrentProgram(ProgramRef program)
+{
+    // The new reference first: setting the same program again keeps it.
+    m_currentProgramRef = program.object;
+    m_currentProgram = program.program;
+}
 
 void Renderer::SetViewport(const Viewport& viewport)
 {
@@ -477,6 +504,20 @@ void Renderer::SetViewport(uint32 x, uint32 y, uint32 width, uint32 height)
     v.Width = width;
     v.Height = height;
     SetViewport(v);
+}
+
+void Renderer::SetViewportRect(const Rect& rect)
+{
+    // Negative corners clamp to 0, as a viewport's corner is unsigned.
+    int64 left = rect.left < 0 ? 0 : rect.left, top = rect.top < 0 ? 0 : rect.top;
+    int64 width = int64(rect.right) - left, height = int64(rect.bottom) - top;
+    SetViewport(uint32(left), uint32(top), uint32(width > 0 ? width : 0), uint32(height > 0 ? height : 0));
+}
+
+Rect Renderer::GetViewportRect() const
+{
+    const Viewport& v = m_currentViewport;
+    return Rect(int32(v.TopLeftX), int32(v.TopLeftY), int32(v.TopLeftX + v.Width), int32(v.TopLeftY + v.Height));
 }
 
 void Renderer::SetViewportByRT0()

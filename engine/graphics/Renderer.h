@@ -15,17 +15,36 @@
 // call from any thread as their headers say. Register/Unregister of the
 // device delegates belong to the main thread.
 
+#include <cstddef>
 #include <functional>
 
 #include "graphics/HWCapability.h"
 #include "graphics/RenderStates.h"
 #include "graphics/Texture.h"
+#include "math/Rect.h"
 #include "reflection/Delegate.h"
 
 namespace KovexEngine {
 
 class Renderer;
 class GraphicsWindowFactory;
+// Arrive with the render-data and programs layers, above this one.
+class GeometryRDI;
+class Program;
+
+// A program as the renderer counts it. Made where the program's type is
+// known (any Program* converts), so this layer needs only its declaration.
+struct ProgramRef
+{
+    Program* program = nullptr;
+    GraphicsObject* object = nullptr;
+    ProgramRef() = default;
+    ProgramRef(std::nullptr_t) {}
+    template <typename P>
+    ProgramRef(P* p) : program(p), object(p)
+    {
+    }
+};
 
 KOVEX_API extern Ptr<Renderer> g_ptrRenderer;
 
@@ -46,8 +65,12 @@ struct KOVEX_API GraphicsParameters
 #define KOVEX_RENDERER_DEVICE_OPS(X)                                                                                  \
     X(bool, OnCreateDevice, (const GraphicsParameters& parameters), NullCreateDevice(parameters))                     \
     X(bool, OnResetDevice, (const GraphicsParameters& parameters), true)                                              \
+    X(void*, GetStageRecord, (uint32 index), nullptr)                                                                 \
+    X(void, Draw, (GeometryRDI * geometry), void())                                                                   \
+    X(void, DrawInstanced, (GeometryRDI * geometry, uint32 instanceCount), void())                                    \
     X(void, Clear, (GraphicsClearMode mode, const Vector4& color, float depth, uint32 stencil), void())               \
     X(void, ClearSingle, (Texture * texture, const Vector4& color), void())                                           \
+    X(void, ClearSingle, (Texture * texture, uint32 arrayIndex, const Vector4& color), void())                        \
     X(void, ClearUAV, (GraphicsResource * resource, uint32 index, uint32 value), void())                              \
     X(void, Present, (), void())                                                                                      \
     X(void, ApplyViewport, (const Viewport& viewport), void())                                                        \
@@ -66,13 +89,13 @@ struct KOVEX_API GraphicsParameters
     X(GraphicsFactory*, CreateSamplerStateFactory, (), new SamplerStateFactory())                                     \
     X(GraphicsFactory*, CreateRasterizerStateFactory, (), new RasterizerStateFactory())                               \
     X(GraphicsFactory*, CreateDepthStencilStateFactory, (), new DepthStencilStateFactory())                           \
-    X(GraphicsFactory*, CreateVertexBufferFactory, (), new NullVertexBufferFactory())         \
-    X(GraphicsFactory*, CreateIndexBufferFactory, (), new NullIndexBufferFactory())           \
-    X(GraphicsFactory*, CreateConstantBufferFactory, (), new GraphicsFactory(FactoryType::ConstantBufferFactory))     \
-    X(GraphicsFactory*, CreateRWBufferFactory, (), new GraphicsFactory(FactoryType::RWBufferFactory))                 \
+    X(GraphicsFactory*, CreateVertexBufferFactory, (), new NullVertexBufferFactory())                                 \
+    X(GraphicsFactory*, CreateIndexBufferFactory, (), new NullIndexBufferFactory())                                   \
+    X(GraphicsFactory*, CreateConstantBufferFactory, (), new NullConstantBufferFactory())                             \
+    X(GraphicsFactory*, CreateRWBufferFactory, (), new NullRWBufferFactory())                                         \
     X(GraphicsFactory*, CreateShaderFactory, (), new GraphicsFactory(FactoryType::ShaderFactory))                     \
     X(GraphicsFactory*, CreateWindowFactory, (), NewNullWindowFactory())                                              \
-    X(GraphicsFactory*, CreateInputLayoutFactory, (), new GraphicsFactory(FactoryType::InputLayoutFactory))           \
+    X(GraphicsFactory*, CreateInputLayoutFactory, (), new InputLayoutFactory())                                       \
     X(GraphicsFactory*, CreateProgramCompiler, (), new GraphicsFactory(FactoryType::ProgramCompiler))                 \
     X(GraphicsFactory*, CreateTextureFactory, (), new NullTextureFactory())
 
@@ -130,6 +153,11 @@ public:
     void SetViewport(const Viewport& viewport);
     void SetViewport(uint32 width, uint32 height);
     void SetViewport(uint32 x, uint32 y, uint32 width, uint32 height);
+    // Left, top, width and height from the rectangle (an inverted one gives
+    // an empty viewport).
+    void SetViewportRect(const Rect& rect);
+    // Left, top, left + width, top + height of the current viewport.
+    Rect GetViewportRect() const;
     // The size of render target 0 of the current group, depth 0 to 1.
     void SetViewportByRT0();
     const Viewport& GetViewport() const { return m_currentViewport; }
@@ -176,10 +204,15 @@ public:
     const TimeRecord& GetTime() const { return m_time; }
 
     // Frame hooks with base behaviour.
+    // Drops the current program.
     virtual void Cleanup();
     virtual void BeginFrame();
     virtual void EndFrame() { CleanupFrameState(); }
+    // Drops the current program; a backend adds its unbinding.
     virtual void CleanupFrameState();
+    // Keeps a counted reference to the program the next draws use.
+    virtual void SetCurrentProgram(ProgramRef program);
+    Program* GetCurrentProgram() const { return m_currentProgram; }
     virtual bool IsViewportFliped() const { return false; }
     virtual void BeginPerfEvent(uint32, const char16_t*) {}
     virtual void EndPerfEvent() {}
@@ -240,6 +273,8 @@ private:
     TArray<DeviceDelegateEntry> m_deviceLost;
     TArray<DeviceDelegateEntry> m_deviceReset;
     GPUVendor m_vendor = GPUVendor::Unknown;
+    Program* m_currentProgram = nullptr;
+    Ptr<GraphicsObject> m_currentProgramRef;
     RendererPlatform m_platform = RendererPlatform::D3D11;
 };
 

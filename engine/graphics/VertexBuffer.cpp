@@ -1,8 +1,10 @@
 #include "graphics/VertexBuffer.h"
 
+#include <cmath>
 #include <cstring>
 #include <memory>
 
+#include "graphics/Renderer.h"
 #include "kernel/Log.h"
 #include "serialization/Serializer.h"
 
@@ -113,6 +115,103 @@ void VertexBuffer::Stream::GetMemLayout(SerializeMemLayout& layout) const
                 layout.Add(kind.type, uint32(offset));
         }
     }
+}
+
+namespace {
+float HalfToFloat(uint16 half)
+{
+    uint32 sign = uint32(half >> 15) << 31;
+    uint32 exponent = (half >> 10) & 0x1Fu;
+    uint32 mantissa = half & 0x3FFu;
+    uint32 bits;
+    if (exponent == 0x1F)
+        bits = sign | 0x7F800000u | (mantissa << 13);
+    else if (exponent != 0)
+        bits = sign | ((exponent + 112) << 23) | (mantissa << 13);
+    else if (mantissa == 0)
+        bits = sign;
+    else
+    {
+        // A subnormal half is a normal float.
+        exponent = 113;
+        while (!(mantissa & 0x400u))
+        {
+            mantissa <<= 1;
+            --exponent;
+        }
+        bits = sign | (exponent << 23) | ((mantissa & 0x3FFu) << 13);
+    }
+    float value;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+}
+
+int16 HalfToSNorm(uint16 half)
+{
+    float scaled = std::round(HalfToFloat(half) * 32767.0f);
+    // Out-of-range values saturate instead of wrapping; NaN becomes 0.
+    if (!(scaled == scaled))
+        return 0;
+    return int16(scaled > 32767.0f ? 32767.0f : scaled < -32768.0f ? -32768.0f : scaled);
+}
+} // namespace
+
+void VertexBuffer::Stream::ValidateElementFp16()
+{
+    const Ptr<Renderer>& renderer = Renderer::Get();
+    if (renderer && renderer->GetHWCapability() && !renderer->GetHWCapability()->SupportLayoutFormatHalfFloat)
+        ConvertElementFp16();
+}
+
+void VertexBuffer::Stream::ConvertElementFp16()
+{
+    TArray<unsigned> halves;
+    for (unsigned i = 0; i < m_elements.Count(); ++i)
+    {
+        const VertexElement& e = m_elements[i];
+        if (e.Format != GraphicsLayoutFormat::Half2 && e.Format != GraphicsLayoutFormat::Half4)
+            continue;
+        if (e.SemanticName != GraphicsSemantic::Normal && e.SemanticName != GraphicsSemantic::Tangent &&
+            e.SemanticName != GraphicsSemantic::Binormal && e.SemanticName != GraphicsSemantic::BlendWeight)
+            return;
+        halves.Add(i);
+    }
+    if (halves.IsEmpty())
+        return;
+    uint8* data = GetPointer();
+    uint32 vertices = m_stride ? GetLength() / m_stride : 0;
+    for (unsigned index : halves)
+    {
+        VertexElement& e = m_elements[index];
+        uint32 components = e.Format == GraphicsLayoutFormat::Half2 ? 2 : 4;
+        // An element the stride does not hold has no data to convert.
+        if (data && uint64(e.AlignedByteOffset) + components * 2 <= m_stride)
+            for (uint32 v = 0; v < vertices; ++v)
+            {
+                uint8* at = data + uint64(v) * m_stride + e.AlignedByteOffset;
+                for (uint32 c = 0; c < components; ++c)
+                {
+                    uint16 half;
+                    std::memcpy(&half, at + c * 2, 2);
+                    int16 value = HalfToSNorm(half);
+                    std::memcpy(at + c * 2, &value, 2);
+                }
+            }
+        e.Format = components == 2 ? GraphicsLayoutFormat::Short2N : GraphicsLayoutFormat::Short4N;
+    }
+    MakeDirty(0, GetLength());
+}
+
+bool VertexBuffer::Stream::Duplicate(Object* destination, unsigned int flags) const
+{
+    if (!GraphicsStream2::Duplicate(destination, flags))
+        return false;
+    auto* copy = static_cast<Stream*>(destination);
+    copy->m_vertexCount = m_vertexCount;
+    copy->m_stride = m_stride;
+    copy->m_totalSize = m_totalSize;
+    copy->m_elements = m_elements;
+    return true;
 }
 
 bool VertexBuffer::Stream::Save(Serializer* s) const

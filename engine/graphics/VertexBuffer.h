@@ -9,6 +9,7 @@
 // Threads: as GraphicsObject and GraphicsStream.
 
 #include "graphics/GraphicsBuffer.h"
+#include "graphics/VertexDecl.h"
 #include "graphics/VertexElement.h"
 
 namespace KovexEngine {
@@ -41,6 +42,15 @@ public:
         void SetStreamSlot(uint32 slot);
         // Each component of one vertex, by kind and offset.
         void GetMemLayout(SerializeMemLayout& layout) const;
+        // On a device without half-float vertex formats (capability
+        // SupportLayoutFormatHalfFloat false), ConvertElementFp16.
+        void ValidateElementFp16();
+        // Half2/Half4 normals, tangents, binormals and blend weights become
+        // Short2N/Short4N (rounded value * 32767) in place, the stride kept.
+        // Does nothing when any half element has another semantic: half
+        // positions and texture coordinates are left alone, as designed.
+        void ConvertElementFp16();
+        bool Duplicate(Object* destination, unsigned int flags) const override;
 
         bool Save(Serializer* serializer) const override;
         // A failed load logs and leaves the stream as it was.
@@ -75,10 +85,34 @@ public:
     bool AllowReleaseStream() const override;
 };
 
+extern template class GraphicsBufferFactory::TBlockedBufferPool<Ptr<VertexDecl>>;
+
 class KOVEX_API VertexBufferFactory : public GraphicsBufferFactory
 {
 public:
-    VertexBufferFactory() : GraphicsBufferFactory(FactoryType::VertexBufferFactory) {}
+    using Pool = TBlockedBufferPool<Ptr<VertexDecl>>;
+    // Stride of the layout's first slot times the count; buffers of usage
+    // Default without CPU access, over allocated plain streams.
+    class KOVEX_API VBBlockedPool : public Pool
+    {
+    public:
+        explicit VBBlockedPool(VertexBufferFactory* factory) : m_factory(factory) {}
+        uint32 GetRequiredSize(const Ptr<VertexDecl>& key, uint32 count) const override;
+        Ptr<GraphicsBuffer> CreateBuffer(const Ptr<VertexDecl>& key, uint32 count, uint32 bufferSize) override;
+
+    protected:
+        Ptr<GraphicsBuffer> MakeBuffer(const Ptr<VertexDecl>& key, uint32 count, uint32 bufferSize, bool dynamic);
+        VertexBufferFactory* m_factory;
+    };
+    // Usage Dynamic with CPU write, over dynamic streams.
+    class KOVEX_API DynamicVBBlockedPool : public VBBlockedPool
+    {
+    public:
+        using VBBlockedPool::VBBlockedPool;
+        Ptr<GraphicsBuffer> CreateBuffer(const Ptr<VertexDecl>& key, uint32 count, uint32 bufferSize) override;
+    };
+
+    VertexBufferFactory();
     static VertexBufferFactory* Get()
     {
         return static_cast<VertexBufferFactory*>(GetSlot(FactoryType::VertexBufferFactory));
@@ -88,8 +122,26 @@ public:
     Ptr<VertexBuffer> Create(const Ptr<VertexBuffer::Stream>& stream, uint32 cpuAccess, GraphicsResourceUsage usage,
                              std::atomic<int32>* pending);
 
+    // A range for `count` vertices from the plain or the dynamic pool
+    // (main thread only). The element form goes through VertexDeclManager.
+    bool M_RequireBlock(GraphicsBufferBlock& out, const Ptr<VertexDecl>& decl, uint32 count, bool dynamic,
+                        uint32 sizeClass = 0);
+    bool M_RequireBlock(GraphicsBufferBlock& out, const VertexElement* elements, uint32 elementCount, uint32 count,
+                        bool dynamic, uint32 sizeClass = 0);
+    static uint32 GetBlockedBufferDefSize();
+    static void SetBlockedBufferDefSize(uint32 size);
+    uint32 M_GetBlockedBufferSize(bool dynamic, uint32 sizeClass) const;
+    void M_SetBlockedBufferSize(bool dynamic, uint32 sizeClass, uint32 size);
+    Pool& GetPool(bool dynamic) { return m_pools.Get(dynamic); }
+
+    // Both pools forget their buffers, then the base work.
+    void OnExit() override;
+
 protected:
     virtual VertexBuffer* NewVertexBuffer() = 0;
+
+private:
+    TPoolPair<Ptr<VertexDecl>> m_pools;
 };
 
 } // namespace KovexEngine

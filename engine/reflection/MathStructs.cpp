@@ -5,6 +5,7 @@
 #include "math/Bounds.h"
 #include "math/Plane.h"
 #include "math/Quaternion.h"
+#include "math/Rect.h"
 #include "math/Transform.h"
 #include "reflection/Struct.h"
 
@@ -103,6 +104,17 @@ void Transform::StaticConstructor(Class* cls)
     AddStructField(cls, u"Translation", &Transform::translation);
     AddStructField(cls, u"Scale", &Transform::scale);
     AddStructField(cls, u"Flags", &Transform::flags);
+    cls->ProcessClass();
+}
+
+KOVEX_REGISTER_STRUCT(Rect, u"Engine", KOVEX_TYPE_CUSTOM)
+void Rect::StaticConstructor(Class* cls)
+{
+    cls->SetAttribute(WString(u"Category=Math;"));
+    AddStructField(cls, u"left", &Rect::left);
+    AddStructField(cls, u"top", &Rect::top);
+    AddStructField(cls, u"right", &Rect::right);
+    AddStructField(cls, u"bottom", &Rect::bottom);
     cls->ProcessClass();
 }
 

@@ -90,6 +90,9 @@ TEST(BlockedBuffer, RecycledRangesWaitForTheTick)
 {
     BlockedGraphicsBuffer::Destroy();
     Ptr<BlockedGraphicsBuffer> b = BlockedGraphicsBuffer::Create(MakeBuffer(256));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(b->M_Require(0), BlockedGraphicsBuffer::kNone) << "nothing to hand out";
+    EXPECT_EQ(b->GetUsedBlocks().Count(), 0u) << "zero-size requests leave no pair that could never come back";
     EXPECT_EQ(b->M_Require(100), 0u);
     EXPECT_EQ(b->M_Require(100), 100u);
     EXPECT_EQ(b->M_Require(100), BlockedGraphicsBuffer::kNone);

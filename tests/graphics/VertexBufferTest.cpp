@@ -156,3 +156,88 @@ TEST(VertexBuffer, FactoryChecksTheStreamBeforeItPosts)
     Kovex_System_Terminate();
     g_IsNullRenderer = false;
 }
+
+namespace {
+// Position (12), a half4 normal (8), half2 blend weights (4): 24 bytes.
+const VertexElement kHalfLayout[] = {E(GraphicsSemantic::Position, GraphicsLayoutFormat::Float3, 0),
+                                     E(GraphicsSemantic::Normal, GraphicsLayoutFormat::Half4, 12),
+                                     E(GraphicsSemantic::BlendWeight, GraphicsLayoutFormat::Half2, 20)};
+
+struct HalfVertex
+{
+    float position[3];
+    uint16 normal[4];
+    uint16 weights[2];
+};
+static_assert(sizeof(HalfVertex) == 24);
+
+Ptr<VertexBuffer::Stream> HalfStream()
+{
+    Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(kHalfLayout, 3, 2, true);
+    // 1, -1, 0.5, -0.5 | 0.25, 0.1 (0x2E66 = 0.0999755859375), a subnormal,
+    // and 2.0, which saturates.
+    const HalfVertex vertices[2] = {{{1.5f, -2.0f, 3.0f}, {0x3C00, 0xBC00, 0x3800, 0xB800}, {0x3400, 0x2E66}},
+                                    {{4.0f, 5.0f, 6.0f}, {0x0001, 0x0000, 0x8000, 0x4000}, {0x3C00, 0x0000}}};
+    std::memcpy(stream->GetPointer(), vertices, sizeof vertices);
+    return stream;
+}
+} // namespace
+
+TEST(VertexBuffer, HalfNormalsAndWeightsBecomeShortNorms)
+{
+    Ptr<VertexBuffer::Stream> stream = HalfStream();
+    stream->MakeClean();
+    stream->ConvertElementFp16();
+    EXPECT_EQ(stream->GetStride(), 24u);
+    EXPECT_EQ(stream->GetElements()[1].Format, GraphicsLayoutFormat::Short4N);
+    EXPECT_EQ(stream->GetElements()[2].Format, GraphicsLayoutFormat::Short2N);
+    EXPECT_EQ(stream->GetElements()[0].Format, GraphicsLayoutFormat::Float3);
+    EXPECT_TRUE(stream->IsDirty());
+
+    struct ShortVertex
+    {
+        float position[3];
+        int16 normal[4];
+        int16 weights[2];
+    } out[2];
+    std::memcpy(out, stream->GetPointer(), sizeof out);
+    // round(v * 32767), halves away from zero.
+    const int16 normal0[4] = {32767, -32767, 16384, -16384};
+    const int16 weights0[2] = {8192, 3276};
+    const int16 normal1[4] = {0, 0, 0, 32767};
+    const int16 weights1[2] = {32767, 0};
+    EXPECT_EQ(std::memcmp(out[0].normal, normal0, 8), 0);
+    EXPECT_EQ(std::memcmp(out[0].weights, weights0, 4), 0);
+    EXPECT_EQ(std::memcmp(out[1].normal, normal1, 8), 0);
+    EXPECT_EQ(std::memcmp(out[1].weights, weights1, 4), 0);
+    EXPECT_EQ(out[0].position[1], -2.0f);
+    EXPECT_EQ(out[1].position[2], 6.0f);
+
+    // A half element of any other semantic leaves the whole stream alone.
+    VertexElement mixed[4] = {kHalfLayout[0], kHalfLayout[1], kHalfLayout[2],
+                              E(GraphicsSemantic::TexCoord, GraphicsLayoutFormat::Half2, 24)};
+    Ptr<VertexBuffer::Stream> withUV = VertexBuffer::Stream::Create(mixed, 4, 2, true);
+    std::memset(withUV->GetPointer(), 0x3C, withUV->GetLength());
+    withUV->ConvertElementFp16();
+    EXPECT_EQ(withUV->GetElements()[1].Format, GraphicsLayoutFormat::Half4);
+    EXPECT_EQ(withUV->GetPointer()[12], 0x3C);
+}
+
+TEST(VertexBuffer, HalfConversionFollowsTheCapability)
+{
+    g_IsNullRenderer = true;
+    Kovex_Main_Initialize();
+    ASSERT_TRUE(Renderer::SetupPlatformAuto());
+    Kovex_InitRenderer(GraphicsParameters());
+    Ptr<VertexBuffer::Stream> stream = HalfStream();
+    g_ptrRenderer->GetHWCapability()->SupportLayoutFormatHalfFloat = true;
+    stream->ValidateElementFp16();
+    EXPECT_EQ(stream->GetElements()[1].Format, GraphicsLayoutFormat::Half4);
+    g_ptrRenderer->GetHWCapability()->SupportLayoutFormatHalfFloat = false;
+    stream->ValidateElementFp16();
+    EXPECT_EQ(stream->GetElements()[1].Format, GraphicsLayoutFormat::Short4N);
+    Kovex_Main_Terminate();
+    Kovex_Renderer_Terminate();
+    Kovex_System_Terminate();
+    g_IsNullRenderer = false;
+}

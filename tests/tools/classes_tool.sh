@@ -28,6 +28,20 @@ grep -q "unknown option '--frobnicate'" err.txt
 grep -q "data directory .* does not exist" err.txt
 set -e
 
+# The device buffers and textures, with their streams, as a user browses them.
+"$tool" '*Buffer' '*Buffer::*' Texture InputLayout GraphicsStream3 Rect > out.txt
+for line in "class VertexBuffer : GraphicsBuffer" "class IndexBuffer : GraphicsBuffer" \
+    "class ConstantBuffer : GraphicsBuffer" "class RWBuffer : GraphicsBuffer" "class GraphicsBuffer : GraphicsResource" \
+    "class Texture : GraphicsResource" "class InputLayout : GraphicsObject" \
+    "class VertexBuffer::DynamicStream : VertexBuffer::Stream" "class IndexBuffer::Stream : GraphicsStream2" \
+    "class ConstantBuffer::Stream : GraphicsStream3" "class RWBuffer::DynamicStream : RWBuffer::Stream" \
+    "class NullConstantBuffer : ConstantBuffer" "class NullRWBuffer : RWBuffer" "struct Rect "; do
+  grep -q "^$line" out.txt || { echo "missing: $line" >&2; exit 1; }
+done
+grep -A4 "^struct Rect " out.txt | grep -q "property int32 left"
+"$tool" Renderer > out.txt
+grep -q "function void SetViewportRect(const Rect& rect)" out.txt
+
 "$tool" Vector3 --module Engine | grep -q "^struct Vector3 "
 "$tool" --help > help.txt
 grep -q "^usage: kovex-classes" help.txt

@@ -6,6 +6,8 @@ KOVEX_REGISTER_CLASS(NullRenderer, u"Engine", Renderer)
 KOVEX_REGISTER_CLASS(NullTexture, u"Engine", Texture)
 KOVEX_REGISTER_CLASS(NullIndexBuffer, u"Engine", IndexBuffer)
 KOVEX_REGISTER_CLASS(NullVertexBuffer, u"Engine", VertexBuffer)
+KOVEX_REGISTER_CLASS(NullConstantBuffer, u"Engine", ConstantBuffer)
+KOVEX_REGISTER_CLASS(NullRWBuffer, u"Engine", RWBuffer)
 KOVEX_REGISTER_CLASS(NullGraphicsWindow, u"Engine", GraphicsWindow)
 
 Renderer* NewNullRenderer() { return new NullRenderer(); }

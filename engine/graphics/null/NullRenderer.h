@@ -5,7 +5,10 @@
 // own no device memory, and every object's device side is created at once.
 // All layers above the device run on it unchanged.
 
+#include "graphics/ConstantBuffer.h"
 #include "graphics/IndexBuffer.h"
+#include "graphics/InputLayout.h"
+#include "graphics/RWBuffer.h"
 #include "graphics/Renderer.h"
 #include "graphics/TextureFactory.h"
 #include "graphics/VertexBuffer.h"
@@ -68,6 +71,35 @@ class KOVEX_API NullVertexBufferFactory : public VertexBufferFactory
 {
 protected:
     VertexBuffer* NewVertexBuffer() override { return new NullVertexBuffer(); }
+};
+
+class KOVEX_API NullConstantBuffer : public ConstantBuffer
+{
+    KOVEX_CLASS(NullConstantBuffer)
+public:
+    void ReleaseDeviceHandle() override {}
+
+protected:
+    bool DeviceCreateBuffer() override { return true; }
+    bool DeviceMap(MappedSubresource&, MapType, uint32) override { return false; }
+    void DeviceUnmap(uint32) override {}
+};
+
+class KOVEX_API NullConstantBufferFactory : public ConstantBufferFactory
+{
+protected:
+    ConstantBuffer* NewConstantBuffer() override { return new NullConstantBuffer(); }
+};
+
+class KOVEX_API NullRWBuffer : public TNullResource<RWBuffer>
+{
+    KOVEX_CLASS(NullRWBuffer)
+};
+
+class KOVEX_API NullRWBufferFactory : public RWBufferFactory
+{
+protected:
+    RWBuffer* NewRWBuffer() override { return new NullRWBuffer(); }
 };
 
 class KOVEX_API NullGraphicsWindow : public GraphicsWindow

@@ -16,14 +16,21 @@
 
 namespace KovexFuzz {
 
-inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extensionPath)
+// The input as a stream of its own.
+inline KovexEngine::Ptr<KovexEngine::Stream> InputStream(const uint8_t* data, size_t size)
 {
     using namespace KovexEngine;
     QuietLog();
     auto* bytes = new DataStream(unsigned(size));
     if (size)
         std::memcpy(bytes->GetPointer(), data, size);
-    Ptr<Stream> stream(new MemoryStream(bytes, true));
+    return Ptr<Stream>(new MemoryStream(bytes, true));
+}
+
+inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extensionPath)
+{
+    using namespace KovexEngine;
+    Ptr<Stream> stream = InputStream(data, size);
     Ptr<ImageLoader> loader =
         extensionPath ? ImageLoader::CreateLoader(WString(extensionPath)) : ImageLoader::CreateLoader(stream.Get());
     if (!loader)
@@ -32,6 +39,27 @@ inline int RunLoader(const uint8_t* data, size_t size, const char16_t* extension
     loader->Parse();
     if (loader->Load())
         loader->GetImage()->Convert(GraphicsFormat::R8G8B8A8_UNORM, true);
+    return 0;
+}
+
+// The incremental path: Begin at a level taken from the input, Continue
+// until complete (bounded by the chain), End.
+inline int RunStreaming(const uint8_t* data, size_t size, const char16_t* extensionPath)
+{
+    using namespace KovexEngine;
+    Ptr<Stream> stream = InputStream(data, size);
+    Ptr<ImageLoader> loader = ImageLoader::CreateLoader(WString(extensionPath));
+    if (!loader || !loader->SupportStreaming())
+        return 0;
+    loader->SetStream(stream);
+    const uint32 first = size > 128 ? data[size - 1] % 20 : 3;
+    if (loader->Begin(first))
+    {
+        for (uint32 step = 0; step < Image::kMaxMipLevels && !loader->IsCompleted(); ++step)
+            if (!loader->Continue())
+                break;
+    }
+    loader->End();
     return 0;
 }
 

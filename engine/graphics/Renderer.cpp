@@ -53,20 +53,6 @@ void Renderer::StaticConstructor(Class* cls)
     AddFunction(cls, u"GetPlatform", &R::GetPlatform);
     cls->ProcessClass();
 }
-KOVEX_REGISTER_CLASS_EX(Texture, u"Engine")
-void Texture::StaticConstructor(Class* cls)
-{
-    RegisterBases<Texture, GraphicsResource>(cls);
-    AddFunction(cls, u"GetPath", &Texture::GetPath);
-    AddFunction(cls, u"GetWidth", &Texture::GetWidth);
-    AddFunction(cls, u"GetHeight", &Texture::GetHeight);
-    AddFunction(cls, u"GenerateMips", &Texture::GenerateMips);
-    AddFunction(cls, u"IsRenderTarget", &Texture::IsRenderTarget);
-    AddFunction(cls, u"IsDepthStencil", &Texture::IsDepthStencil);
-    AddFunction(cls, u"IsShaderResource", &Texture::IsShaderResource);
-    AddFunction(cls, u"IsUnorderedAccessView", &Texture::IsUnorderedAccessView);
-    cls->ProcessClass();
-}
 KOVEX_REGISTER_CLASS(GraphicsWindow, u"Engine", GraphicsObject)
 
 Ptr<Renderer> g_ptrRenderer;

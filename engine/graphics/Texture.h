@@ -34,6 +34,15 @@ public:
     bool IsUnorderedAccessView() const { return m_desc.ViewFlags & TextureViewFlags::UNORDERED_ACCESS; }
     virtual void GenerateMips() {}
 
+    // Writes a box of one subresource (mip + MipLevels * arrayIndex) from
+    // memory laid out as `data` says. False for a subresource out of range
+    // or a device side that takes no updates. Called on the ticking thread.
+    bool UpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box);
+    // While a stream fills the texture from its smallest level up: the
+    // lowest mip it holds. 0 for a complete texture.
+    uint32 GetFirstResidentMip() const { return m_firstResidentMip.load(std::memory_order_acquire); }
+    void SetFirstResidentMip(uint32 mip) { m_firstResidentMip.store(mip, std::memory_order_release); }
+
     // Only between textures of the same class, size, mip chain and bit layout.
     bool CanCopyTo(GraphicsResource* dst) override;
     // Bytes of the mapped subresource's rows (of the box, when given).
@@ -45,11 +54,18 @@ public:
     static Ptr<Texture> Create(const TextureDesc& desc, GraphicsResourceUsage usage);
     static Ptr<Texture> Create2DRT(uint32 width, uint32 height, GraphicsFormat format);
     static Ptr<Texture> Create2DDepth(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Create2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                           GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                           uint32 viewFlags);
     static Ptr<Texture> Create2DStaging(uint32 width, uint32 height, GraphicsFormat format);
     static Ptr<Texture> CreateCubeRT(uint32 size, GraphicsFormat format);
     static Ptr<Texture> Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest);
     static Ptr<Texture> Require2DRT(uint32 width, uint32 height, GraphicsFormat format);
     static Ptr<Texture> Require2DDepth(uint32 width, uint32 height, GraphicsFormat format);
+    static Ptr<Texture> Require2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                            GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                            uint32 viewFlags);
+    static Ptr<Texture> RequireCubeRT(uint32 size, GraphicsFormat format);
     static Ptr<Texture> Require2DStaging(uint32 width, uint32 height, GraphicsFormat format, bool findClosest);
     static void Recycle(Texture* texture);
 
@@ -64,7 +80,11 @@ public:
     uint32 GetInitialDataSize() const { return m_initialSize; }
     void DropInitialData() { SetInitialData(Ptr<Object>(), nullptr, 0); }
 
+protected:
+    virtual bool DeviceUpdateSubresource(uint32, const MappedSubresource&, const MappedBox*) { return false; }
+
 private:
+    std::atomic<uint32> m_firstResidentMip{0};
     TextureDesc m_desc;
     WString m_path;
     Ptr<Object> m_initialOwner;
@@ -76,6 +96,7 @@ private:
 // bound as one; ClearOnApply asks the device to clear them when applied.
 struct KOVEX_API RenderTargetGroup
 {
+    KOVEX_STRUCT(RenderTargetGroup)
     static constexpr unsigned kMaxTargets = 8;
     Ptr<Texture> RenderTargets[kMaxTargets];
     uint32 ArrayIndices[kMaxTargets] = {};

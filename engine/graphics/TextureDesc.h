@@ -5,8 +5,9 @@
 //
 // Plain data; every operation is a pure computation, safe from any thread.
 
-#include "kernel/Types.h"
 #include "kernel/Export.h"
+#include "kernel/ReflectedStruct.h"
+#include "kernel/Types.h"
 
 namespace KovexEngine {
 
@@ -22,6 +23,7 @@ constexpr uint32 UNORDERED_ACCESS = 8;
 
 struct KOVEX_API TextureDesc
 {
+    KOVEX_STRUCT(TextureDesc)
     uint32 Width = 0;
     uint32 Height = 0;
     uint32 Depth = 1;

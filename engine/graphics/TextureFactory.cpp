@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "graphics/Renderer.h"
+#include "graphics/TextureStreaming.h"
 #include "io/StreamManager.h"
 #include "kernel/Log.h"
 
@@ -55,6 +56,22 @@ uint32 Texture::CalculateDataSize(uint32 subresource, const MappedSubresource& m
     return size > 0xFFFFFFFFull ? 0xFFFFFFFFu : uint32(size);
 }
 
+bool Texture::UpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box)
+{
+    const uint32 mips = m_desc.MipLevels ? m_desc.MipLevels : 1;
+    if (!data.pData || subresource >= mips * m_desc.ArraySize)
+        return false;
+    if (box)
+    {
+        const uint32 mip = subresource % mips;
+        if (box->right <= box->left || box->bottom <= box->top || box->back <= box->front ||
+            box->right > m_desc.GetMipWidth(mip) || box->bottom > m_desc.GetMipHeight(mip) ||
+            box->back > m_desc.GetMipDepth(mip))
+            return false;
+    }
+    return DeviceUpdateSubresource(subresource, data, box);
+}
+
 #define KOVEX_TEXTURE_FRONT(call)                       \
     TextureFactory* factory = TextureFactory::Get();    \
     return factory ? factory->call : Ptr<Texture>();
@@ -72,6 +89,17 @@ Ptr<Texture> Texture::Create2DStaging(uint32 w, uint32 h, GraphicsFormat f)
     KOVEX_TEXTURE_FRONT(Create2DStaging(w, h, f))
 }
 Ptr<Texture> Texture::CreateCubeRT(uint32 size, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(CreateCubeRT(size, f)) }
+Ptr<Texture> Texture::Create2DTypelessRT(uint32 w, uint32 h, GraphicsFormat f, GraphicsFormat rtv, GraphicsFormat srv,
+                                         uint32 views)
+{
+    KOVEX_TEXTURE_FRONT(Create2DTypelessRT(w, h, f, rtv, srv, views))
+}
+Ptr<Texture> Texture::Require2DTypelessRT(uint32 w, uint32 h, GraphicsFormat f, GraphicsFormat rtv, GraphicsFormat srv,
+                                          uint32 views)
+{
+    KOVEX_TEXTURE_FRONT(Require2DTypelessRT(w, h, f, rtv, srv, views))
+}
+Ptr<Texture> Texture::RequireCubeRT(uint32 size, GraphicsFormat f) { KOVEX_TEXTURE_FRONT(RequireCubeRT(size, f)) }
 Ptr<Texture> Texture::Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest)
 {
     KOVEX_TEXTURE_FRONT(Require(desc, usage, findClosest))
@@ -190,7 +218,9 @@ size_t TextureFactory::TexturePool::GetNumPooled() const
 
 // --- Factory ---------------------------------------------------------------------------
 
-TextureFactory::~TextureFactory() = default;
+TextureFactory::TextureFactory() : GraphicsFactory(FactoryType::TextureFactory) {}
+
+TextureFactory::~TextureFactory() { StopStreaming(); }
 
 namespace {
 
@@ -336,12 +366,57 @@ Ptr<Texture> TextureFactory::Create2DStaging(uint32 width, uint32 height, Graphi
     return Create(Make2DDesc(width, height, format, 0), GraphicsResourceUsage::Staging, nullptr);
 }
 
-Ptr<Texture> TextureFactory::CreateCubeRT(uint32 size, GraphicsFormat format)
+TextureDesc TextureFactory::MakeCubeDesc(uint32 size, GraphicsFormat format)
 {
     TextureDesc d = Make2DDesc(size, size, format, TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
     d.Dimension = uint32(TextureDimension::Cube);
     d.ArraySize = 6;
-    return Create(d, GraphicsResourceUsage::Default, nullptr);
+    return d;
+}
+
+TextureDesc TextureFactory::MakeTypelessDesc(uint32 width, uint32 height, GraphicsFormat format,
+                                             GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                             uint32 viewFlags)
+{
+    TextureDesc d = Make2DDesc(width, height, format, viewFlags);
+    d.TypelessRtvDsvFormat = uint32(typelessRtvDsvFormat);
+    d.TypelessSavUavFormat = uint32(typelessSrvUavFormat);
+    return d;
+}
+
+Ptr<Texture> TextureFactory::CreateCubeRT(uint32 size, GraphicsFormat format)
+{
+    return Create(MakeCubeDesc(size, format), GraphicsResourceUsage::Default, nullptr);
+}
+
+Ptr<Texture> TextureFactory::Create2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                                GraphicsFormat typelessRtvDsvFormat,
+                                                GraphicsFormat typelessSrvUavFormat, uint32 viewFlags)
+{
+    return Create(MakeTypelessDesc(width, height, format, typelessRtvDsvFormat, typelessSrvUavFormat, viewFlags),
+                  GraphicsResourceUsage::Default, nullptr);
+}
+
+Ptr<Texture> TextureFactory::Require2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                                 GraphicsFormat typelessRtvDsvFormat,
+                                                 GraphicsFormat typelessSrvUavFormat, uint32 viewFlags)
+{
+    return Require(MakeTypelessDesc(width, height, format, typelessRtvDsvFormat, typelessSrvUavFormat, viewFlags),
+                   GraphicsResourceUsage::Default, false);
+}
+
+Ptr<Texture> TextureFactory::Require2DTypelessRT(GraphicsFormat format, GraphicsFormat typelessRtvDsvFormat,
+                                                 GraphicsFormat typelessSrvUavFormat, uint32 viewFlags,
+                                                 uint32 nthOfScreen)
+{
+    uint32 w = 0, h = 0;
+    GetScreenSize(w, h, nthOfScreen);
+    return Require2DTypelessRT(w, h, format, typelessRtvDsvFormat, typelessSrvUavFormat, viewFlags);
+}
+
+Ptr<Texture> TextureFactory::RequireCubeRT(uint32 size, GraphicsFormat format)
+{
+    return Require(MakeCubeDesc(size, format), GraphicsResourceUsage::Default, false);
 }
 
 Ptr<Texture> TextureFactory::Require(const TextureDesc& desc, GraphicsResourceUsage usage, bool findClosest)
@@ -405,6 +480,8 @@ void TextureFactory::GetScreenSize(uint32& width, uint32& height, uint32 nthOfSc
 namespace {
 std::atomic<bool (*)(const Ptr<Object>&, TextureSource&)> s_fromImage{nullptr};
 std::atomic<bool (*)(const Ptr<Stream>&, TextureSource&)> s_fromStream{nullptr};
+std::atomic<bool (*)(const Ptr<Stream>&, TextureSource&, Ptr<TextureStreamingLoad>&)> s_beginStream{nullptr};
+std::atomic<uint32> s_streamingThreshold{4u << 20};
 
 void LoadFailed(const WString& reason, const WString& path)
 {
@@ -416,11 +493,15 @@ void TextureFactory::SetImageSource(const TextureImageSource& source)
 {
     s_fromImage.store(source.FromImage);
     s_fromStream.store(source.FromStream);
+    s_beginStream.store(source.BeginStream);
 }
+
+void TextureFactory::SetStreamingThreshold(uint32 bytes) { s_streamingThreshold.store(bytes); }
+uint32 TextureFactory::GetStreamingThreshold() { return s_streamingThreshold.load(); }
 
 TextureImageSource TextureFactory::GetImageSource()
 {
-    return TextureImageSource{s_fromImage.load(), s_fromStream.load()};
+    return TextureImageSource{s_fromImage.load(), s_fromStream.load(), s_beginStream.load()};
 }
 
 Ptr<Texture> TextureFactory::CreateFromSource(TextureSource& source, GraphicsResourceUsage usage, const WString& path,
@@ -464,6 +545,24 @@ Ptr<Texture> TextureFactory::Create(const Ptr<Object>& image, GraphicsResourceUs
 Ptr<Texture> TextureFactory::Create(const Ptr<Stream>& stream, std::atomic<int32>* pending)
 {
     WString path = stream ? stream->GetPath() : WString();
+    auto beginStream = s_beginStream.load();
+    if (stream && beginStream)
+    {
+        TextureSource partial;
+        Ptr<TextureStreamingLoad> load;
+        if (beginStream(stream, partial, load) && load)
+        {
+            // Nothing reads the load's levels yet: the thread has not got it.
+            const uint32 firstMip = load->GetFirstResidentMip();
+            Ptr<Texture> texture = CreateFromSource(partial, GraphicsResourceUsage::Default, path, pending);
+            if (!texture)
+                return texture;
+            texture->SetFirstResidentMip(firstMip);
+            if (StreamingThread* thread = GetStreamingThread())
+                thread->Add(load, texture, firstMip);
+            return texture;
+        }
+    }
     auto fromStream = s_fromStream.load();
     TextureSource source;
     if (!stream || !fromStream || !fromStream(stream, source))
@@ -479,6 +578,11 @@ Ptr<Texture> TextureFactory::Create(const Ptr<Stream>& stream, std::atomic<int32
 }
 
 Ptr<Texture> TextureFactory::Create(const WString& path, std::atomic<int32>* pending)
+{
+    return LoadSharedResource(path, pending);
+}
+
+Ptr<Texture> TextureFactory::LoadSharedResource(const WString& path, std::atomic<int32>* pending)
 {
     if (Ptr<Texture> shared = FindTexture(path))
         return shared;
@@ -515,8 +619,73 @@ void TextureFactory::AddSharedResource(const WString& path, const Ptr<Texture>& 
     m_shared[path] = texture;
 }
 
+Ptr<Texture> TextureFactory::CreateDepthBuffer(const GraphicsParameters& parameters)
+{
+    return Create2DDepth(parameters.Width, parameters.Height, parameters.DepthStencilFormat);
+}
+
+StreamingThread* TextureFactory::GetStreamingThread()
+{
+    CriticalSection::Scope lock(m_streamingLock);
+    if (!m_streaming)
+    {
+        auto* thread = new FinalThread<StreamingThread>();
+        if (!thread->Init())
+        {
+            delete thread;
+            Log::Print(LOG_WARNING, u"Texture Thread could not be started.\n");
+            return nullptr;
+        }
+        thread->SetName("Texture Thread");
+        m_streaming = thread;
+    }
+    return m_streaming;
+}
+
+void TextureFactory::StopStreaming()
+{
+    StreamingThread* thread = nullptr;
+    {
+        CriticalSection::Scope lock(m_streamingLock);
+        thread = m_streaming;
+        m_streaming = nullptr;
+    }
+    delete thread; // joins it
+}
+
+void TextureFactory::UpdateStreaming()
+{
+    StreamingThread* thread = nullptr;
+    {
+        CriticalSection::Scope lock(m_streamingLock);
+        thread = m_streaming;
+    }
+    // The thread is deleted only on this same ticking thread (OnInit, OnExit).
+    if (thread)
+        thread->Update();
+}
+
+size_t TextureFactory::GetNumStreaming()
+{
+    CriticalSection::Scope lock(m_streamingLock);
+    return m_streaming ? m_streaming->GetNumItems() : 0;
+}
+
+void TextureFactory::OnInit()
+{
+    StopStreaming();
+    GraphicsFactory::OnInit();
+}
+
+void TextureFactory::OnTick()
+{
+    UpdateStreaming();
+    GraphicsFactory::OnTick();
+}
+
 void TextureFactory::OnExit()
 {
+    StopStreaming();
     {
         std::map<WString, Ptr<Texture>> dropped;
         CriticalSection::Scope lock(m_sharedLock);

@@ -3,11 +3,13 @@
 // Creation, pooling and sharing of textures. A backend supplies NewTexture;
 // everything else is device-independent.
 //
-// Threads: Create (every form), FindTexture, CheckTextureDesc and the
-// Create2D* forms are safe from any thread (the texture is posted as every graphics object is). The pools
+// Threads: Create (every form), FindTexture, LoadSharedResource,
+// AddSharedResource, CheckTextureDesc and the Create2D* forms are safe from
+// any thread (the texture is posted as every graphics object is). The pools
 // (Require*, Recycle, CleaupRT) belong to the thread that draws, one at a
-// time, as render targets are taken and given back within a frame. OnTick
-// and OnExit belong to the graphics side.
+// time, as render targets are taken and given back within a frame. OnInit,
+// OnTick (with UpdateStreaming) and OnExit belong to the thread that ticks
+// the factories. Streaming: see graphics/TextureStreaming.h.
 
 #include <functional>
 #include <map>
@@ -18,6 +20,8 @@
 namespace KovexEngine {
 
 class Stream;
+class StreamingThread;
+struct GraphicsParameters;
 
 // Pixels a texture is made from: the description and one buffer laid out as
 // TextureDesc::GetDataOffset says, kept alive by Owner.
@@ -30,6 +34,21 @@ struct KOVEX_API TextureSource
     WString Reason; // why a decode failed
 };
 
+// A texture's load that goes on in the background, made by the image layer.
+// Step, GetFirstResidentMip and IsCompleted run on the "Texture Thread"
+// only; Upload on the ticking thread only, for levels already published.
+class KOVEX_API TextureStreamingLoad : public ReferenceObj
+{
+public:
+    // Reads the next larger level; false on a read failure.
+    virtual bool Step() = 0;
+    virtual bool IsCompleted() const = 0;
+    // The lowest level read so far.
+    virtual uint32 GetFirstResidentMip() const = 0;
+    // Writes levels [firstMip, firstMip + count) into the texture.
+    virtual bool Upload(Texture* texture, uint32 firstMip, uint32 count) = 0;
+};
+
 // How the layer that knows images turns them into texture sources; graphics
 // lies below it and reaches it only through these. Either may be null.
 struct TextureImageSource
@@ -38,12 +57,16 @@ struct TextureImageSource
     bool (*FromImage)(const Ptr<Object>& image, TextureSource& out);
     // Decodes a stream, converted to a format the device takes.
     bool (*FromStream)(const Ptr<Stream>& stream, TextureSource& out);
+    // Starts a background load of a stream worth streaming: `out` describes
+    // the whole texture with its smallest levels filled, `load` goes on.
+    // False when the stream is not one to stream; the caller loads it whole.
+    bool (*BeginStream)(const Ptr<Stream>& stream, TextureSource& out, Ptr<TextureStreamingLoad>& load) = nullptr;
 };
 
 class KOVEX_API TextureFactory : public GraphicsFactory
 {
 public:
-    TextureFactory() : GraphicsFactory(FactoryType::TextureFactory) {}
+    TextureFactory();
     ~TextureFactory() override;
     static TextureFactory* Get() { return static_cast<TextureFactory*>(GetSlot(FactoryType::TextureFactory)); }
 
@@ -97,6 +120,11 @@ public:
     Ptr<Texture> Create2DDepth(uint32 width, uint32 height, GraphicsFormat format);
     Ptr<Texture> Create2DStaging(uint32 width, uint32 height, GraphicsFormat format);
     Ptr<Texture> CreateCubeRT(uint32 size, GraphicsFormat format);
+    // A typeless 2D texture whose views see it through the two formats;
+    // `viewFlags` holds TextureViewFlags bits.
+    Ptr<Texture> Create2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                    GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                    uint32 viewFlags);
 
     // Installed once by the image layer, before textures are loaded.
     static void SetImageSource(const TextureImageSource& source);
@@ -108,7 +136,20 @@ public:
     // One texture per path: a path already loaded gives the same texture.
     Ptr<Texture> Create(const WString& path, std::atomic<int32>* pending);
     Ptr<Texture> FindTexture(const WString& path);
+    // The shared texture of a path: found, or loaded and shared.
+    Ptr<Texture> LoadSharedResource(const WString& path, std::atomic<int32>* pending);
     void AddSharedResource(const WString& path, const Ptr<Texture>& texture);
+    // The depth buffer of a window of these parameters.
+    Ptr<Texture> CreateDepthBuffer(const GraphicsParameters& parameters);
+
+    // Streams whose level 0 holds at least this many bytes (all array
+    // slices) load in the background; 0 streams nothing. 4 MiB to start.
+    static void SetStreamingThreshold(uint32 bytes);
+    static uint32 GetStreamingThreshold();
+    // Uploads what the Texture Thread has read since the last call.
+    void UpdateStreaming();
+    // Streams in flight (diagnostics and tests).
+    size_t GetNumStreaming();
 
     TexturePool& GetTexturePool(GraphicsResourceUsage usage) { return m_pools[unsigned(usage) & 3]; }
     // From the usage's pool, else newly created.
@@ -118,6 +159,12 @@ public:
     Ptr<Texture> Require2DDepth(uint32 width, uint32 height, GraphicsFormat format);
     Ptr<Texture> Require2DDepth(GraphicsFormat format, uint32 nthOfScreen);
     Ptr<Texture> Require2DStaging(uint32 width, uint32 height, GraphicsFormat format, bool findClosest);
+    Ptr<Texture> Require2DTypelessRT(uint32 width, uint32 height, GraphicsFormat format,
+                                     GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                     uint32 viewFlags);
+    Ptr<Texture> Require2DTypelessRT(GraphicsFormat format, GraphicsFormat typelessRtvDsvFormat,
+                                     GraphicsFormat typelessSrvUavFormat, uint32 viewFlags, uint32 nthOfScreen);
+    Ptr<Texture> RequireCubeRT(uint32 size, GraphicsFormat format);
     // Back to its usage's pool; null is ignored.
     void Recycle(Texture* texture);
     void Recycle(TArray<Ptr<Texture>>& textures);
@@ -125,9 +172,20 @@ public:
     // The back buffer's size shifted right by nthOfScreen (0 to 4), at least 1.
     void GetScreenSize(uint32& width, uint32& height, uint32 nthOfScreen) const;
 
+    // Forgets a streaming thread of an earlier life of the factory.
+    void OnInit() override;
+    // UpdateStreaming, then the disposals.
+    void OnTick() override;
+    // The streaming thread is stopped first (loads in flight are dropped),
+    // then the shared table is cleared, the pools, the disposals, and the
+    // objects still linked.
     void OnExit() override;
 
     static TextureDesc Make2DDesc(uint32 width, uint32 height, GraphicsFormat format, uint32 viewFlags);
+    static TextureDesc MakeTypelessDesc(uint32 width, uint32 height, GraphicsFormat format,
+                                        GraphicsFormat typelessRtvDsvFormat, GraphicsFormat typelessSrvUavFormat,
+                                        uint32 viewFlags);
+    static TextureDesc MakeCubeDesc(uint32 size, GraphicsFormat format);
 
 protected:
     virtual Texture* NewTexture() = 0;
@@ -135,7 +193,13 @@ protected:
 private:
     Ptr<Texture> CreateFromSource(TextureSource& source, GraphicsResourceUsage usage, const WString& path,
                                   std::atomic<int32>* pending);
+    // The Texture Thread, made and started on the first streamed load.
+    StreamingThread* GetStreamingThread();
+    void StopStreaming();
+
     TexturePool m_pools[4];
+    CriticalSection m_streamingLock;
+    StreamingThread* m_streaming = nullptr;
     CriticalSection m_sharedLock;
     std::map<WString, Ptr<Texture>> m_shared;
 };

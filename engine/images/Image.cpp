@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "graphics/GraphicsFormat.h"
+#include "graphics/Renderer.h"
 #include "images/ImageConverter.h"
 #include "images/ImageLoader.h"
 #include "io/StreamManager.h"
@@ -144,7 +145,9 @@ bool Image::IsDescUsable(const TextureDesc& d, uint32& size)
     return true;
 }
 
-bool Image::CreateData()
+bool Image::CreateData() { return CreateData(true); }
+
+bool Image::CreateData(bool zeroFill)
 {
     uint32 size = 0;
     if (!IsDescUsable(m_desc, size))
@@ -154,7 +157,7 @@ bool Image::CreateData()
     }
     if (size == m_dataSize && m_data)
         return true;
-    uint8* fresh = static_cast<uint8*>(std::calloc(size, 1));
+    uint8* fresh = static_cast<uint8*>(zeroFill ? std::calloc(size, 1) : std::malloc(size));
     if (!fresh)
         return false;
     std::free(m_data);
@@ -212,6 +215,64 @@ bool Image::GetSubresourceLayout(uint32 arrayIndex, uint32 mip, uint8*& data, ui
     slicePitch = uint32(m_desc.GetSlicePitch(mip, m_desc.Format));
     data = GetData(arrayIndex, mip, 0);
     return true;
+}
+
+bool Image::GetMappedSubresource(MappedSubresource& mapped, uint32 arrayIndex, uint32 mip) const
+{
+    uint8* data = nullptr;
+    uint32 rowPitch = 0, slicePitch = 0;
+    if (!GetSubresourceLayout(arrayIndex, mip, data, rowPitch, slicePitch))
+        return false;
+    mapped.pData = data;
+    mapped.RowPitch = rowPitch;
+    mapped.DepthPitch = slicePitch;
+    return true;
+}
+
+bool Image::UploadData(Texture* texture) const { return UploadData(texture, 0, m_desc.MipLevels); }
+
+bool Image::UploadData(Texture* texture, uint32 firstMip, uint32 count) const
+{
+    if (!texture || count == 0 || firstMip >= m_desc.MipLevels || count > m_desc.MipLevels - firstMip)
+        return false;
+    const TextureDesc& t = texture->GetDesc();
+    if (t.Width != m_desc.Width || t.Height != m_desc.Height || t.Depth != m_desc.Depth ||
+        t.ArraySize != m_desc.ArraySize || t.Format != m_desc.Format)
+        return false;
+    bool ok = true;
+    for (uint32 mip = firstMip; mip < firstMip + count; ++mip)
+        for (uint32 a = 0; a < m_desc.ArraySize; ++a)
+        {
+            MappedSubresource mapped;
+            if (!GetMappedSubresource(mapped, a, mip) || !mapped.pData)
+                continue;
+            MappedBox box;
+            box.right = m_desc.GetMipWidth(mip);
+            box.bottom = m_desc.GetMipHeight(mip);
+            box.back = m_desc.GetMipDepth(mip);
+            ok = texture->UpdateSubresource(mip + m_desc.MipLevels * a, mapped, &box) && ok;
+        }
+    return ok;
+}
+
+bool Image::ConvertToDeviceCompatibleFormat()
+{
+    Renderer* renderer = g_ptrRenderer.Get();
+    if (!renderer)
+        return false;
+    const uint32 format = m_desc.Format;
+    const GraphicsFormat current(GraphicsFormat::TYPE(format < GraphicsFormat::COUNT ? format : 0));
+    if (format != 0 && format < GraphicsFormat::COUNT &&
+        renderer->CheckTextureFormat(current, TextureDimension::_2D, unsigned(GraphicsView::ShaderResource),
+                                     GraphicsResourceUsage::Default, 0))
+        return true;
+    const uint32 compatible = uint32(renderer->GetCompatibleTextureFormat(current));
+    if (compatible == 0)
+    {
+        Log::Format(LOG_WARNING, u"can't find compatible format for %s.\n", FormatName(format));
+        return false;
+    }
+    return Convert(compatible, true);
 }
 
 Ptr<Image> Image::LoadImage(const WString& path)

@@ -5,6 +5,9 @@
 //
 // Threads: an image belongs to one thread at a time; nothing in it is shared
 // or locked. Different images may be worked on by different threads at once.
+// The one exception is a streamed image (graphics/TextureStreaming.h): its
+// loader writes each level once, on the Texture Thread, and only levels
+// already published are read elsewhere; desc and buffer stay put meanwhile.
 
 #include "graphics/TextureDesc.h"
 #include "reflection/Object.h"
@@ -12,6 +15,8 @@
 namespace KovexEngine {
 
 class Serializer;
+class Texture;
+struct MappedSubresource;
 
 class KOVEX_API Image : public Object
 {
@@ -31,6 +36,9 @@ public:
     // Sizes the buffer for the desc; reallocates only when the size differs.
     // False, with no buffer, when the desc is unusable (see IsDescUsable).
     bool CreateData();
+    // Without zeroFill a new buffer's bytes are undefined: for a decoder that
+    // writes every byte before anyone reads one.
+    bool CreateData(bool zeroFill);
     void DeleteData();
     void FillData(uint8 value);
     void SetDesc(const TextureDesc& desc) { m_desc = desc; }
@@ -51,6 +59,15 @@ public:
     bool GetSubresourceLayout(uint32 arrayIndex, uint32 mip, uint8*& data, uint32& rowPitch,
                               uint32& slicePitch) const;
 
+    // The same as a mapped record: true without data too (null pointer).
+    bool GetMappedSubresource(MappedSubresource& mapped, uint32 arrayIndex, uint32 mip) const;
+    // Writes mips [firstMip, firstMip + count) of every array slice into a
+    // texture of the same size, array size and format. False, writing
+    // nothing, for a null texture, a count of 0, a range beyond the chain or
+    // a texture of another shape; also when the device takes no update.
+    bool UploadData(Texture* texture) const;
+    bool UploadData(Texture* texture, uint32 firstMip, uint32 count) const;
+
     // Opens the path through the stream manager and loads it with the loader
     // the registry picks; null when there is no stream or no loader takes it.
     static Ptr<Image> LoadImage(const WString& path);
@@ -63,6 +80,9 @@ public:
     bool Convert(uint32 format, bool allMips);
     // Between two of the fourteen plain formats only.
     bool ConvertUncompressed(uint32 format, bool allMips);
+    // To a format the renderer takes as a 2D texture (all mips). False
+    // without a renderer, or, with its line, when nothing compatible exists.
+    bool ConvertToDeviceCompatibleFormat();
     // Fills mips 1 and up from mip 0 with a 2x2 box filter in a work format;
     // with convertBack the image returns to its format afterwards.
     bool GenerateMipmaps(bool convertBack);

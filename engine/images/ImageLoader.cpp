@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "graphics/GraphicsFormat.h"
+#include "graphics/Renderer.h"
 #include "images/PixelFormatConverter.h"
 #include "io/Stream.h"
 #include "kernel/Log.h"
@@ -151,6 +152,134 @@ bool ImageLoader::PalToX(uint8* target, const TextureDesc& desc, const uint8* so
         }
     }
     return true;
+}
+
+bool ImageLoader::Pal1toX(uint8*, const TextureDesc&, const uint8*, uint32, bool) { return false; }
+
+bool ImageLoader::XtoX(uint8* target, const uint8* source, uint32 sourceFormat, uint32 targetFormat,
+                       uint32 sourcePitch, uint32 width, uint32 height, bool flip)
+{
+    if (!target || !source)
+        return false;
+    std::unique_ptr<ImageFormatConverter> converter(ImageFormatConverter::Create(int(targetFormat), int(sourceFormat)));
+    if (!converter)
+    {
+        auto name = [](uint32 f) { return GraphicsFormat(GraphicsFormat::TYPE(f < GraphicsFormat::COUNT ? f : 0)).GetName(); };
+        Log::Format(LOG_WARNING, u"ImageFormatConverter not suppoert converter format %s to %s.\n", name(sourceFormat),
+                    name(targetFormat));
+        return false;
+    }
+    std::unique_ptr<PixelFormatConverter> pixel(PixelFormatConverter::Create(int(targetFormat)));
+    const uint32 targetPitch = pixel->GetStride() * width;
+    if (flip)
+        converter->ExecuteFlip(target, source, targetPitch, sourcePitch, width, height);
+    else
+        converter->Execute(target, source, targetPitch, sourcePitch, width, height);
+    return true;
+}
+
+bool ImageLoader::XtoX(uint8* target, const TextureDesc& desc, const uint8* source, uint32 sourcePitch,
+                       uint32 sourceFormat, bool flip)
+{
+    return XtoX(target, source, sourceFormat, desc.Format, sourcePitch, desc.Width, desc.Height, flip);
+}
+
+void ImageLoader::B10G10R10A2toR10G10B10A2(uint32* target, const uint32* source, uint32 count)
+{
+    if (!target || !source)
+        return;
+    for (uint32 i = 0; i < count; ++i)
+    {
+        const uint32 w = source[i];
+        target[i] = (w & 0xC00FFC00u) | (w & 0x3FFu) << 20 | (w >> 20 & 0x3FFu);
+    }
+}
+
+uint32 ImageLoader::ParseBitFieldFormat16(uint32 masks[4])
+{
+    if (masks[1] == 240 && masks[0] == 3840)
+    {
+        if (masks[3] == 0)
+            return BIT_FIELD_X4R4G4B4;
+        if (masks[3] == 61440)
+            return BIT_FIELD_A4R4G4B4;
+    }
+    masks[2] = 31;
+    if (masks[1] == 2016 && masks[0] == 63488 && masks[3] == 0)
+        return BIT_FIELD_R5G6B5;
+    if (masks[1] == 992 && masks[0] == 31744)
+    {
+        if (masks[3] == 32768)
+            return BIT_FIELD_A1R5G5B5;
+        if (masks[3] == 0)
+            return BIT_FIELD_X1R5G5B5;
+    }
+    return BIT_FIELD_UNKNOWN;
+}
+
+bool ImageLoader::SupportFormat(uint32 format)
+{
+    Renderer* renderer = g_ptrRenderer.Get();
+    if (!renderer || format == 0 || format >= GraphicsFormat::COUNT)
+        return false;
+    return renderer->CheckTextureFormat(GraphicsFormat(GraphicsFormat::TYPE(format)), TextureDimension::_2D,
+                                        unsigned(GraphicsView::ShaderResource), GraphicsResourceUsage::Default, 0);
+}
+
+bool ImageLoader::SupportR8() { return SupportFormat(GraphicsFormat::R8_UNORM); }
+bool ImageLoader::SupportB5G5R5A1() { return SupportFormat(GraphicsFormat::B5G5R5A1_UNORM); }
+bool ImageLoader::SupportB5G6R5() { return SupportFormat(GraphicsFormat::B5G6R5_UNORM); }
+bool ImageLoader::SupportB8G8R8() { return SupportFormat(GraphicsFormat::B8G8R8_UNORM); }
+bool ImageLoader::SupportB8G8R8X8() { return SupportFormat(GraphicsFormat::B8G8R8X8_UNORM); }
+bool ImageLoader::SupportB8G8R8A8() { return SupportFormat(GraphicsFormat::B8G8R8A8_UNORM); }
+bool ImageLoader::SupportR8G8B8A8() { return SupportFormat(GraphicsFormat::R8G8B8A8_UNORM); }
+
+uint32 ImageLoader::AutoGet24BitFormat()
+{
+    if (SupportB8G8R8())
+        return GraphicsFormat::B8G8R8_UNORM;
+    if (SupportB8G8R8X8())
+        return GraphicsFormat::B8G8R8X8_UNORM;
+    if (SupportB8G8R8A8())
+        return GraphicsFormat::B8G8R8A8_UNORM;
+    return GraphicsFormat::R8G8B8A8_UNORM;
+}
+
+uint32 ImageLoader::AutoGet32BitFormat(bool hasAlpha)
+{
+    if (!hasAlpha && SupportB8G8R8X8())
+        return GraphicsFormat::B8G8R8X8_UNORM;
+    if (SupportB8G8R8A8())
+        return GraphicsFormat::B8G8R8A8_UNORM;
+    return GraphicsFormat::R8G8B8A8_UNORM;
+}
+
+uint32 ImageLoader::AutoGet16BitFormat(uint32 bitField)
+{
+    switch (bitField)
+    {
+    case BIT_FIELD_R5G6B5:
+    case BIT_FIELD_X1R5G5B5:
+        return SupportB5G6R5() ? uint32(GraphicsFormat::B5G6R5_UNORM) : AutoGet32BitFormat(false);
+    case BIT_FIELD_A1R5G5B5:
+        return SupportB5G5R5A1() ? uint32(GraphicsFormat::B5G5R5A1_UNORM) : AutoGet32BitFormat(false);
+    case BIT_FIELD_X4R4G4B4:
+        return SupportB8G8R8X8() ? uint32(GraphicsFormat::B8G8R8X8_UNORM) : AutoGet32BitFormat(true);
+    case BIT_FIELD_A4R4G4B4:
+        return AutoGet32BitFormat(true);
+    default:
+        return GraphicsFormat::UNKNOWN;
+    }
+}
+
+bool ImageLoader::GetMappedSubresource(MappedSubresource& mapped, uint32 arrayIndex, uint32 mip) const
+{
+    return m_image->GetMappedSubresource(mapped, arrayIndex, mip);
+}
+
+bool ImageLoader::UploadData(Texture* texture, uint32 firstMip, uint32 count) const
+{
+    return m_image->UploadData(texture, firstMip, count);
 }
 
 bool ImageLoader::Flip(uint8* target, const uint8* source, uint32 rowBytes, uint32 rows)

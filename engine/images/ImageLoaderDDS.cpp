@@ -177,8 +177,12 @@ bool ImageLoaderDDS::ReadHeader()
             ++mips;
         }
     }
+    m_reduced = 0;
     if (m_mipReduction + 1 < mips)
+    {
         mips -= m_mipReduction;
+        m_reduced = m_mipReduction;
+    }
     desc.MipLevels = mips;
     m_image->SetDesc(desc);
     return true;
@@ -186,34 +190,98 @@ bool ImageLoaderDDS::ReadHeader()
 
 bool ImageLoaderDDS::InternalParse() { return ReadHeader(); }
 
-bool ImageLoaderDDS::InternalLoad()
+bool ImageLoaderDDS::PrepareData(bool& allLevels)
 {
-    if (!ReadHeader())
-        return false;
     const TextureDesc desc = m_image->GetDesc();
     // The file's own layout: its levels as the header counts them.
     TextureDesc file = desc;
     file.MipLevels = m_fileMips;
-    const bool allLevels = m_fileMips == desc.MipLevels;
+    // Levels left out at the small end are still in the file: what is kept
+    // reads from it, at the offsets of the file's own chain.
+    allLevels = m_fileMips == desc.MipLevels + m_reduced;
     uint32 size = 0;
     // Every byte to be read must be in the file before anything is allocated.
     if (!Image::IsDescUsable(file, size) || !Image::IsDescUsable(desc, size) ||
         uint64(kHeaderBytes) + file.GetDataOffset(file.ArraySize, 0, 0, file.Format) > uint64(m_stream->GetSize()))
         return false;
-    if (!m_image->CreateData())
-        return false;
-    const uint32 levels = allLevels ? desc.MipLevels : 1;
+    return m_image->CreateData();
+}
+
+bool ImageLoaderDDS::LoadMipData(uint32 mip)
+{
+    const TextureDesc& desc = m_image->GetDesc();
+    TextureDesc file = desc;
+    file.MipLevels = m_fileMips;
+    const uint64 bytes = file.GetSlicePitch(mip, file.Format) * file.GetMipDepth(mip);
     for (uint32 a = 0; a < desc.ArraySize; ++a)
-        for (uint32 mip = 0; mip < levels; ++mip)
-        {
-            const uint64 bytes = file.GetSlicePitch(mip, file.Format) * file.GetMipDepth(mip);
-            m_stream->SetPosition(int64(kHeaderBytes + file.GetDataOffset(a, mip, 0, file.Format)));
-            if (!m_stream->Read(m_image->GetData(a, mip, 0), int(bytes)))
-                return false;
-        }
+    {
+        m_stream->SetPosition(int64(kHeaderBytes + file.GetDataOffset(a, mip, 0, file.Format)));
+        if (!m_stream->Read(m_image->GetData(a, mip, 0), int(bytes)))
+            return false;
+    }
+    return true;
+}
+
+bool ImageLoaderDDS::InternalLoad()
+{
+    bool allLevels = false;
+    if (!ReadHeader() || !PrepareData(allLevels))
+        return false;
+    const uint32 levels = allLevels ? m_image->GetDesc().MipLevels : 1;
+    for (uint32 mip = 0; mip < levels; ++mip)
+        if (!LoadMipData(mip))
+            return false;
     if (!allLevels)
         m_image->GenerateMipmaps(false);
     return true;
+}
+
+bool ImageLoaderDDS::Begin(uint32 mip)
+{
+    if (!m_stream)
+        return false;
+    if (!m_stream->IsOpenned())
+    {
+        if (!m_stream->Open())
+            return false;
+        m_streamOpened = true;
+    }
+    m_image->DeleteData();
+    m_image->SetFirstResidentMip(0);
+    bool allLevels = false;
+    if (!ReadHeader() || !PrepareData(allLevels) || !allLevels)
+    {
+        m_image->DeleteData();
+        return false;
+    }
+    const uint32 last = m_image->GetDesc().MipLevels - 1;
+    const uint32 first = mip < last ? mip : last;
+    for (uint32 level = last + 1; level-- > first;)
+        if (!LoadMipData(level))
+        {
+            m_image->DeleteData();
+            return false;
+        }
+    m_image->SetFirstResidentMip(first);
+    return true;
+}
+
+bool ImageLoaderDDS::Continue()
+{
+    const uint32 first = m_image->GetFirstResidentMip();
+    if (first == 0)
+        return true;
+    if (!m_image->GetData() || !LoadMipData(first - 1))
+        return false;
+    m_image->SetFirstResidentMip(first - 1);
+    return true;
+}
+
+void ImageLoaderDDS::End()
+{
+    if (m_streamOpened && m_stream)
+        m_stream->Close();
+    m_streamOpened = false;
 }
 
 bool ImageLoaderDDS::SetTargetFormat(DDS_PIXELFORMAT& pf, uint32 format)

@@ -45,6 +45,16 @@ class KOVEX_API ImageLoaderDDS : public ImageLoader
 
 public:
     int GetFileFormat() const override { return DDS; }
+    // A file that holds its whole chain streams from its smallest level up.
+    bool SupportStreaming() const override { return true; }
+    // Header, buffer, then the levels from `mip` (clamped to the last) down
+    // to the smallest; false, with no buffer, when the file does not hold
+    // the levels the image has (a chain the loader would generate).
+    bool Begin(uint32 mip) override;
+    // The next larger level; true at once when complete.
+    bool Continue() override;
+    // Closes a stream that Begin opened.
+    void End() override;
     static bool StaticCheckFormat(Stream* stream);
     static bool StaticCheckExtension(const AString& extension);
     // The engine format of a DDS pixel format; 0 when there is none.
@@ -62,9 +72,15 @@ protected:
 
 private:
     bool ReadHeader();
+    // Checks that the file holds every byte to be read, then sizes the buffer.
+    bool PrepareData(bool& allLevels);
+    // One level of every array slice, straight into the buffer.
+    bool LoadMipData(uint32 mip);
 
     DDS_HEADER m_header = {};
     uint32 m_fileMips = 1;
+    uint32 m_reduced = 0; // levels the mip reduction took off this header's chain
+    bool m_streamOpened = false;
 };
 
 } // namespace KovexEngine

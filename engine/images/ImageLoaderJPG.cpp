@@ -167,11 +167,13 @@ Status DecodeC(JpgSource* source, JpgError* error, Image* image, uint32* width, 
     cinfo.do_fancy_upsampling = FALSE;
     jpeg_start_decompress(&cinfo);
     if (cinfo.output_components != 3 || cinfo.output_width != *width || cinfo.output_height != *height ||
-        !image->CreateData())
+        !image->CreateData(false))
     {
         jpeg_destroy_decompress(&cinfo);
         return kNoMemory;
     }
+    // jpeg_read_scanlines writes every row, a damaged stream included (it
+    // pads with its own fill), so the buffer needs no zeroing first.
     const size_t stride = size_t(cinfo.output_width) * 3;
     while (cinfo.output_scanline < cinfo.output_height)
     {

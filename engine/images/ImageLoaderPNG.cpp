@@ -139,6 +139,9 @@ Status DecodeC(PngState* state, bool pixels)
         png_set_gray_to_rgb(png);
     if ((colour & PNG_COLOR_MASK_ALPHA) == 0)
         png_set_add_alpha(png, 0xFF, PNG_FILLER_AFTER);
+    // Grey pixels read the same either way round.
+    if (!grey && state->image->GetDesc().Format == GraphicsFormat::B8G8R8A8_UNORM)
+        png_set_bgr(png);
     png_set_interlace_handling(png);
     png_read_update_info(png, info);
     png_get_IHDR(png, info, &width, &height, &depth, &colour, &interlace, nullptr, nullptr);
@@ -147,7 +150,8 @@ Status DecodeC(PngState* state, bool pixels)
         png_destroy_read_struct(&png, &info, nullptr);
         return kNotRgba;
     }
-    if (!state->image->CreateData())
+    // png_read_image writes every row; a long jump frees the buffer.
+    if (!state->image->CreateData(false))
     {
         png_destroy_read_struct(&png, &info, nullptr);
         return kNoMemory;
@@ -226,7 +230,8 @@ bool ImageLoaderPNG::Run(bool pixels)
         desc.Width = state.width;
         desc.Height = state.height;
         desc.Dimension = desc.Height == 1 ? TextureDimension::_1D : TextureDimension::_2D;
-        desc.Format = GraphicsFormat::R8G8B8A8_UNORM;
+        // The device's own order where it takes it, so that no swizzle follows.
+        desc.Format = SupportB8G8R8A8() ? GraphicsFormat::B8G8R8A8_UNORM : GraphicsFormat::R8G8B8A8_UNORM;
         m_image->SetDesc(desc);
         if (pixels)
             status = DecodeC(&state, true);

@@ -44,6 +44,39 @@ private:
     T Owner::*m_field;
 };
 
+// One element of a fixed-size array field, shown as a property of its own
+// (slots such as RenderTarget0 to RenderTarget7 over one array).
+template <typename Owner, typename T, size_t N>
+class TArrayElementProperty final : public NativeProperty
+{
+public:
+    TArrayElementProperty(const WString& name, T (Owner::*array)[N], size_t index, uint32 flags)
+        : NativeProperty(name, ClassOf<T>(), flags, OffsetOf(array, index), true, true), m_array(array),
+          m_index(index)
+    {
+    }
+    bool GetPropertyValue(const void* object, void* out) const override
+    {
+        ValueTraits<T>::Store(*static_cast<StorageOf<T>*>(out), (static_cast<const Owner*>(object)->*m_array)[m_index]);
+        return true;
+    }
+    bool SetPropertyValue(void* object, const void* value) const override
+    {
+        ValueTraits<T>::Load((static_cast<Owner*>(object)->*m_array)[m_index], *static_cast<const StorageOf<T>*>(value));
+        return true;
+    }
+
+private:
+    static int OffsetOf(T (Owner::*array)[N], size_t index)
+    {
+        static_assert(sizeof(array) == sizeof(std::ptrdiff_t));
+        return int(std::bit_cast<std::ptrdiff_t>(array) + std::ptrdiff_t(index * sizeof(T)));
+    }
+
+    T (Owner::*m_array)[N];
+    size_t m_index;
+};
+
 template <typename Owner, typename T, typename Getter, typename Setter>
 class TAccessorProperty final : public NativeProperty
 {
@@ -84,6 +117,22 @@ template <typename Owner, typename T>
 Property* AddField(Class* cls, const char16_t* name, T Owner::*field, uint32 flags = 0, const char16_t* metadata = nullptr)
 {
     auto* property = new TFieldProperty<Owner, T>(WString(name), field, flags);
+    if (metadata)
+        property->SetMetadata(WString(metadata));
+    property->ProcessProperty();
+    cls->AddProperty(property);
+    return property;
+}
+
+// Registers element `index` of an array field; null for an index beyond
+// the array.
+template <typename Owner, typename T, size_t N>
+Property* AddArrayElement(Class* cls, const char16_t* name, T (Owner::*array)[N], size_t index, uint32 flags = 0,
+                          const char16_t* metadata = nullptr)
+{
+    if (index >= N)
+        return nullptr;
+    auto* property = new TArrayElementProperty<Owner, T, N>(WString(name), array, index, flags);
     if (metadata)
         property->SetMetadata(WString(metadata));
     property->ProcessProperty();

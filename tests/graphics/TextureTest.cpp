@@ -378,3 +378,53 @@ TEST(Texture, StaticFrontReachesTheFactoryAndIsNullWithoutOne)
     EXPECT_EQ(kept->GetFactory(), nullptr);
     kept = nullptr;
 }
+
+TEST(Texture, DepthBuffersSharedPathsAndTypelessTargets)
+{
+    NullEngine engine(64, 32);
+    TextureFactory* factory = TextureFactory::Get();
+    GraphicsParameters window;
+    window.Width = 40;
+    window.Height = 20;
+    window.DepthStencilFormat = GraphicsFormat::D32_FLOAT;
+    Ptr<Texture> depth = factory->CreateDepthBuffer(window);
+    ASSERT_TRUE(depth);
+    EXPECT_EQ(depth->GetWidth(), 40u);
+    EXPECT_EQ(depth->GetHeight(), 20u);
+    EXPECT_EQ(depth->GetFormat(), GraphicsFormat::D32_FLOAT);
+    EXPECT_TRUE(depth->IsDepthStencil());
+
+    // A texture shared by hand is what the path then loads.
+    Ptr<Texture> shared = factory->Create(Desc2D(4, 4), GraphicsResourceUsage::Default, nullptr);
+    factory->AddSharedResource(u"[core]textures/made.dds", shared);
+    EXPECT_EQ(factory->LoadSharedResource(u"[core]textures/made.dds", nullptr).Get(), shared.Get());
+    EXPECT_EQ(Texture::LoadFromPath(u"[core]textures/made.dds").Get(), shared.Get());
+    factory->AddSharedResource(u"ignored", Ptr<Texture>());
+    EXPECT_FALSE(factory->FindTexture(u"ignored"));
+
+    // Typeless targets keep their view formats and pool by all three.
+    Renderer::Get()->GetHWCapability()->SupportTypelessTex = true;
+    Ptr<Texture> typeless = factory->Require2DTypelessRT(
+        GraphicsFormat::R8G8B8A8_TYPELESS, GraphicsFormat::R8G8B8A8_UNORM, GraphicsFormat::R8G8B8A8_UNORM,
+        TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET, 1);
+    ASSERT_TRUE(typeless);
+    {
+        EXPECT_EQ(typeless->GetWidth(), 32u);
+        EXPECT_EQ(typeless->GetDesc().TypelessRtvDsvFormat, uint32(GraphicsFormat::R8G8B8A8_UNORM));
+        Texture* raw = typeless.Get();
+        factory->Recycle(raw);
+        typeless = nullptr;
+        EXPECT_EQ(Texture::Require2DTypelessRT(32, 16, GraphicsFormat::R8G8B8A8_TYPELESS,
+                                               GraphicsFormat::R8G8B8A8_UNORM, GraphicsFormat::R8G8B8A8_UNORM,
+                                               TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET)
+                      .Get(),
+                  raw);
+    }
+    Ptr<Texture> cube = Texture::RequireCubeRT(8, GraphicsFormat::R8G8B8A8_UNORM);
+    ASSERT_TRUE(cube);
+    EXPECT_EQ(cube->GetDesc().ArraySize, 6u);
+    Texture* rawCube = cube.Get();
+    Texture::Recycle(rawCube);
+    cube = nullptr;
+    EXPECT_EQ(Texture::RequireCubeRT(8, GraphicsFormat::R8G8B8A8_UNORM).Get(), rawCube);
+}

@@ -14,6 +14,7 @@
 #include "images/LoaderTestSupport.h"
 #include "io/MemoryStream.h"
 #include "support/LogCapture.h"
+#include "support/NullEngine.h"
 
 using namespace KovexEngine;
 using F = GraphicsFormat;
@@ -170,6 +171,33 @@ TEST(ImageLoaderPNG, TrueColourAndGreyAt8And16Bits)
     loader = Load(Encode(greyAlpha, {0x80, 0x01, 0x40, 0xFF}), ok);
     ASSERT_TRUE(ok);
     EXPECT_EQ(Pixels(loader), (std::vector<uint8>{0x80, 0x80, 0x80, 0x40}));
+}
+
+TEST(ImageLoaderPNG, DecodesToTheDevicesOrderWhereItTakesBGRA)
+{
+    KovexTest::NullEngine engine(16, 16); // takes B8G8R8A8_UNORM
+    Spec rgba;
+    const std::vector<uint8> rows = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24};
+    bool ok = false;
+    Ptr<ImageLoader> loader = Load(Encode(rgba, rows), ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(loader->GetDesc().Format, uint32(F::B8G8R8A8_UNORM));
+    std::vector<uint8> swapped = rows;
+    for (size_t i = 0; i < swapped.size(); i += 4)
+        std::swap(swapped[i], swapped[i + 2]);
+    EXPECT_EQ(Pixels(loader), swapped);
+
+    // Grey needs no swap: each pixel's three channels are equal.
+    Spec grey;
+    grey.colour = PNG_COLOR_TYPE_GRAY;
+    const std::vector<uint8> greyRows = {10, 20, 30, 40, 50, 60};
+    loader = Load(Encode(grey, greyRows), ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(loader->GetDesc().Format, uint32(F::B8G8R8A8_UNORM));
+    std::vector<uint8> expected;
+    for (uint8 g : greyRows)
+        expected.insert(expected.end(), {g, g, g, 255});
+    EXPECT_EQ(Pixels(loader), expected);
 }
 
 TEST(ImageLoaderPNG, PaletteWithTransparencyAndInterlacing)

@@ -22,6 +22,16 @@ public:
     Ptr<Object> Self() { return Ptr<Object>(this); }
     bool Accept(Calculator* other) { return other != nullptr; }
     static int32 Twice(int32 x) { return 2 * x; }
+    // Typed object results: a new object by Ptr of its own class, or none.
+    static Ptr<Calculator> Make(int32 bias)
+    {
+        if (bias < 0)
+            return Ptr<Calculator>();
+        Ptr<Calculator> made(new Calculator());
+        made->bias = bias;
+        return made;
+    }
+    Ptr<Calculator> Sibling() const { return Make(bias + 1); }
     int32 bias = 0;
     WString stored;
 };
@@ -43,6 +53,8 @@ void Calculator::StaticConstructor(Class* cls)
     AddFunction(cls, u"Self", &Calculator::Self);
     AddFunction(cls, u"Accept", &Calculator::Accept, {u"other"});
     AddFunction(cls, u"Twice", &Calculator::Twice, {u"x"});
+    AddFunction(cls, u"Make", &Calculator::Make, {u"bias"});
+    AddFunction(cls, u"Sibling", &Calculator::Sibling);
     cls->ProcessClass();
 }
 
@@ -121,6 +133,39 @@ TEST(Function, CallsByNameWithDefaultsAndConversions)
     }
 }
 
+TEST(Function, TypedObjectResultsComeBackWithTheirReference)
+{
+    const Function* make = Calculator::StaticGetClass()->FindFunction(WString(u"Make"), false);
+    ASSERT_TRUE(make);
+    EXPECT_EQ(make->GetReturnParam().cls, Calculator::StaticGetClass()) << "the result keeps its class";
+    {
+        TFunctionStack<2> stack(1, true);
+        stack->Var(0) = 7;
+        ASSERT_TRUE(Calculator::StaticGetClass()->StaticInvoke(WString(u"Make"), stack.Get(), false));
+        ASSERT_EQ(stack->RetVar().Type(), KOVEX_TYPE_OBJECT);
+        Object* object = stack->RetVar().GetObject();
+        ASSERT_TRUE(object);
+        ASSERT_TRUE(object->IsKindOf(Calculator::StaticGetClass()));
+        EXPECT_EQ(static_cast<Calculator*>(object)->bias, 7);
+        // The stack holds the only reference: the object lives while it does.
+        Ptr<Object> kept(object);
+        stack->RetVar() = 0;
+        EXPECT_EQ(static_cast<Calculator*>(kept.Get())->bias, 7);
+    }
+    {
+        TFunctionStack<2> stack(1, true);
+        stack->Var(0) = -1;
+        ASSERT_TRUE(Calculator::StaticGetClass()->StaticInvoke(WString(u"Make"), stack.Get(), false));
+        EXPECT_EQ(stack->RetVar().GetObject(), nullptr) << "a null result is a null object";
+    }
+    Ptr<Calculator> calc(new Calculator());
+    calc->bias = 2;
+    TFunctionStack<2> stack(0, true);
+    ASSERT_TRUE(calc->Invoke(WString(u"Sibling"), stack.Get()));
+    ASSERT_TRUE(stack->RetVar().GetObject());
+    EXPECT_EQ(static_cast<Calculator*>(stack->RetVar().GetObject())->bias, 3);
+}
+
 TEST(Function, MissingFunctionsAndNullStacks)
 {
     KovexTest::LogCapture log;
@@ -182,11 +227,14 @@ TEST(Function, DescriptionsAndPrototypes)
 
     TArray<const Function*> statics;
     cls->FindFunctions(statics, Function::FLAG_STATIC, true);
-    ASSERT_EQ(statics.Count(), 1u);
-    EXPECT_TRUE(statics[0]->GetName() == u"Twice");
+    ASSERT_EQ(statics.Count(), 2u);
+    EXPECT_TRUE(statics[0]->GetName() == u"Make");
+    EXPECT_TRUE(statics[1]->GetName() == u"Twice");
+    statics[0]->GetPrototype(text, true);
+    EXPECT_TRUE(text == u"static Ptr<Calculator> Calculator::Make(int32 bias)");
     TArray<const Function*> members;
     cls->FindFunctions(members, Function::FLAG_MEMBER, true);
-    EXPECT_EQ(members.Count(), 6u + 3u) << "own members, then Object's";
+    EXPECT_EQ(members.Count(), 7u + 3u) << "own members, then Object's";
 
     Function* twice = const_cast<Function*>(cls->FindFunction(WString(u"Twice"), false));
     EXPECT_FALSE(twice->SetParamDefault(0, new Variable(Matrix4()))) << "a default that does not convert";

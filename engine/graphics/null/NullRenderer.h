@@ -40,9 +40,22 @@ public:
         return true;
     }
     uint32 GetUploadedBytes() const { return m_uploaded.load(); }
+    // Bytes and calls of UpdateSubresource since creation.
+    uint32 GetUpdatedBytes() const { return m_updatedBytes.load(); }
+    uint32 GetUpdateCount() const { return m_updates.load(); }
+
+protected:
+    bool DeviceUpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box) override
+    {
+        m_updatedBytes.fetch_add(CalculateDataSize(subresource, data, box));
+        m_updates.fetch_add(1);
+        return true;
+    }
 
 private:
     std::atomic<uint32> m_uploaded{0};
+    std::atomic<uint32> m_updatedBytes{0};
+    std::atomic<uint32> m_updates{0};
 };
 
 class KOVEX_API NullTextureFactory : public TextureFactory

@@ -1,9 +1,14 @@
 #include "CommandLine.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 
 namespace KovexTools {
 
@@ -148,6 +153,44 @@ int CommandLine::UsageError(const std::string& message) const
 {
     std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", m_tool, message.c_str(), m_tool);
     return kExitUsage;
+}
+
+bool CommandLine::ReadInput(const std::string& path, std::string& out, uint64_t limit) const
+{
+    if (path == "-")
+    {
+        out.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        if (out.size() <= limit)
+            return true;
+        out.clear();
+        Fail("standard input holds more than " + HumanBytes(limit));
+        return false;
+    }
+    const std::string quoted = "'" + path + "'";
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0)
+    {
+        Fail(quoted + (errno == ENOENT ? " does not exist" : std::string(": ") + std::strerror(errno)));
+        return false;
+    }
+    if (S_ISDIR(info.st_mode))
+    {
+        Fail(quoted + " is a directory");
+        return false;
+    }
+    if (uint64_t(info.st_size) > limit)
+    {
+        Fail(quoted + " is larger than " + HumanBytes(limit));
+        return false;
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+    {
+        Fail(quoted + " cannot be read: " + std::strerror(errno));
+        return false;
+    }
+    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return true;
 }
 
 void CommandLine::Warn(const std::string& message) const { std::fprintf(stderr, "%s: %s\n", m_tool, message.c_str()); }

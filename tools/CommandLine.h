@@ -45,6 +45,10 @@ public:
     std::vector<std::string> Values(const char* name) const;
     const std::vector<std::string>& Operands() const { return m_operands; }
 
+    // The whole of a file, or of standard input for "-". False, after
+    // saying why (missing, a directory, unreadable, over `limit` bytes).
+    bool ReadInput(const std::string& path, std::string& out, uint64_t limit = UINT64_MAX) const;
+
     // "tool: message" on standard error; return the matching exit status.
     int Fail(const std::string& message) const;
     int UsageError(const std::string& message) const;

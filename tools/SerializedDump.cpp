@@ -54,34 +54,6 @@ std::string Quote(const std::string& text) { return "'" + text + "'"; }
 
 const char kXmlHeader[] = "<XML />";
 
-bool ReadFile(const std::string& path, std::string& out)
-{
-    if (path == "-")
-    {
-        out.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        return true;
-    }
-    struct stat info;
-    if (::stat(path.c_str(), &info) != 0)
-    {
-        Fail(Quote(path) + (errno == ENOENT ? " does not exist" : std::string(": ") + std::strerror(errno)));
-        return false;
-    }
-    if (S_ISDIR(info.st_mode))
-    {
-        Fail(Quote(path) + " is a directory");
-        return false;
-    }
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-    {
-        Fail("cannot read " + Quote(path) + ": " + std::strerror(errno));
-        return false;
-    }
-    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return true;
-}
-
 Ptr<Stream> OverBytes(const std::string& bytes)
 {
     auto* data = new DataStream(unsigned(bytes.size()));
@@ -302,7 +274,7 @@ std::string Annotate(const std::string& tree)
 int Dump(const std::string& path)
 {
     std::string bytes;
-    if (!ReadFile(path, bytes))
+    if (!g_cl->ReadInput(path, bytes, DataStream::kMaxSize))
         return kExitFailure;
     Serializer* serializer = Serializer::OpenReadStream(OverBytes(bytes));
     if (!serializer)
@@ -355,7 +327,7 @@ std::string UncreatableClass(const std::string& bytes)
 int Convert(const std::string& from, const std::string& to, bool xml)
 {
     std::string bytes;
-    if (!ReadFile(from, bytes))
+    if (!g_cl->ReadInput(from, bytes, DataStream::kMaxSize))
         return kExitFailure;
     Serializer* reader = Serializer::OpenReadStream(OverBytes(bytes));
     if (!reader)

@@ -141,8 +141,8 @@ bool ImageLoaderBMP::ReadHeader()
         return false;
     else if (m_bits == 1 || m_bits == 4 || m_bits == 8)
         desc.Format = GraphicsFormat::B5G6R5_UNORM; // palette images are kept at 16 bits
-    else if (m_bits == 16)
-        desc.Format = GraphicsFormat::B5G5R5A1_UNORM;
+    else if (m_bits == 16) // 5-5-5 with the top bit unused: as alpha, its usual 0 would hide the image
+        desc.Format = GraphicsFormat::B5G5R5X1_UNORM;
     else if (m_bits == 24)
         desc.Format = GraphicsFormat::B8G8R8_UNORM;
     else if (m_bits == 32)

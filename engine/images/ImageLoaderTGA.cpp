@@ -98,8 +98,11 @@ bool ImageLoaderTGA::ReadHeader()
     desc.Dimension = desc.Height == 1 ? TextureDimension::_1D : TextureDimension::_2D;
     if (desc.Width == 0 || desc.Height == 0)
         return false;
+    // A 16-bit descriptor without attribute bits says the top bit is not
+    // alpha; read as alpha, its usual 0 would make the whole image clear.
+    const bool alphaBit = (m_header[kDescriptor] & 0x0F) != 0;
     if (type == 2 || type == 10)
-        desc.Format = bits == 16 ? GraphicsFormat::B5G5R5A1_UNORM
+        desc.Format = bits == 16 ? (alphaBit ? GraphicsFormat::B5G5R5A1_UNORM : GraphicsFormat::B5G5R5X1_UNORM)
                       : bits == 24 ? GraphicsFormat::B8G8R8_UNORM
                       : bits == 32 ? GraphicsFormat::B8G8R8A8_UNORM
                                    : 0;

@@ -174,6 +174,13 @@ TEST(ImageLoaderBMP, MasksChooseTheFormat)
     EXPECT_EQ(loader->GetDesc().Format, uint32(F::B5G6R5_UNORM));
     loader = Loaded(Bmp(2, 1, 16, 3, Palette({1, 2, 3, 4}), Bytes(4, '\0')), ok);
     EXPECT_FALSE(ok);
+    // Without masks 16 bits are 5-5-5 and the top bit is unused, not alpha:
+    // pixels with it clear still show, and convert to opaque colours.
+    loader = Loaded(Bmp(2, 1, 16, 0, "", Bytes("\x1F\x00\xE0\x03", 4)), ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(loader->GetDesc().Format, uint32(F::B5G5R5X1_UNORM));
+    ASSERT_TRUE(loader->GetImage()->Convert(F::R8G8B8A8_UNORM, true));
+    EXPECT_EQ(0, std::memcmp(loader->GetImage()->GetData(), "\x00\x00\xFF\xFF\x00\xFF\x00\xFF", 8));
     // Three masks only, after a 40-byte info header: alpha none.
     loader = Loaded(Bmp(2, 1, 16, 3, Palette({31744, 992, 31}), Bytes(4, '\0')), ok);
     ASSERT_TRUE(ok);

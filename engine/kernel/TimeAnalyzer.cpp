@@ -10,22 +10,34 @@ TimeAnalyzer g_TimeAnalyzer;
 
 TimeAnalyzer::~TimeAnalyzer() { Clear(); }
 
+TimeAnalyzer::Entry* TimeAnalyzer::FindOrAdd(int id, const char* name)
+{
+    Entry** found = m_entries.FindValue(id);
+    if (found)
+        return *found;
+    Entry* entry = new Entry();
+    entry->name = name;
+    m_entries.Insert(id, entry);
+    return entry;
+}
+
 void TimeAnalyzer::Begin(int id, const char* name)
 {
     MutexLock lock(m_mutex);
-    Entry** found = m_entries.FindValue(id);
-    Entry* entry;
-    if (found)
-        entry = *found;
-    else
-    {
-        entry = new Entry();
-        entry->name = name;
-        m_entries.Insert(id, entry);
-    }
+    Entry* entry = FindOrAdd(id, name);
     ++entry->calls;
     if (entry->depth++ == 0)
         entry->startTicks = Timer::GetCPUTicks();
+}
+
+void TimeAnalyzer::Add(int id, const char* name, double seconds)
+{
+    if (!(seconds >= 0.0) || seconds > 1.0e6)
+        return;
+    MutexLock lock(m_mutex);
+    Entry* entry = FindOrAdd(id, name);
+    ++entry->calls;
+    entry->totalTicks += int64(seconds / Timer::GetSecondsPerTick());
 }
 
 void TimeAnalyzer::End(int id)

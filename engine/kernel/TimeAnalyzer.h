@@ -19,6 +19,9 @@ public:
 
     void Begin(int id, const char* name);
     void End(int id);
+    // One call of a span timed elsewhere (on the GPU, say), in seconds; a
+    // negative, NaN or absurd span is dropped.
+    void Add(int id, const char* name, double seconds);
     // Deletes every entry.
     void Clear();
     // Zeroes the numbers and keeps the names.
@@ -39,6 +42,8 @@ public:
     bool GetEntry(int id, Entry& out);
 
 private:
+    Entry* FindOrAdd(int id, const char* name);
+
     Mutex m_mutex;
     TMap<int, Entry*> m_entries;
 };

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <thread>
 
 #include "kernel/TimeAnalyzer.h"
@@ -92,9 +93,28 @@ TEST(TimeAnalyzer, SharedAnalyzerIsSafeAcrossThreads)
     {
         g_TimeAnalyzer.Begin(501, "main");
         g_TimeAnalyzer.End(501);
+        // As the renderer adds GPU frame times from its own thread.
+        g_TimeAnalyzer.Add(500, "threaded", 0.0);
     }
     a.join();
     TimeAnalyzer::Entry entry;
     ASSERT_TRUE(g_TimeAnalyzer.GetEntry(500, entry));
-    EXPECT_EQ(entry.calls, 2000u);
+    EXPECT_EQ(entry.calls, 4000u);
+}
+
+// Spans timed elsewhere (GPU frames) are added whole: one call each, and
+// values that cannot be a duration are dropped.
+TEST(TimeAnalyzer, AddedSpansCountAsCallsAndRejectNonsense)
+{
+    TimeAnalyzer analyzer;
+    analyzer.Add(9, "GPU", 0.002);
+    analyzer.Add(9, "other name", 0.001);
+    analyzer.Add(9, "GPU", -1.0);
+    analyzer.Add(9, "GPU", std::nan(""));
+    TimeAnalyzer::Entry entry;
+    ASSERT_TRUE(analyzer.GetEntry(9, entry));
+    EXPECT_EQ(entry.calls, 2u);
+    EXPECT_TRUE(entry.name == "GPU");
+    EXPECT_NEAR(Timer::TicksToSeconds(entry.totalTicks), 0.003, 1e-6);
+    EXPECT_EQ(entry.depth, 0u);
 }

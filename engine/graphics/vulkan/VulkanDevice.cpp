@@ -45,6 +45,21 @@ VKAPI_ATTR VkBool32 VKAPI_CALL OnDebugMessage(VkDebugUtilsMessageSeverityFlagBit
     return VK_FALSE;
 }
 
+// Whether the loader (or an enabled layer) offers an instance extension.
+bool HasInstanceExtension(const char* layer, const char* name)
+{
+    uint32 count = 0;
+    if (vkEnumerateInstanceExtensionProperties(layer, &count, nullptr) != VK_SUCCESS)
+        return false;
+    std::vector<VkExtensionProperties> extensions(count);
+    if (vkEnumerateInstanceExtensionProperties(layer, &count, extensions.data()) != VK_SUCCESS)
+        return false;
+    for (const VkExtensionProperties& extension : extensions)
+        if (strcmp(extension.extensionName, name) == 0)
+            return true;
+    return false;
+}
+
 bool HasLayer(const char* name)
 {
     uint32 count = 0;
@@ -119,7 +134,7 @@ VkPhysicalDevice Choose(VkInstance instance, VkPhysicalDeviceProperties& chosen,
     return best;
 }
 
-VkInstance NewInstance(bool validation, VkDebugUtilsMessengerCreateInfoEXT* messenger, bool quiet)
+VkInstance NewInstance(bool validation, bool debugUtils, VkDebugUtilsMessengerCreateInfoEXT* messenger, bool quiet)
 {
     VkApplicationInfo app = {VK_STRUCTURE_TYPE_APPLICATION_INFO};
     app.pApplicationName = "KovexEngine";
@@ -141,6 +156,12 @@ VkInstance NewInstance(bool validation, VkDebugUtilsMessengerCreateInfoEXT* mess
         // Messages of instance creation and destruction reach the log too.
         features.pNext = messenger;
         info.pNext = &features;
+    }
+    else if (debugUtils)
+    {
+        // Names and labels only: cheap, and what a capture tool shows.
+        info.enabledExtensionCount = 1;
+        info.ppEnabledExtensionNames = extensions;
     }
     VkInstance instance = VK_NULL_HANDLE;
     VkResult result = vkCreateInstance(&info, nullptr, &instance);
@@ -169,7 +190,7 @@ uint32 VulkanDevice::GetValidationWarningCount() { return s_validationWarnings.l
 
 bool VulkanDevice::Probe(AString* deviceName)
 {
-    VkInstance instance = NewInstance(false, nullptr, true);
+    VkInstance instance = NewInstance(false, false, nullptr, true);
     if (!instance)
         return false;
     VkPhysicalDeviceProperties properties = {};
@@ -195,7 +216,8 @@ bool VulkanDevice::CreateInstance(bool validation)
         Log::Print(LOG_WARNING, u"Vulkan: validation was asked for, but the Khronos validation layer is missing.\n");
         validation = false;
     }
-    m_instance = NewInstance(validation, &messenger, false);
+    m_debugUtils = validation || HasInstanceExtension(nullptr, VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
+    m_instance = NewInstance(validation, m_debugUtils, &messenger, false);
     if (!m_instance)
         return false;
     if (validation)
@@ -290,6 +312,13 @@ bool VulkanDevice::CreateDevice()
         return false;
     }
     m_memory.Init(m_physical, m_device);
+    m_debug.Load(m_instance, m_device, m_debugUtils);
+    m_memory.SetDebug(&m_debug);
+    uint32 familyCount = 0;
+    vkGetPhysicalDeviceQueueFamilyProperties(m_physical, &familyCount, nullptr);
+    std::vector<VkQueueFamilyProperties> families(familyCount);
+    vkGetPhysicalDeviceQueueFamilyProperties(m_physical, &familyCount, families.data());
+    m_timestampBits = m_queueFamily < familyCount ? families[m_queueFamily].timestampValidBits : 0;
     return true;
 }
 
@@ -326,6 +355,8 @@ void VulkanDevice::Close()
     if (m_device)
     {
         vkDeviceWaitIdle(m_device);
+        m_debug.Load(VK_NULL_HANDLE, VK_NULL_HANDLE, false);
+        m_timestampBits = 0;
         m_memory.Destroy();
         if (m_pool)
             vkDestroyCommandPool(m_device, m_pool, nullptr);

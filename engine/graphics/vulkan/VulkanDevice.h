@@ -12,7 +12,8 @@
 //
 // Validation: KOVEX_VULKAN_VALIDATION=1 or SetValidationRequested(true)
 // enables the Khronos layer (and synchronization validation) for devices
-// opened afterwards. Every error message is logged at level 4 and counted.
+// opened afterwards. VK_EXT_debug_utils is enabled whenever the loader has
+// it, validation or not, so that objects carry names. Every error message is logged at level 4 and counted.
 //
 // Threads: Probe, the counters and SetValidationRequested are safe from any
 // thread. Open and Close belong to the thread that opens the renderer. The
@@ -23,6 +24,7 @@
 
 #include <vulkan/vulkan.h>
 
+#include "graphics/vulkan/VulkanDebug.h"
 #include "graphics/vulkan/VulkanMemory.h"
 #include "kernel/Strings.h"
 
@@ -66,6 +68,11 @@ public:
     PFN_vkCmdBeginRenderingKHR GetBeginRendering() const { return m_beginRendering; }
     PFN_vkCmdEndRenderingKHR GetEndRendering() const { return m_endRendering; }
     std::recursive_mutex& GetLock() { return m_lock; }
+    // Names and labels; they do nothing where the loader lacks
+    // VK_EXT_debug_utils.
+    const VulkanDebug& GetDebug() const { return m_debug; }
+    // Valid bits of the graphics queue's timestamps; 0 where it has none.
+    uint32 GetTimestampBits() const { return m_timestampBits; }
 
     // The format's optimal-tiling features on this device.
     VkFormatFeatureFlags GetFormatFeatures(VkFormat format) const;
@@ -87,6 +94,9 @@ private:
     PFN_vkCmdBeginRenderingKHR m_beginRendering = nullptr;
     PFN_vkCmdEndRenderingKHR m_endRendering = nullptr;
     std::recursive_mutex m_lock;
+    VulkanDebug m_debug;
+    bool m_debugUtils = false;
+    uint32 m_timestampBits = 0;
 };
 
 } // namespace KovexEngine

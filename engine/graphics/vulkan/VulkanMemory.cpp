@@ -1,5 +1,7 @@
 #include "graphics/vulkan/VulkanMemory.h"
 
+#include "graphics/vulkan/VulkanDebug.h"
+
 #include <iterator>
 
 #include "kernel/Log.h"
@@ -141,6 +143,9 @@ bool VulkanMemory::NewBlock(Pool& pool, uint64 size)
         block.mapped = static_cast<uint8*>(mapped);
     }
     block.ranges = RangeAllocator(size);
+    if (m_debug)
+        m_debug->Name(VK_OBJECT_TYPE_DEVICE_MEMORY, block.memory,
+                      VulkanMemoryBlockName(size, pool.typeIndex, block.mapped != nullptr));
     ++m_deviceAllocations;
     m_allocatedBytes += size;
     // A slot Trim emptied is reused, so the indices of live allocations stay.

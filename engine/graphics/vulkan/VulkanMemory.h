@@ -65,12 +65,16 @@ struct VulkanAllocation
     bool IsValid() const { return Memory != VK_NULL_HANDLE; }
 };
 
+class VulkanDebug;
+
 class KOVEX_API VulkanMemory
 {
 public:
     static constexpr uint64 kDefaultBlockSize = 64ull << 20;
 
     void Init(VkPhysicalDevice physical, VkDevice device);
+    // Names the blocks made from now on; null names nothing.
+    void SetDebug(const VulkanDebug* debug) { m_debug = debug; }
     // Frees every block; what is still allocated is lost (a leak the caller
     // has already logged).
     void Destroy();
@@ -112,6 +116,7 @@ private:
     bool NewBlock(Pool& pool, uint64 size);
 
     std::mutex m_lock;
+    const VulkanDebug* m_debug = nullptr;
     VkDevice m_device = VK_NULL_HANDLE;
     VkPhysicalDeviceMemoryProperties m_properties = {};
     std::vector<Pool> m_pools;

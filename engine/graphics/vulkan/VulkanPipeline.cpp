@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "graphics/vulkan/VulkanDebug.h"
 #include "kernel/Log.h"
 
 namespace KovexEngine {
@@ -355,6 +356,9 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
         Log::Format(LOG_WARNING, u"Vulkan: a graphics pipeline could not be made (%d).\n", int(result));
         return VK_NULL_HANDLE;
     }
+    if (m_debug)
+        m_debug->Name(VK_OBJECT_TYPE_PIPELINE, pipeline,
+                      "Pipeline " + std::to_string(++m_made) + ", " + std::to_string(key.ColorCount) + " targets");
     return pipeline;
 }
 

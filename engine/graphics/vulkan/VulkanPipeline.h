@@ -54,12 +54,16 @@ KOVEX_API VkPrimitiveTopology ToVk(GraphicsTopology topology);
 KOVEX_API VkFormat ToVk(GraphicsLayoutFormat format);
 } // namespace VulkanStates
 
+class VulkanDebug;
+
 class KOVEX_API VulkanPipelineCache
 {
 public:
     // `depthClamp`: the device's feature, enabled; without it a rasterizer
     // state that turns depth clipping off still clips.
     bool Init(VkDevice device, bool depthClamp);
+    // Names the pipelines made from now on; null names nothing.
+    void SetDebug(const VulkanDebug* debug) { m_debug = debug; }
     void Destroy();
     // The pipeline of the key, made on the first request; null, with a log
     // line, when the device refuses it or the key is incomplete.
@@ -71,6 +75,8 @@ private:
     VkPipeline Create(const VulkanPipelineKey& key);
 
     std::mutex m_lock;
+    const VulkanDebug* m_debug = nullptr;
+    uint32 m_made = 0;
     VkDevice m_device = VK_NULL_HANDLE;
     bool m_depthClamp = false;
     VkPipelineLayout m_layout = VK_NULL_HANDLE;

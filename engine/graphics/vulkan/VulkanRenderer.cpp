@@ -89,6 +89,15 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
     vkGetPhysicalDeviceFeatures(m_device.GetPhysicalDevice(), &features);
     if (result == VK_SUCCESS && !m_pipelines.Init(device, features.depthClamp))
         result = VK_ERROR_INITIALIZATION_FAILED;
+    if (result == VK_SUCCESS)
+    {
+        const VulkanDebug& debug = m_device.GetDebug();
+        for (uint32 i = 0; i < kFramesInFlight; ++i)
+            debug.Name(VK_OBJECT_TYPE_COMMAND_BUFFER, m_frameCommands[i], "Frame commands " + std::to_string(i));
+        debug.Name(VK_OBJECT_TYPE_COMMAND_BUFFER, m_nowCommands, std::string("Immediate commands"));
+        m_pipelines.SetDebug(&debug);
+        CreateTimestampPools();
+    }
     if (result != VK_SUCCESS)
     {
         Log::Format(LOG_WARNING, u"Vulkan: frame resources could not be made (%d).\n", int(result));
@@ -147,8 +156,12 @@ void VulkanRenderer::CloseDevice()
         m_completed = m_submitted = 0;
         m_pipelines.Destroy();
         for (uint32 i = 0; i < kFramesInFlight; ++i)
+        {
             if (m_frameFences[i])
                 vkDestroyFence(device, m_frameFences[i], nullptr);
+            if (m_timestampPools[i])
+                vkDestroyQueryPool(device, m_timestampPools[i], nullptr);
+        }
         // The command buffers go with the pool.
     }
     for (uint32 i = 0; i < kFramesInFlight; ++i)
@@ -156,7 +169,10 @@ void VulkanRenderer::CloseDevice()
         m_frameFences[i] = VK_NULL_HANDLE;
         m_frameCommands[i] = VK_NULL_HANDLE;
         m_frameSerial[i] = 0;
+        m_timestampPools[i] = VK_NULL_HANDLE;
+        m_timestampsPending[i] = false;
     }
+    m_perfDepth = 0;
     m_nowCommands = VK_NULL_HANDLE;
     m_bound.Clear();
     m_device.Close();
@@ -192,6 +208,7 @@ bool VulkanRenderer::WaitFrame(uint32 slot)
     if (m_frameSerial[slot] > m_completed)
         m_completed = m_frameSerial[slot];
     m_frameSerial[slot] = 0;
+    ReadFrameTimestamps(slot);
     return true;
 }
 
@@ -226,6 +243,7 @@ VkCommandBuffer VulkanRenderer::GetFrameCommands()
     if (vkBeginCommandBuffer(cmd, &begin) != VK_SUCCESS)
         return VK_NULL_HANDLE;
     m_recording = true;
+    BeginFrameTimestamps(cmd);
     return cmd;
 }
 
@@ -239,6 +257,10 @@ bool VulkanRenderer::SubmitFrame(bool wait)
     {
         VkCommandBuffer cmd = m_frameCommands[m_slot];
         m_recording = false;
+        for (; m_perfDepth > 0; --m_perfDepth)
+            m_device.GetDebug().EndLabel(cmd);
+        if (VkQueryPool pool = m_timestampPools[m_slot])
+            vkCmdWriteTimestamp(cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, pool, 1);
         VkResult result = vkEndCommandBuffer(cmd);
         VkSubmitInfo submit = {VK_STRUCTURE_TYPE_SUBMIT_INFO};
         submit.commandBufferCount = 1;
@@ -253,6 +275,7 @@ bool VulkanRenderer::SubmitFrame(bool wait)
         else
         {
             m_frameSerial[m_slot] = ++m_submitted;
+            m_timestampsPending[m_slot] = m_timestampPools[m_slot] != VK_NULL_HANDLE;
             m_slot = (m_slot + 1) % kFramesInFlight;
         }
     }
@@ -263,8 +286,11 @@ bool VulkanRenderer::SubmitFrame(bool wait)
         else
         {
             m_completed = m_submitted;
-            for (uint64& serial : m_frameSerial)
-                serial = 0;
+            for (uint32 i = 0; i < kFramesInFlight; ++i)
+            {
+                m_frameSerial[i] = 0;
+                ReadFrameTimestamps(i);
+            }
             CollectGarbage();
         }
     }

@@ -56,6 +56,24 @@ public:
 
     VulkanDevice& GetDevice() { return m_device; }
 
+    // Perf events and markers become debug-utils labels in the frame's
+    // commands (nothing where the loader lacks the extension, or while
+    // EnablePerf(false)). An EndPerfEvent without its Begin is ignored; events
+    // still open when the frame's commands are submitted (Present, a
+    // read-back) are closed then, so every command buffer is balanced.
+    void BeginPerfEvent(uint32 color, const char16_t* name) override;
+    void EndPerfEvent() override;
+    void EnablePerf(bool enabled) override;
+    void SetMarker(uint32 color, const char16_t* name) override;
+
+    // Milliseconds the GPU spent on the last frame whose timestamps have come
+    // back (timestamps at the start and end of each frame's commands, read
+    // once its fence has signalled, never waited for); 0 before the first,
+    // and always where the queue has no timestamps. Each one is also added
+    // to g_TimeAnalyzer as section kGpuFrameSection. Safe from any thread.
+    double GetGpuFrameTime() const { return m_gpuFrameMs.load(std::memory_order_relaxed); }
+    static constexpr int kGpuFrameSection = 20;
+
     // Copies one subresource into `out` with tightly packed rows (of pixels,
     // or of 4x4 blocks), as TextureDesc::GetRowPitch gives them. False, with
     // a log line, for a texture of another platform or a failed copy.
@@ -113,6 +131,10 @@ private:
     void ClearDepth(VkCommandBuffer cmd, VulkanTexture& texture, VkImageAspectFlags aspects, float depth,
                     uint32 stencil, int layer);
     bool WaitFrame(uint32 slot);
+    VkCommandBuffer PerfCommands();
+    void BeginFrameTimestamps(VkCommandBuffer cmd);
+    void ReadFrameTimestamps(uint32 slot);
+    void CreateTimestampPools();
     void CollectGarbage();
     void DrawWithoutProgram();
     void CloseDevice();
@@ -124,6 +146,11 @@ private:
     VkFence m_frameFences[kFramesInFlight] = {};
     uint64 m_frameSerial[kFramesInFlight] = {};
     VkCommandBuffer m_nowCommands = VK_NULL_HANDLE;
+    VkQueryPool m_timestampPools[kFramesInFlight] = {};
+    bool m_timestampsPending[kFramesInFlight] = {};
+    std::atomic<double> m_gpuFrameMs{0.0};
+    uint32 m_perfDepth = 0; // labels open in the frame's commands
+    bool m_perfEnabled = true;
     uint32 m_slot = 0;
     bool m_recording = false;
     uint64 m_submitted = 0; // submissions made

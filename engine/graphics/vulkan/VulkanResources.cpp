@@ -113,7 +113,38 @@ bool VulkanTexture::CreateDeviceHandle()
     DropInitialData();
     if (!ok)
         ReleaseDeviceHandle();
+    else
+        ApplyDebugName();
     return ok;
+}
+
+std::string VulkanTexture::GetDebugName() const
+{
+    return m_debugName.empty() ? VulkanTextureName(GetDesc(), GetPath()) : m_debugName;
+}
+
+void VulkanTexture::SetDebugName(const char* name)
+{
+    m_debugName = name ? name : "";
+    VulkanRenderer* renderer = VulkanRenderer::Get();
+    if (!renderer)
+        return;
+    std::lock_guard<std::recursive_mutex> lock(renderer->GetDevice().GetLock());
+    ApplyDebugName();
+}
+
+void VulkanTexture::ApplyDebugName()
+{
+    VulkanRenderer* renderer = VulkanRenderer::Get();
+    if (!renderer || !renderer->GetDevice().GetDebug().IsEnabled())
+        return;
+    const VulkanDebug& debug = renderer->GetDevice().GetDebug();
+    std::string name = GetDebugName();
+    debug.Name(VK_OBJECT_TYPE_IMAGE, m_image, name);
+    debug.Name(VK_OBJECT_TYPE_BUFFER, m_buffer, name);
+    debug.Name(VK_OBJECT_TYPE_IMAGE_VIEW, m_sampledView, name + " (sampled)");
+    for (size_t slice = 0; slice < m_targetViews.size(); ++slice)
+        debug.Name(VK_OBJECT_TYPE_IMAGE_VIEW, m_targetViews[slice], name + " (target " + std::to_string(slice) + ")");
 }
 
 bool VulkanTexture::CreateStaging()
@@ -261,6 +292,9 @@ VkImageView VulkanTexture::GetTargetView(uint32 slice)
         m_targetViews[slice] = VK_NULL_HANDLE;
         Log::Format(LOG_WARNING, u"Vulkan: a target view of slice %u could not be made (%d).\n", slice, int(result));
     }
+    else
+        renderer->GetDevice().GetDebug().Name(VK_OBJECT_TYPE_IMAGE_VIEW, m_targetViews[slice],
+                                              GetDebugName() + " (target " + std::to_string(slice) + ")");
     return m_targetViews[slice];
 }
 
@@ -524,6 +558,7 @@ bool VulkanBufferMemory::Create(GraphicsBuffer& owner, VkBufferUsageFlags usage)
         Release();
         return false;
     }
+    device.GetDebug().Name(VK_OBJECT_TYPE_BUFFER, m_buffer, VulkanBufferName(usage, m_size, m_copies));
     GraphicsStream* content = stream ? stream->GetGpuReadStream() : nullptr;
     if (!content || !content->GetPointer(0))
         content = stream;

@@ -13,6 +13,7 @@
 // main thread may record frame commands meanwhile. Map/Unmap belong to the
 // thread that records frames.
 
+#include <string>
 #include <vector>
 
 #include <vulkan/vulkan.h>
@@ -38,6 +39,12 @@ public:
     // recorded into the frame; a format the device cannot blit and filter
     // logs and leaves the chain as it is.
     void GenerateMips() override;
+    // Renames the image, its views (or a staging texture's buffer) in
+    // captures and validation messages; without one, a texture is named by
+    // VulkanTextureName.
+    void SetDebugName(const char* name) override;
+    // The name its Vulkan objects carry.
+    std::string GetDebugName() const;
 
     VkImage GetImage() const { return m_image; }
     VkFormat GetVkFormat() const { return m_format; }
@@ -66,6 +73,8 @@ protected:
 private:
     bool CreateImage();
     bool CreateStaging();
+    void ApplyDebugName();
+    std::string m_debugName;
     VkImage m_image = VK_NULL_HANDLE;
     VkBuffer m_buffer = VK_NULL_HANDLE;
     VkImageView m_sampledView = VK_NULL_HANDLE;

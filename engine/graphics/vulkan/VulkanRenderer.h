@@ -65,6 +65,8 @@ public:
     void EndPerfEvent() override;
     void EnablePerf(bool enabled) override;
     void SetMarker(uint32 color, const char16_t* name) override;
+    // Perf events open in the frame being recorded; 0 once it is submitted.
+    uint32 GetOpenPerfEvents() const { return m_perfDepth; }
 
     // Milliseconds the GPU spent on the last frame whose timestamps have come
     // back (timestamps at the start and end of each frame's commands, read

@@ -97,20 +97,26 @@ TEST(VulkanDebugLabels, NamesAndUnbalancedEventsStayValid)
     for (int frame = 0; frame < 3; ++frame)
     {
         r.BeginFrame();
-        r.EndPerfEvent(); // stray: ignored
-        r.BeginPerfEvent(0xFF00FF00u, u"Frame \u00e9");
+        r.EndPerfEvent(); // stray, before the frame records anything
         r.SetMarker(0xFFFF0000u, u"Clear");
         r.ClearSingle(target.Get(), Vector4(1, 0, 0, 1));
+        r.EndPerfEvent(); // stray, while it records
+        EXPECT_EQ(r.GetOpenPerfEvents(), 0u);
+        r.BeginPerfEvent(0xFF00FF00u, u"Frame \u00e9");
         r.BeginPerfEvent(0xFF0000FFu, u"Left open"); // closed at submission
         r.BeginPerfEvent(0xFF0000FFu, u"Nested");
         r.EndPerfEvent();
+        EXPECT_EQ(r.GetOpenPerfEvents(), 2u);
         r.EndFrame();
         r.Present();
+        EXPECT_EQ(r.GetOpenPerfEvents(), 0u) << "submission closes what was left open";
         r.EndPerfEvent(); // its Begin went with the last frame
+        EXPECT_EQ(r.GetOpenPerfEvents(), 0u);
     }
     r.EnablePerf(false);
     r.BeginFrame();
     r.BeginPerfEvent(0xFFFFFFFFu, u"Off");
+    EXPECT_EQ(r.GetOpenPerfEvents(), 0u) << "switched off";
     r.EndPerfEvent();
     r.EndFrame();
     r.Present();

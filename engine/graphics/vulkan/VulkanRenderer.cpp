@@ -386,6 +386,7 @@ void VulkanRenderer::Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkI
 
 void VulkanRenderer::Present()
 {
+    std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
     VulkanTexture* back = AsVulkan(m_mainBackBuffer.Get());
     if (!m_swapChain || !m_swapChain->IsOpen() || !back)
     {

@@ -18,7 +18,9 @@
 // window's size. A window destroyed under it answers Gone and the swap chain
 // closes; later presents only submit.
 //
-// Threads: used by the thread that presents, under the device lock.
+// Threads: the renderer calls it from Present, on the thread that draws,
+// holding the device lock, so objects created on other threads meanwhile are
+// safe.
 
 #include "graphics/vulkan/VulkanDevice.h"
 

@@ -229,6 +229,8 @@ TEST(VulkanWindow, OutOfDateRecreatesAndAClosedWindowStopsPresenting)
     ASSERT_TRUE(w.engine.IsOpen());
     VulkanRenderer& r = w.engine.Renderer();
     ASSERT_NE(r.GetSwapChain(), nullptr);
+    // Without VSync a mode that does not wait for the vertical blank.
+    EXPECT_NE(r.GetSwapChain()->GetPresentMode(), VK_PRESENT_MODE_FIFO_KHR);
     const xcb_window_t window = w.window;
     const int& resets = w.resets;
     std::string seen;

@@ -15,7 +15,7 @@ mode="${1:-run}"
 # Debian packages the build needs; installed only when missing.
 packages=(g++ cmake ninja-build ccache pkg-config libgtest-dev libbenchmark-dev zlib1g-dev librapidxml-dev
   libpng-dev libjpeg-dev libsquish-dev
-  libvulkan-dev mesa-vulkan-drivers vulkan-validationlayers glslang-tools
+  libvulkan-dev mesa-vulkan-drivers vulkan-validationlayers glslang-tools libxcb1-dev xvfb
   python3-pil imagemagick libjpeg-turbo-progs)
 
 install_missing() {

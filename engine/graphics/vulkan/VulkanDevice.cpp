@@ -142,7 +142,24 @@ VkInstance NewInstance(bool validation, bool debugUtils, VkDebugUtilsMessengerCr
     app.apiVersion = VK_API_VERSION_1_1;
     VkInstanceCreateInfo info = {VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO};
     info.pApplicationInfo = &app;
-    const char* extensions[] = {VK_EXT_DEBUG_UTILS_EXTENSION_NAME, VK_EXT_VALIDATION_FEATURES_EXTENSION_NAME};
+    std::vector<const char*> extensions;
+    // Names and labels are cheap and what a capture tool shows; validation
+    // needs the messenger as well.
+    if (validation || debugUtils)
+        extensions.push_back(VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
+    if (validation)
+        extensions.push_back(VK_EXT_VALIDATION_FEATURES_EXTENSION_NAME);
+#ifdef KOVEX_HAVE_XCB
+    // Window surfaces where the loader has them; offscreen rendering needs neither.
+    if (HasInstanceExtension(nullptr, "VK_KHR_xcb_surface") &&
+        HasInstanceExtension(nullptr, VK_KHR_SURFACE_EXTENSION_NAME))
+    {
+        extensions.push_back(VK_KHR_SURFACE_EXTENSION_NAME);
+        extensions.push_back("VK_KHR_xcb_surface");
+    }
+#endif
+    info.enabledExtensionCount = uint32(extensions.size());
+    info.ppEnabledExtensionNames = extensions.data();
     VkValidationFeatureEnableEXT enables[] = {VK_VALIDATION_FEATURE_ENABLE_SYNCHRONIZATION_VALIDATION_EXT};
     VkValidationFeaturesEXT features = {VK_STRUCTURE_TYPE_VALIDATION_FEATURES_EXT};
     features.enabledValidationFeatureCount = 1;
@@ -151,17 +168,9 @@ VkInstance NewInstance(bool validation, bool debugUtils, VkDebugUtilsMessengerCr
     {
         info.enabledLayerCount = 1;
         info.ppEnabledLayerNames = &kValidationLayer;
-        info.enabledExtensionCount = 2;
-        info.ppEnabledExtensionNames = extensions;
         // Messages of instance creation and destruction reach the log too.
         features.pNext = messenger;
         info.pNext = &features;
-    }
-    else if (debugUtils)
-    {
-        // Names and labels only: cheap, and what a capture tool shows.
-        info.enabledExtensionCount = 1;
-        info.ppEnabledExtensionNames = extensions;
     }
     VkInstance instance = VK_NULL_HANDLE;
     VkResult result = vkCreateInstance(&info, nullptr, &instance);
@@ -274,6 +283,15 @@ bool VulkanDevice::CreateDevice()
     for (const char* name : rendering)
         for (const VkExtensionProperties& extension : available)
             found += strcmp(extension.extensionName, name) == 0;
+    std::vector<const char*> enabled;
+    if (found == 3)
+        enabled.assign(std::begin(rendering), std::end(rendering));
+    // Swap chains where the device has them: a window needs them, offscreen does not.
+    for (const VkExtensionProperties& extension : available)
+        if (strcmp(extension.extensionName, VK_KHR_SWAPCHAIN_EXTENSION_NAME) == 0)
+            enabled.push_back(VK_KHR_SWAPCHAIN_EXTENSION_NAME);
+    info.enabledExtensionCount = uint32(enabled.size());
+    info.ppEnabledExtensionNames = enabled.data();
     VkPhysicalDeviceDynamicRenderingFeaturesKHR dynamicRendering = {
         VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_DYNAMIC_RENDERING_FEATURES_KHR};
     const bool withRendering = found == 3;
@@ -281,8 +299,6 @@ bool VulkanDevice::CreateDevice()
     {
         dynamicRendering.dynamicRendering = VK_TRUE;
         info.pNext = &dynamicRendering;
-        info.enabledExtensionCount = 3;
-        info.ppEnabledExtensionNames = rendering;
     }
     VkResult result = vkCreateDevice(m_physical, &info, nullptr, &m_device);
     if (result != VK_SUCCESS)

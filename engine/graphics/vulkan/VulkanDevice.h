@@ -60,6 +60,7 @@ public:
     VkPhysicalDevice GetPhysicalDevice() const { return m_physical; }
     VkDevice GetDevice() const { return m_device; }
     VkQueue GetQueue() const { return m_queue; }
+    uint32 GetQueueFamily() const { return m_queueFamily; }
     VkCommandPool GetCommandPool() const { return m_pool; }
     const VkPhysicalDeviceProperties& GetProperties() const { return m_properties; }
     VulkanMemory& GetMemory() { return m_memory; }

@@ -4,6 +4,7 @@
 
 #include "graphics/vulkan/VulkanFormats.h"
 #include "graphics/vulkan/VulkanResources.h"
+#include "graphics/vulkan/VulkanSwapChain.h"
 #include "graphics/InputLayout.h"
 #include "graphics/VertexBuffer.h"
 #include "kernel/Log.h"
@@ -136,15 +137,32 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
                                : GraphicsFormat::D32_FLOAT;
     SetDefaultFormat(GraphicsFormat::R8G8B8A8_UNORM, depth);
     SetGPUVendor(m_device.GetProperties().deviceName);
+    if (parameters.WindowHandle)
+    {
+        m_swapChain = std::make_unique<VulkanSwapChain>();
+        if (!m_swapChain->Open(*this, parameters.WindowHandle, parameters.VSync))
+        {
+            CloseDevice();
+            return false;
+        }
+    }
     return true;
 }
 
-bool VulkanRenderer::OnResetDevice(const GraphicsParameters& parameters) { return m_device.IsOpen(); }
+bool VulkanRenderer::OnResetDevice(const GraphicsParameters& parameters)
+{
+    // A swap chain that cannot be remade (a window of no size) leaves frames offscreen until the next reset.
+    if (m_swapChain && m_swapChain->IsOpen() && !m_swapChain->Recreate())
+        Log::Print(LOG_WARNING, u"Vulkan: the window's swap chain could not be remade; frames are not shown.\n");
+    return m_device.IsOpen();
+}
 
 void VulkanRenderer::CloseDevice()
 {
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
     VkDevice device = m_device.GetDevice();
+    m_swapChain.reset();
+    m_mainBackBuffer = Ptr<Texture>();
     if (device)
     {
         vkDeviceWaitIdle(device);
@@ -247,7 +265,7 @@ VkCommandBuffer VulkanRenderer::GetFrameCommands()
     return cmd;
 }
 
-bool VulkanRenderer::SubmitFrame(bool wait)
+bool VulkanRenderer::SubmitFrame(bool wait, VkSemaphore waitOn, VkSemaphore signal)
 {
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
     if (!m_device.IsOpen())
@@ -265,6 +283,12 @@ bool VulkanRenderer::SubmitFrame(bool wait)
         VkSubmitInfo submit = {VK_STRUCTURE_TYPE_SUBMIT_INFO};
         submit.commandBufferCount = 1;
         submit.pCommandBuffers = &cmd;
+        const VkPipelineStageFlags stage = VK_PIPELINE_STAGE_TRANSFER_BIT;
+        submit.waitSemaphoreCount = waitOn ? 1 : 0;
+        submit.pWaitSemaphores = &waitOn;
+        submit.pWaitDstStageMask = &stage;
+        submit.signalSemaphoreCount = signal ? 1 : 0;
+        submit.pSignalSemaphores = &signal;
         if (result == VK_SUCCESS)
             result = vkQueueSubmit(m_device.GetQueue(), 1, &submit, m_frameFences[m_slot]);
         if (result != VK_SUCCESS)
@@ -386,7 +410,26 @@ void VulkanRenderer::Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkI
     texture.SetLayout(layout);
 }
 
-void VulkanRenderer::Present() { SubmitFrame(false); }
+void VulkanRenderer::Present()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
+    VulkanTexture* back = AsVulkan(m_mainBackBuffer.Get());
+    if (!m_swapChain || !m_swapChain->IsOpen() || !back)
+    {
+        SubmitFrame(false);
+        return;
+    }
+    if (m_swapChain->Present(*back) != VulkanSwapChain::Result::OutOfDate)
+        return;
+    uint32 width = 0, height = 0;
+    // A window of no size (minimised) keeps the old chain until it has one.
+    if (!m_swapChain->QueryWindowSize(width, height) || width == 0 || height == 0)
+        return;
+    GraphicsParameters parameters = m_parameters;
+    parameters.Width = width;
+    parameters.Height = height;
+    Reset(parameters);
+}
 
 bool VulkanRenderer::CreateTransferBuffer(uint64 size, VkBuffer& buffer, VulkanAllocation& memory)
 {
@@ -608,8 +651,10 @@ Ptr<Texture> VulkanRenderer::NewBuffer(GraphicsFormat format, uint32 viewFlags)
 
 Ptr<Texture> VulkanRenderer::CreateBackBuffer()
 {
-    return NewBuffer(m_parameters.BackBufferFormat,
-                     TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
+    // Kept: Present copies it into the window.
+    m_mainBackBuffer =
+        NewBuffer(m_parameters.BackBufferFormat, TextureViewFlags::SHADER_RESOURCE | TextureViewFlags::RENDER_TARGET);
+    return m_mainBackBuffer;
 }
 
 Ptr<Texture> VulkanRenderer::CreateDepthBuffer()

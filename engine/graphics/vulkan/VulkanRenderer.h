@@ -16,6 +16,12 @@
 // Objects released while a frame may still read them are destroyed once the
 // frames submitted before then are complete (DeferDestroy).
 //
+// Windows: with GraphicsParameters::WindowHandle set to an X11 window id,
+// the renderer presents into that window (see VulkanSwapChain for the
+// convention). A frame that finds the window resized or the swap chain out of
+// date resets the renderer at the window's size, which fires the reset
+// delegates; the back buffer is recreated at that size.
+//
 // Threads: every device operation takes the device lock, so the graphics
 // thread may create objects while the main thread records; the renderer's
 // frame state (Renderer's own) belongs to the thread that draws, as for any
@@ -23,6 +29,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "graphics/Renderer.h"
@@ -32,6 +39,7 @@
 namespace KovexEngine {
 
 class VulkanTexture;
+class VulkanSwapChain;
 class VulkanBufferMemory;
 class GraphicsBuffer;
 class VertexBuffer;
@@ -55,6 +63,8 @@ public:
 #undef KOVEX_DEVICE_OP_VULKAN_DECL
 
     VulkanDevice& GetDevice() { return m_device; }
+    // The main window's swap chain; null when the renderer has no window.
+    VulkanSwapChain* GetSwapChain() { return m_swapChain.get(); }
 
     // Perf events and markers become debug-utils labels in the frame's
     // commands (nothing where the loader lacks the extension, or while
@@ -101,8 +111,11 @@ public:
     // frame's. Null when the device is not open.
     VkCommandBuffer GetFrameCommands();
     // Submits the frame's commands; with `wait`, returns when the device is
-    // idle.
-    bool SubmitFrame(bool wait);
+    // idle. The submit waits for `waitOn` (at transfer) and signals `signal`
+    // where they are given.
+    bool SubmitFrame(bool wait, VkSemaphore waitOn = VK_NULL_HANDLE, VkSemaphore signal = VK_NULL_HANDLE);
+    // The slot of the frame being recorded, below kFramesInFlight.
+    uint32 GetFrameSlot() const { return m_slot; }
     // Commands that run now: what the frame recorded is submitted first, the
     // commands are recorded by `record`, and the device is waited for.
     bool RunNow(const std::function<void(VkCommandBuffer)>& record);
@@ -142,6 +155,8 @@ private:
     void CloseDevice();
 
     VulkanDevice m_device;
+    std::unique_ptr<VulkanSwapChain> m_swapChain;
+    Ptr<Texture> m_mainBackBuffer;
     VulkanPipelineCache m_pipelines;
     Viewport m_viewport;
     VkCommandBuffer m_frameCommands[kFramesInFlight] = {};

@@ -31,7 +31,8 @@ namespace KovexTest {
 class VulkanEngine
 {
 public:
-    explicit VulkanEngine(unsigned width = 64, unsigned height = 32, bool graphicsThread = false)
+    explicit VulkanEngine(unsigned width = 64, unsigned height = 32, bool graphicsThread = false,
+                          KovexEngine::uint64 windowHandle = 0)
     {
         using namespace KovexEngine;
         VulkanDevice::SetValidationRequested(true);
@@ -45,6 +46,7 @@ public:
         GraphicsParameters parameters;
         parameters.Width = width;
         parameters.Height = height;
+        parameters.WindowHandle = windowHandle;
         if (m_ok)
             Kovex_InitRenderer(parameters);
         m_ok = m_ok && VulkanRenderer::Get() && VulkanRenderer::Get()->GetDevice().IsOpen();

@@ -16,6 +16,7 @@ mode="${1:-run}"
 packages=(g++ cmake ninja-build ccache pkg-config libgtest-dev libbenchmark-dev zlib1g-dev librapidxml-dev
   libpng-dev libjpeg-dev libsquish-dev
   libvulkan-dev mesa-vulkan-drivers vulkan-validationlayers glslang-tools libxcb1-dev xvfb
+  glslang-dev spirv-tools libspirv-cross-c-shared-dev
   python3-pil imagemagick libjpeg-turbo-progs)
 
 install_missing() {

@@ -3,6 +3,7 @@
 // The public interface of KovexEngine: every installed header is reachable
 // from here, so a program needs only this one.
 
+#include "io/CacheDirectory.h"
 #include "io/Compressor.h"
 #include "io/FileStream.h"
 #include "io/FindFile.h"
@@ -60,11 +61,14 @@
 #include "resources/Resource.h"
 #include "resources/ResourceCache.h"
 #include "resources/ResourceThread.h"
+#include "graphics/BaseProgram.h"
 #include "graphics/CommitConstantInterface.h"
 #include "graphics/ConstantBuffer.h"
 #include "graphics/GraphicsBuffer.h"
 #include "graphics/InputLayout.h"
 #include "graphics/RWBuffer.h"
+#include "graphics/Shader.h"
+#include "graphics/ShaderReflection.h"
 #include "graphics/ShaderResource.h"
 #include "graphics/GraphicsFormat.h"
 #include "graphics/HWCapability.h"
@@ -90,3 +94,4 @@
 #include "images/ImageLoaderPNG.h"
 #include "images/ImageLoaderJPG.h"
 #include "images/PixelFormatConverter.h"
+#include "shaders/ProgramCompiler.h"

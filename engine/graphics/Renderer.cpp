@@ -473,6 +473,19 @@ void Renderer::SetCurrentProgram(ProgramRef program)
     // The new reference first: setting the same program again keeps it.
     m_currentProgramRef = program.object;
     m_currentProgram = program.program;
+    m_currentBaseProgram = program.base;
+}
+
+namespace {
+std::atomic<ProgramCompilerMaker> s_programCompilerMaker{nullptr};
+}
+
+void SetProgramCompilerMaker(ProgramCompilerMaker maker) { s_programCompilerMaker.store(maker); }
+
+GraphicsFactory* MakeProgramCompiler()
+{
+    ProgramCompilerMaker maker = s_programCompilerMaker.load();
+    return maker ? maker() : new GraphicsFactory(FactoryType::ProgramCompiler);
 }
 
 void Renderer::SetViewport(const Viewport& viewport)

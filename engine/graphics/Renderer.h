@@ -31,20 +31,33 @@ class GraphicsWindowFactory;
 // Arrive with the render-data and programs layers, above this one.
 class GeometryRDI;
 class Program;
+class BaseProgram;
 
 // A program as the renderer counts it. Made where the program's type is
-// known (any Program* converts), so this layer needs only its declaration.
+// known (a Program* or any BaseProgram* converts), so this layer needs only
+// the declarations.
 struct ProgramRef
 {
     Program* program = nullptr;
+    BaseProgram* base = nullptr;
     GraphicsObject* object = nullptr;
     ProgramRef() = default;
     ProgramRef(std::nullptr_t) {}
     template <typename P>
-    ProgramRef(P* p) : program(p), object(p)
+    ProgramRef(P* p) : program(AsProgram(p)), base(p), object(p)
     {
     }
+
+private:
+    static Program* AsProgram(Program* p) { return p; }
+    static Program* AsProgram(BaseProgram*) { return nullptr; }
 };
+
+// Makes the program compiler of the shader layer, which installs it; the
+// renderer's factory slot holds a bare factory without one.
+using ProgramCompilerMaker = GraphicsFactory* (*)();
+KOVEX_API void SetProgramCompilerMaker(ProgramCompilerMaker maker);
+KOVEX_API GraphicsFactory* MakeProgramCompiler();
 
 KOVEX_API extern Ptr<Renderer> g_ptrRenderer;
 
@@ -93,10 +106,11 @@ struct KOVEX_API GraphicsParameters
     X(GraphicsFactory*, CreateIndexBufferFactory, (), new NullIndexBufferFactory())                                   \
     X(GraphicsFactory*, CreateConstantBufferFactory, (), new NullConstantBufferFactory())                             \
     X(GraphicsFactory*, CreateRWBufferFactory, (), new NullRWBufferFactory())                                         \
-    X(GraphicsFactory*, CreateShaderFactory, (), new GraphicsFactory(FactoryType::ShaderFactory))                     \
+    X(GraphicsFactory*, CreateShaderFactory, (), new ShaderFactory())                                                 \
     X(GraphicsFactory*, CreateWindowFactory, (), NewNullWindowFactory())                                              \
     X(GraphicsFactory*, CreateInputLayoutFactory, (), new InputLayoutFactory())                                       \
-    X(GraphicsFactory*, CreateProgramCompiler, (), new GraphicsFactory(FactoryType::ProgramCompiler))                 \
+    X(GraphicsFactory*, CreateProgramCompiler, (), MakeProgramCompiler())                                             \
+    X(bool, CreateProgramDevice, (BaseProgram * program), true)                                                       \
     X(GraphicsFactory*, CreateTextureFactory, (), new NullTextureFactory())
 
 class KOVEX_API Renderer : public Object
@@ -213,6 +227,7 @@ public:
     // Keeps a counted reference to the program the next draws use.
     virtual void SetCurrentProgram(ProgramRef program);
     Program* GetCurrentProgram() const { return m_currentProgram; }
+    BaseProgram* GetCurrentBaseProgram() const { return m_currentBaseProgram; }
     virtual bool IsViewportFliped() const { return false; }
     virtual void BeginPerfEvent(uint32, const char16_t*) {}
     virtual void EndPerfEvent() {}
@@ -274,6 +289,7 @@ private:
     TArray<DeviceDelegateEntry> m_deviceReset;
     GPUVendor m_vendor = GPUVendor::Unknown;
     Program* m_currentProgram = nullptr;
+    BaseProgram* m_currentBaseProgram = nullptr;
     Ptr<GraphicsObject> m_currentProgramRef;
     RendererPlatform m_platform = RendererPlatform::D3D11;
 };

@@ -2,23 +2,13 @@
 
 #include "graphics/InputLayout.h"
 #include "graphics/RWBuffer.h"
+#include "graphics/BaseProgram.h"
 #include "graphics/null/NullRenderer.h"
 #include "reflection/Function.h"
 #include "support/LogCapture.h"
 #include "support/NullEngine.h"
 
 using namespace KovexEngine;
-
-// The programs layer's class as far as the renderer sees it: a counted
-// graphics object.
-namespace KovexEngine {
-class Program : public GraphicsObject
-{
-public:
-    bool CreateDeviceHandle() override { return true; }
-    void ReleaseDeviceHandle() override {}
-};
-} // namespace KovexEngine
 
 TEST(RWBuffer, FactoryChecksArgumentsAndMakesStreams)
 {
@@ -100,14 +90,15 @@ TEST(NullRenderer, DrawsAndTheCurrentProgram)
     r.ClearSingle(nullptr, 2, Vector4());
     EXPECT_EQ(r.GetStageRecord(0), nullptr);
 
-    Ptr<Program> program(new Program());
+    Ptr<BaseProgram> program(new BaseProgram());
     r.SetCurrentProgram(program.Get());
-    EXPECT_EQ(r.GetCurrentProgram(), program.Get());
+    EXPECT_EQ(r.GetCurrentBaseProgram(), program.Get());
+    EXPECT_EQ(r.GetCurrentProgram(), nullptr) << "a base program is no configured Program";
     EXPECT_EQ(program->GetRefCount(), 2) << "the renderer counts it";
     r.SetCurrentProgram(program.Get());
     EXPECT_EQ(program->GetRefCount(), 2) << "setting it again keeps one reference";
     r.EndFrame();
-    EXPECT_EQ(r.GetCurrentProgram(), nullptr);
+    EXPECT_EQ(r.GetCurrentBaseProgram(), nullptr);
     EXPECT_EQ(program->GetRefCount(), 1);
     r.SetCurrentProgram(program.Get());
     r.Cleanup();

@@ -10,6 +10,7 @@
 #include "graphics/InputLayout.h"
 #include "graphics/RWBuffer.h"
 #include "graphics/Renderer.h"
+#include "graphics/Shader.h"
 #include "graphics/TextureFactory.h"
 #include "graphics/VertexBuffer.h"
 

@@ -1,5 +1,7 @@
 #include "graphics/vulkan/VulkanRenderer.h"
 
+#include "graphics/Shader.h"
+
 #include <string.h>
 
 #include "graphics/vulkan/VulkanFormats.h"
@@ -670,11 +672,14 @@ GraphicsFactory* VulkanRenderer::CreateVertexBufferFactory() { return new Vulkan
 GraphicsFactory* VulkanRenderer::CreateIndexBufferFactory() { return new VulkanIndexBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateConstantBufferFactory() { return new VulkanConstantBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateRWBufferFactory() { return new VulkanRWBufferFactory(); }
-GraphicsFactory* VulkanRenderer::CreateShaderFactory() { return new GraphicsFactory(FactoryType::ShaderFactory); }
+GraphicsFactory* VulkanRenderer::CreateShaderFactory() { return new ShaderFactory(); }
 GraphicsFactory* VulkanRenderer::CreateWindowFactory() { return new VulkanGraphicsWindowFactory(); }
 // Vulkan has no input-layout objects: the layout is part of each pipeline.
 GraphicsFactory* VulkanRenderer::CreateInputLayoutFactory() { return new InputLayoutFactory(); }
-GraphicsFactory* VulkanRenderer::CreateProgramCompiler() { return new GraphicsFactory(FactoryType::ProgramCompiler); }
+GraphicsFactory* VulkanRenderer::CreateProgramCompiler() { return MakeProgramCompiler(); }
+
+// Programs draw through DrawVertices' modules until the program path binds.
+bool VulkanRenderer::CreateProgramDevice(BaseProgram*) { return true; }
 GraphicsFactory* VulkanRenderer::CreateTextureFactory() { return new VulkanTextureFactory(); }
 
 // --- Drawing ---------------------------------------------------------------------------------

@@ -2,9 +2,13 @@
 
 #include <thread>
 
+#include "graphics/BaseProgram.h"
+#include "graphics/ConstantBuffer.h"
 #include "graphics/ShaderReflection.h"
+#include "shaders/ShaderParser.h"
 #include "shaders/ShaderTestSupport.h"
 #include "support/LogCapture.h"
+#include "support/NullEngine.h"
 
 using namespace KovexEngine;
 using KovexTest::IncludeFiles;
@@ -374,4 +378,111 @@ TEST(SpirvThreads, UnitsCompileOnSeveralThreadsAlike)
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(failures.load(), 0);
+}
+
+// --- Stages merged into a program -------------------------------------------
+
+namespace {
+
+struct CompiledUnit
+{
+    ShaderReflection vs, ps;
+    std::string text;
+};
+
+CompiledUnit CompileBoth()
+{
+    Unit u;
+    SpirvUnit unit;
+    std::vector<uint32> words;
+    CompiledUnit out;
+    EXPECT_TRUE(u.Preprocess(unit));
+    EXPECT_TRUE(unit.CompileStage(ShaderType::Vertex, "VS", words, &out.vs));
+    EXPECT_TRUE(unit.CompileStage(ShaderType::Pixel, "PS", words, &out.ps));
+    out.text = unit.GetText();
+    return out;
+}
+
+const float* BytesOf(BaseProgram& program, ShaderConstant* constant)
+{
+    ConstantBuffer* buffer = program.GetConstantBuffer(constant->Location[1]);
+    return buffer ? reinterpret_cast<const float*>(buffer->GetStream()->GetPointer(constant->Location[0])) : nullptr;
+}
+
+} // namespace
+
+TEST_F(SpirvCompile, StagesMergeIntoOneProgram)
+{
+    KovexTest::NullEngine engine;
+    CompiledUnit unit = CompileBoth();
+    Ptr<BaseProgram> program(new BaseProgram());
+    ASSERT_TRUE(program->AddReflection(ShaderType::Vertex, unit.vs));
+    ASSERT_TRUE(program->AddReflection(ShaderType::Pixel, unit.ps));
+
+    // One block read by both stages is one buffer with a slot in each.
+    ShaderCBuffer* frame = program->FindCBuffer(u"PerFrame");
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->GetSlotInShader(ShaderType::Vertex), 0);
+    EXPECT_EQ(frame->GetSlotInShader(ShaderType::Pixel), 0);
+    // The texture and its sampler answer to one KSL name.
+    ShaderTexture* texture = program->FindTexture(u"Diffuse");
+    ShaderSampler* sampler = program->FindSampler(u"Diffuse");
+    ASSERT_NE(texture, nullptr);
+    ASSERT_NE(sampler, nullptr);
+    EXPECT_EQ(texture->GetSlotInShader(ShaderType::Pixel), 16);
+    EXPECT_EQ(texture->GetSlotInShader(ShaderType::Vertex), -1);
+    EXPECT_EQ(sampler->GetSlotInShader(ShaderType::Pixel), 32);
+
+    // Constants are written where the module reads them.
+    ASSERT_TRUE(program->CreateConstantBuffers());
+    const ShaderReflection::Member* after = FindMember(*FindBlock(unit.vs, "PerFrame"), "After");
+    ShaderConstant* constant = program->FindConstant(u"After");
+    ASSERT_NE(constant, nullptr);
+    EXPECT_EQ(constant->Location[0], after->Offset);
+    float value = 4.5f;
+    ASSERT_TRUE(program->CommitConstantByName(u"After", &value, 4, 16));
+    EXPECT_EQ(BytesOf(*program, constant)[0], 4.5f);
+    const ShaderReflection::Member* weights = FindMember(*FindBlock(unit.vs, "PerFrame"), "Weights");
+    float three[12] = {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0};
+    ASSERT_TRUE(program->CommitConstantByName(u"Weights", three, sizeof three, 16));
+    ConstantBuffer* buffer = program->GetConstantBuffer(constant->Location[1]);
+    const float* base = reinterpret_cast<const float*>(buffer->GetStream()->GetPointer(0));
+    EXPECT_EQ(base[(weights->Offset + 2 * weights->ArrayStride) / 4], 3.0f);
+    EXPECT_EQ(base[after->Offset / 4], 4.5f); // the array's last element stopped before it
+    EXPECT_FALSE(program->CommitConstantByName(u"NoSuchConstant", &value, 4, 16));
+
+    // A global's initialiser, dropped by the front end, comes back as the
+    // constant's default.
+    ShaderConstant* tint = program->FindConstant(u"Tint");
+    ASSERT_NE(tint, nullptr);
+    ShaderParser::VarInfo info;
+    info.Type = 3;
+    ShaderParser::GetDefaultValue(unit.text.c_str(), info, tint);
+    ASSERT_NE(tint->GetDefaultValue(), nullptr);
+    program->ApplyConstantDefaultValue();
+    const float* tintBytes = BytesOf(*program, tint);
+    EXPECT_EQ(tintBytes[0], 1.0f);
+    EXPECT_EQ(tintBytes[1], 0.0f);
+    EXPECT_EQ(tintBytes[3], 1.0f);
+}
+
+TEST_F(SpirvCompile, ConflictingStagesAreRejected)
+{
+    CompiledUnit unit = CompileBoth();
+    Ptr<BaseProgram> program(new BaseProgram());
+    ASSERT_TRUE(program->AddReflection(ShaderType::Vertex, unit.vs));
+    ShaderReflection moved = unit.ps;
+    for (auto& block : moved.ConstantBuffers)
+        for (auto& member : block.Members)
+            if (member.Name == "After")
+                member.Offset += 16;
+    KovexTest::LogCapture log;
+    EXPECT_FALSE(program->AddReflection(ShaderType::Pixel, moved));
+    EXPECT_TRUE(log->Contains(u"Program: constant [After] lies at two places.\n"));
+    // A resource outside set 0 is refused too.
+    ShaderReflection other = unit.ps;
+    other.Textures[0].Set = 1;
+    Ptr<BaseProgram> second(new BaseProgram());
+    EXPECT_FALSE(second->AddReflection(ShaderType::Pixel, other));
+    EXPECT_TRUE(log->Contains(u"Program: [kovex_t_Diffuse] is in descriptor set 1; only set 0 is bound.\n"));
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <map>
 #include <set>
 
 #include <glslang/Public/ResourceLimits.h>
@@ -250,34 +251,6 @@ bool ListResources(spvc_compiler compiler, spvc_resources resources, spvc_resour
     return true;
 }
 
-// Semantics of the vertex inputs by location, from a module that still has
-// its UserSemantic strings.
-bool ReadSemantics(const std::vector<uint32>& words, std::vector<std::pair<uint32, std::string>>& out)
-{
-    spvc_context context = nullptr;
-    if (spvc_context_create(&context) != SPVC_SUCCESS)
-        return false;
-    spvc_parsed_ir ir = nullptr;
-    spvc_compiler compiler = nullptr;
-    spvc_resources resources = nullptr;
-    const spvc_reflected_resource* list = nullptr;
-    size_t count = 0;
-    bool ok = spvc_context_parse_spirv(context, words.data(), words.size(), &ir) == SPVC_SUCCESS &&
-              spvc_context_create_compiler(context, SPVC_BACKEND_NONE, ir, SPVC_CAPTURE_MODE_TAKE_OWNERSHIP,
-                                           &compiler) == SPVC_SUCCESS &&
-              spvc_compiler_create_shader_resources(compiler, &resources) == SPVC_SUCCESS &&
-              spvc_resources_get_resource_list_for_type(resources, SPVC_RESOURCE_TYPE_STAGE_INPUT, &list, &count) ==
-                  SPVC_SUCCESS;
-    for (size_t i = 0; ok && i < count; ++i)
-    {
-        const char* semantic = spvc_compiler_get_decoration_string(compiler, list[i].id, SpvDecorationUserSemantic);
-        out.emplace_back(spvc_compiler_get_decoration(compiler, list[i].id, SpvDecorationLocation),
-                         semantic ? semantic : "");
-    }
-    spvc_context_destroy(context);
-    return ok;
-}
-
 // HLSL semantics are case-blind; the engine keeps them upper case with
 // their index ("TEXCOORD0").
 std::string NormalSemantic(std::string semantic)
@@ -288,6 +261,51 @@ std::string NormalSemantic(std::string semantic)
     if (!semantic.empty() && !(semantic.back() >= '0' && semantic.back() <= '9'))
         semantic += '0';
     return semantic;
+}
+
+// Vertex inputs are named after their semantics in the final module: the
+// UserSemantic strings that say them are stripped (they would need a device
+// extension), names are not, so a module read back from the cache still
+// tells which input is which.
+std::vector<uint32> NameInputsBySemantic(const std::vector<uint32>& words)
+{
+    constexpr uint32 kOpName = 5, kOpDecorateString = 5632, kUserSemantic = 5635;
+    std::map<uint32, std::string> semantics;
+    for (size_t at = 5; at < words.size();)
+    {
+        uint32 count = words[at] >> 16, op = words[at] & 0xFFFF;
+        if (count == 0 || at + count > words.size())
+            return words;
+        if (op == kOpDecorateString && count >= 4 && words[at + 2] == kUserSemantic)
+        {
+            const char* text = reinterpret_cast<const char*>(&words[at + 3]);
+            semantics[words[at + 1]] = std::string(text, strnlen(text, (count - 3) * 4));
+        }
+        at += count;
+    }
+    if (semantics.empty())
+        return words;
+    std::vector<uint32> out(words.begin(), words.begin() + 5);
+    for (size_t at = 5; at < words.size();)
+    {
+        uint32 count = words[at] >> 16, op = words[at] & 0xFFFF;
+        auto found = op == kOpName && count >= 2 ? semantics.find(words[at + 1]) : semantics.end();
+        if (found == semantics.end())
+        {
+            out.insert(out.end(), words.begin() + long(at), words.begin() + long(at + count));
+        }
+        else
+        {
+            std::string name = NormalSemantic(found->second);
+            std::vector<uint32> literal((name.size() + 4) / 4, 0);
+            std::memcpy(literal.data(), name.data(), name.size());
+            out.push_back(uint32((2 + literal.size()) << 16) | kOpName);
+            out.push_back(words[at + 1]);
+            out.insert(out.end(), literal.begin(), literal.end());
+        }
+        at += count;
+    }
+    return out;
 }
 
 } // namespace
@@ -450,7 +468,8 @@ bool SpirvUnit::CompileStage(ShaderType stage, const char* entry, std::vector<ui
     spvtools::Optimizer stripper(SPV_ENV_VULKAN_1_1);
     stripper.SetMessageConsumer(consume);
     stripper.RegisterPass(spvtools::CreateStripReflectInfoPass());
-    if (!stripper.Run(legal.data(), legal.size(), &words, noValidation))
+    std::vector<uint32> named = NameInputsBySemantic(legal);
+    if (!stripper.Run(named.data(), named.size(), &words, noValidation))
     {
         m_errors = messages;
         Log::Format(LOG_WARNING, u"Shader [%S] %S: stripping failed.\n%S", m_fileName.c_str(), entry,
@@ -465,7 +484,7 @@ bool SpirvUnit::CompileStage(ShaderType stage, const char* entry, std::vector<ui
         words.clear();
         return false;
     }
-    if (reflection && !SpirvReflect(words, *reflection, m_errors, stage == ShaderType::Vertex ? &legal : nullptr))
+    if (reflection && !SpirvReflect(words, *reflection, m_errors))
     {
         Log::Format(LOG_WARNING, u"Shader [%S] %S: reflection failed: %S\n", m_fileName.c_str(), entry,
                     m_errors.c_str());
@@ -486,8 +505,7 @@ bool SpirvValidate(const std::vector<uint32>& words, std::string& error)
     return tools.Validate(words.data(), words.size());
 }
 
-bool SpirvReflect(const std::vector<uint32>& words, ShaderReflection& out, std::string& error,
-                  const std::vector<uint32>* semanticsFrom)
+bool SpirvReflect(const std::vector<uint32>& words, ShaderReflection& out, std::string& error)
 {
     out = ShaderReflection();
     spvc_context context = nullptr;
@@ -528,9 +546,6 @@ bool SpirvReflect(const std::vector<uint32>& words, ShaderReflection& out, std::
     }
     if (ok && spvc_compiler_get_execution_model(compiler) == SpvExecutionModelVertex)
     {
-        std::vector<std::pair<uint32, std::string>> semantics;
-        if (semanticsFrom)
-            ReadSemantics(*semanticsFrom, semantics);
         const spvc_reflected_resource* list = nullptr;
         size_t count = 0;
         ok = spvc_resources_get_resource_list_for_type(resources, SPVC_RESOURCE_TYPE_STAGE_INPUT, &list, &count) ==
@@ -541,9 +556,8 @@ bool SpirvReflect(const std::vector<uint32>& words, ShaderReflection& out, std::
             input.Name = list[i].name ? list[i].name : "";
             input.Location = spvc_compiler_get_decoration(compiler, list[i].id, SpvDecorationLocation);
             input.Components = spvc_type_get_vector_size(spvc_compiler_get_type_handle(compiler, list[i].type_id));
-            for (const auto& semantic : semantics)
-                if (semantic.first == input.Location && !semantic.second.empty())
-                    input.Semantic = NormalSemantic(semantic.second);
+            const char* semantic = spvc_compiler_get_decoration_string(compiler, list[i].id, SpvDecorationUserSemantic);
+            input.Semantic = NormalSemantic(semantic && *semantic ? semantic : input.Name);
             out.Inputs.push_back(input);
         }
     }

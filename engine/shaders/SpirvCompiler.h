@@ -93,11 +93,11 @@ private:
     uint64 m_hash = 0;
 };
 
-// Reflects a final module with SPIRV-Cross. `semanticsFrom`, when given, is
-// the same module before its UserSemantic strings were stripped: vertex
-// inputs take their semantics from it.
-KOVEX_API bool SpirvReflect(const std::vector<uint32>& words, ShaderReflection& out, std::string& error,
-                  const std::vector<uint32>* semanticsFrom = nullptr);
+// Reflects a module with SPIRV-Cross. A vertex input's semantic is its
+// UserSemantic string, else its name: CompileStage names the inputs of its
+// final modules after their semantics, so byte code read back from a cache
+// reflects as it compiled.
+KOVEX_API bool SpirvReflect(const std::vector<uint32>& words, ShaderReflection& out, std::string& error);
 // The SPIR-V validator under the Vulkan 1.1 environment.
 KOVEX_API bool SpirvValidate(const std::vector<uint32>& words, std::string& error);
 // 64-bit FNV-1a, continued from `hash`.

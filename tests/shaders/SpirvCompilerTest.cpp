@@ -228,6 +228,14 @@ TEST_F(SpirvCompile, ReflectionMatchesTheModulesOwnDecorations)
             EXPECT_TRUE(locations.count("POSITION0"));
             EXPECT_TRUE(locations.count("TEXCOORD0"));
             EXPECT_TRUE(r.Textures.empty()); // legalisation dropped what VS does not read
+            // The same words read back (as from a cache) tell the same.
+            ShaderReflection again;
+            std::string error;
+            ASSERT_TRUE(SpirvReflect(words, again, error)) << error;
+            ASSERT_EQ(again.Inputs.size(), 3u);
+            for (const auto& input : again.Inputs)
+                EXPECT_EQ(locations[input.Semantic], input.Location) << input.Semantic;
+            EXPECT_EQ(again.ConstantBuffers.size(), r.ConstantBuffers.size());
         }
     }
 }

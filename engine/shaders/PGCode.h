@@ -90,8 +90,9 @@ public:
 
     // Block "CODE": "TYPE", "NAME", "PATH", "DATA" (the text), "CCUR" (the
     // current configuration's name), then one "BCFG" per configuration.
-    // Loading into a code of another type fails; configurations of the
-    // loaded code replace those present.
+    // Loading into a code of another type fails, and so does a load that
+    // would rename a registered code; configurations of the loaded code
+    // replace those present. Programs are not saved.
     bool Save(Serializer* serializer) const override;
     bool Load(Serializer* serializer) override;
 
@@ -100,6 +101,8 @@ public:
     void SetRegistered(bool registered) { m_registered = registered; }
 
 protected:
+    // An empty code of a type, not registered (for loading).
+    explicit PGCode(TYPE type) : m_type(type) {}
     // The code registers itself with ProgramManager (AddCode).
     PGCode(TYPE type, const WString& name, const WString& path, const AString& code);
     virtual PGCodeConf* InternalCreateConfig() = 0;

@@ -45,7 +45,7 @@ public:
     void GetConfigs(const PGCodeConf** out, unsigned& count) const override;
     // The three configurations' macros in that order, each in map order, then
     // a null pair. *count in: room (pairs, the null pair included); out: the
-    // pairs written without the null pair.
+    // pairs written without the null pair. A null `out` gives the number.
     void GetMacros(ShaderMacro* out, unsigned* count) const override;
     // Number of macros GetMacros writes (without the null pair).
     unsigned GetNumMacros() const;

@@ -16,9 +16,10 @@
 //
 // Threads: every call is safe from any thread. The code tables and the
 // include map are guarded by one lock, held for map access only: loading a
-// file, creating a code and compiling run outside it (two threads may load
-// the same include; the later insert wins). BuildProgram runs the compiler on
-// the calling thread.
+// file, creating a code and compiling run outside it. Two threads may load
+// the same include; the first text stored is kept, because the other
+// thread's caller may already hold it. BuildProgram runs the compiler on the
+// calling thread.
 
 #include "kernel/Containers.h"
 #include "kernel/CriticalSection.h"
@@ -70,9 +71,10 @@ public:
     // --- Includes ---------------------------------------------------------------
     // The text of the file at `path` with comments removed; null (logged once
     // at level 3: "Open Shader include [%s] failed.\n") when it cannot be
-    // opened. The text lives until Destroy.
+    // opened. The text lives until ClearIncludes or Destroy.
     const AString* OpenInclude(const WString& path);
-    // Forgets the include texts (after templates changed on disk).
+    // Forgets the include texts (after templates changed on disk); no
+    // compile may be running.
     void ClearIncludes();
 
 private:

@@ -6,7 +6,7 @@
 #include "graphics/ConstantBuffer.h"
 #include "graphics/ShaderReflection.h"
 #include "shaders/ShaderParser.h"
-#include "shaders/ShaderTestSupport.h"
+#include "shaders/SpirvTestSupport.h"
 #include "support/LogCapture.h"
 #include "support/NullEngine.h"
 

@@ -181,9 +181,12 @@ bool ProgramCompiler::PreprocessUnit(BaseProgram* program, SpirvUnit& unit)
     return unit.Preprocess(text, main.Name, macros, &includes);
 }
 
-SpirvUnit* ProgramCompiler::CurrentUnit(BaseProgram* program)
+SpirvUnit* ProgramCompiler::CurrentUnit(BaseProgram* program, SpirvUnit& local)
 {
-    return t_current.Program == program ? t_current.Unit : nullptr;
+    if (t_current.Program == program && t_current.Unit)
+        return t_current.Unit;
+    // A step called on its own preprocesses for itself.
+    return PreprocessUnit(program, local) ? &local : nullptr;
 }
 
 bool ProgramCompiler::CompileStages(BaseProgram* program, SpirvUnit& unit, const ShaderType* stages, unsigned count)
@@ -227,13 +230,9 @@ bool ProgramCompiler::CompileShaders(BaseProgram* program)
     if (!program)
         return false;
     SpirvUnit local;
-    SpirvUnit* unit = CurrentUnit(program);
+    SpirvUnit* unit = CurrentUnit(program, local);
     if (!unit)
-    {
-        if (!PreprocessUnit(program, local))
-            return false;
-        unit = &local;
-    }
+        return false;
     // The geometry stage: the text and the framework's flag must agree, so
     // that the cache (which trusts the flag) finds what was compiled.
     bool textHasGS = unit->DefinesFunction(Renderer::GetShaderFuncName(ShaderType::Geometry));
@@ -263,13 +262,9 @@ bool ProgramCompiler::CompileComputeShader(BaseProgram* program)
     if (!program)
         return false;
     SpirvUnit local;
-    SpirvUnit* unit = CurrentUnit(program);
+    SpirvUnit* unit = CurrentUnit(program, local);
     if (!unit)
-    {
-        if (!PreprocessUnit(program, local))
-            return false;
-        unit = &local;
-    }
+        return false;
     const ShaderType stage = ShaderType::Compute;
     return CompileStages(program, *unit, &stage, 1);
 }
@@ -304,10 +299,7 @@ bool ProgramCompiler::ReflectShaders(BaseProgram* program)
 
     // Defaults: the front end drops initialisers of globals, the text has them.
     SpirvUnit local;
-    SpirvUnit* unit = CurrentUnit(program);
-    if (!unit && PreprocessUnit(program, local))
-        unit = &local;
-    if (unit)
+    if (SpirvUnit* unit = CurrentUnit(program, local))
         for (unsigned s = 0; s < BaseProgram::kStages; ++s)
         {
             Shader* shader = program->GetShader(ShaderType::TYPE(s));

@@ -83,7 +83,8 @@ public:
 
 private:
     bool CompileStages(BaseProgram* program, SpirvUnit& unit, const ShaderType* stages, unsigned count);
-    SpirvUnit* CurrentUnit(BaseProgram* program);
+    // The unit Compile preprocessed for this program, else `local` filled.
+    SpirvUnit* CurrentUnit(BaseProgram* program, SpirvUnit& local);
 
     std::unique_ptr<SpirvProcess> m_process;
     std::atomic<uint64> m_compileCount{0};

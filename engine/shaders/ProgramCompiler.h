@@ -16,8 +16,12 @@
 //
 // Threads: Compile and CompileCompute are safe from any thread (each
 // compile has its own front-end objects; the cache has its own lock); the
-// programs they make belong to their caller until posted.
+// programs they make belong to their caller until posted. The steps, and
+// PreprocessUnit and GetMacroSet, are safe from any thread for programs no
+// other thread touches; a step called outside Compile preprocesses the unit
+// itself. The device's capability macros must not change meanwhile.
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <utility>

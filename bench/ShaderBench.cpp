@@ -155,7 +155,7 @@ void BM_Shader_CompileUnitInProcess(benchmark::State& state)
         benchmark::DoNotOptimize(vs.data());
     }
 }
-BENCHMARK(BM_Shader_CompileUnitInProcess)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_Shader_CompileUnitInProcess)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 void BM_Shader_CompileUnitWithTools(benchmark::State& state)
 {
@@ -194,7 +194,7 @@ void BM_Shader_CompileUnitWithTools(benchmark::State& state)
         }
     std::system(("rm -rf " + base).c_str());
 }
-BENCHMARK(BM_Shader_CompileUnitWithTools)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_Shader_CompileUnitWithTools)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 // The engine on the null renderer, for constant buffers.
 struct NullEngine

@@ -196,7 +196,12 @@ void ReflectMembers(spvc_compiler compiler, spvc_type_id typeId, ShaderReflectio
         }
         unsigned columns = spvc_type_get_columns(memberType);
         unsigned vectorSize = spvc_type_get_vector_size(memberType);
-        if (columns > 1)
+        if (spvc_type_get_basetype(memberType) == SPVC_BASETYPE_STRUCT)
+        {
+            member.Columns = 0; // a struct has no shape of its own
+            member.Rows = 0;
+        }
+        else if (columns > 1)
         {
             member.Columns = columns;
             member.Rows = vectorSize;

@@ -494,3 +494,32 @@ TEST_F(SpirvCompile, ConflictingStagesAreRejected)
     EXPECT_FALSE(second->AddReflection(ShaderType::Pixel, other));
     EXPECT_TRUE(log->Contains(u"Program: [kovex_t_Diffuse] is in descriptor set 1; only set 0 is bound.\n"));
 }
+
+TEST_F(SpirvCompile, StructArraysInBlocks)
+{
+    const char* text = R"(struct Light { float4 position; float4 color; float range; };
+cbuffer Lighting : register(b2) { Light Lights[2]; float Count; float3 Ambient; };
+float4 VS(float3 p : POSITION) : SV_Position { return float4(p, 1) * Lights[1].range * Count; }
+float4 PS() : SV_Target { return float4(Ambient, 1) + Lights[0].color; }
+)";
+    SpirvUnit unit;
+    ASSERT_TRUE(unit.Preprocess(text, "lights.ksl", {}, nullptr));
+    std::vector<uint32> words;
+    ShaderReflection r;
+    ASSERT_TRUE(unit.CompileStage(ShaderType::Pixel, "PS", words, &r)) << unit.GetErrors();
+    const ShaderReflection::ConstantBuffer* block = FindBlock(r, "Lighting");
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(block->Binding, 2u);
+    const ShaderReflection::Member* lights = FindMember(*block, "Lights");
+    const ShaderReflection::Member* count = FindMember(*block, "Count");
+    const ShaderReflection::Member* ambient = FindMember(*block, "Ambient");
+    ASSERT_TRUE(lights && count && ambient);
+    EXPECT_EQ(lights->Columns, 0u); // no shape: no default is looked for
+    EXPECT_EQ(lights->ArrayCount, 2u);
+    EXPECT_EQ(lights->ArrayStride, 48u);
+    EXPECT_EQ(lights->Size, 96u);
+    EXPECT_EQ(count->Offset, 96u);
+    EXPECT_EQ(ambient->Columns, 3u);
+    EXPECT_GE(ambient->Offset, count->Offset + 4);
+    EXPECT_EQ(block->Size, ambient->Offset + 12);
+}

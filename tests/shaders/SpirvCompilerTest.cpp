@@ -294,6 +294,12 @@ TEST_F(SpirvCompile, BadIncludesFailWithALogLine)
         std::vector<uint32> words;
         EXPECT_TRUE(unit.CompileStage(ShaderType::Pixel, "PS", words, nullptr)) << unit.GetErrors();
     }
+    {
+        // A near miss of a reserved name is an ordinary file, and missing.
+        std::string near = std::string("#include \"Materials\"\n") + kFramework;
+        EXPECT_FALSE(u.Preprocess(unit, near.c_str()));
+        EXPECT_EQ(u.files.opened["[core]shaders/Materials"], 1);
+    }
     // Two files that include each other end.
     u.files.Add("[core]shaders/A.ksl", "#include \"B.ksl\"\nfloat FromA() { return 1; }\n");
     u.files.Add("[core]shaders/B.ksl", "#include \"A.ksl\"\nfloat FromB() { return 2; }\n");

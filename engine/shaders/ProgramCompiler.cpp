@@ -327,7 +327,10 @@ bool ProgramCompiler::Link(BaseProgram* program)
     unsigned count = 0;
     program->GetConfigs(configs, count);
     if (count == 0)
+    {
+        Log::Print(LOG_WARNING, u"Program: no configuration to link.\n");
         return false;
+    }
     for (const auto& pair : program->GetSamplerMap())
     {
         const PGSamplerDesc* desc = nullptr;

@@ -107,6 +107,13 @@ TEST(ProgramCompiler, IsTheRenderersCompiler)
     ASSERT_NE(compiler, nullptr);
     EXPECT_EQ(compiler->CreateProgram(nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(compiler->CreateComputeProgram(nullptr), nullptr);
+    // A program without configurations has nothing to compile or link.
+    Ptr<BaseProgram> bare(new BaseProgram());
+    KovexTest::LogCapture log;
+    EXPECT_FALSE(compiler->Link(bare.Get()));
+    EXPECT_TRUE(log->Contains(u"Program: no configuration to link.\n"));
+    EXPECT_FALSE(compiler->CompileShaders(bare.Get()));
+    EXPECT_TRUE(log->Contains(u"Program: no framework code to compile.\n"));
 }
 
 TEST(ProgramCompiler, CompilesReflectsAndLinksAProgram)

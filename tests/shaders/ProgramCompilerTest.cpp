@@ -65,6 +65,33 @@ float3 Surface(float2 uv)
 }
 )";
 
+const char* kTessellated = R"(#include "Attribute"
+struct VOut { float4 pos : POSITION; };
+VOut VS(VIn i) { VOut o; o.pos = float4(i.position, 1); return o; }
+#ifdef ALLOW_TESSELLATION
+struct HSConst { float edges[3] : SV_TessFactor; float inside : SV_InsideTessFactor; };
+HSConst PatchConstants(InputPatch<VOut, 3> patch)
+{
+    HSConst c;
+    c.edges[0] = 2; c.edges[1] = 2; c.edges[2] = 2;
+    c.inside = 2;
+    return c;
+}
+[domain("tri")]
+[partitioning("integer")]
+[outputtopology("triangle_cw")]
+[outputcontrolpoints(3)]
+[patchconstantfunc("PatchConstants")]
+VOut HS(InputPatch<VOut, 3> patch, uint id : SV_OutputControlPointID) { return patch[id]; }
+[domain("tri")]
+float4 DS(HSConst c, float3 bary : SV_DomainLocation, const OutputPatch<VOut, 3> patch) : SV_Position
+{
+    return patch[0].pos * bary.x + patch[1].pos * bary.y + patch[2].pos * bary.z;
+}
+#endif
+float4 PS(float4 pos : SV_Position) : SV_Target { return pos; }
+)";
+
 std::atomic<int> s_serial{0};
 
 // Codes and configurations of one program, under names no other test uses.
@@ -252,6 +279,30 @@ TEST(ProgramCompiler, MacrosComeInOrderAndTessellationNeedsAllThree)
     EXPECT_FALSE(ProgramCompiler::UsesTessellation(program.Get()));
     capability->SupportTessellation = false;
     capability->UnmakeMacro("SUPPORT_TEST_CAP");
+}
+
+TEST(ProgramCompiler, HullAndDomainUnderTessellation)
+{
+    KovexTest::NullEngine engine;
+    HWCapability* capability = Renderer::Get()->GetHWCapability().Get();
+    Codes plain(kTessellated);
+    plain.mtConf->EnableTessellation(true);
+    plain.fwConf->SetTessellationAware(true);
+    Ptr<Program> without = plain.Build();
+    ASSERT_TRUE(without && without->IsCreated());
+    EXPECT_EQ(without->GetShader(ShaderType::Hull), nullptr); // the device lacks it
+
+    capability->SupportTessellation = true;
+    Codes codes(kTessellated);
+    codes.mtConf->EnableTessellation(true);
+    codes.fwConf->SetTessellationAware(true);
+    Ptr<Program> program = codes.Build();
+    capability->SupportTessellation = false;
+    ASSERT_TRUE(program && program->IsCreated());
+    EXPECT_NE(program->GetShader(ShaderType::Hull), nullptr);
+    EXPECT_NE(program->GetShader(ShaderType::Domain), nullptr);
+    EXPECT_NE(program->GetShader(ShaderType::Vertex), nullptr);
+    EXPECT_NE(program->GetShader(ShaderType::Pixel), nullptr);
 }
 
 TEST(ProgramCompiler, FailuresLeaveTheProgramFailedWithTheirCause)

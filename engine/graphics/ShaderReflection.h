@@ -53,6 +53,8 @@ struct ShaderReflection
     };
     struct Input
     {
+        // The compiler names a final module's vertex inputs after their
+        // semantics, so byte code from a cache reflects them too.
         std::string Name;
         std::string Semantic; // upper case with its index, "TEXCOORD0"
         uint32 Location = 0;

@@ -224,17 +224,29 @@ const char16_t* const kConstantNames[16] = {u"ViewProj", u"View",     u"EyePos",
                                              u"ObjectColor", u"Weights", u"Fade",     u"SkyColor",
                                              u"GroundColor", u"Lights", u"Tint",      u"RoughScale"};
 
-// The unit's program: both stages merged, constant buffers made.
-bool BuildProgram(Ptr<BaseProgram>& program)
+// The unit's program (both stages merged, constant buffers made) and its 16
+// constants; false, the benchmark skipped, when any is missing.
+bool BuildProgram(benchmark::State& state, Ptr<BaseProgram>& program, ShaderConstant* constants[16])
 {
     Texts texts;
     SpirvUnit unit;
     std::vector<uint32> words;
     ShaderReflection rv, rp;
     program = new BaseProgram();
-    return texts.Preprocess(unit) && unit.CompileStage(ShaderType::Vertex, "VS", words, &rv) &&
-           unit.CompileStage(ShaderType::Pixel, "PS", words, &rp) && program->AddReflection(ShaderType::Vertex, rv) &&
-           program->AddReflection(ShaderType::Pixel, rp) && program->CreateConstantBuffers();
+    if (!texts.Preprocess(unit) || !unit.CompileStage(ShaderType::Vertex, "VS", words, &rv) ||
+        !unit.CompileStage(ShaderType::Pixel, "PS", words, &rp) || !program->AddReflection(ShaderType::Vertex, rv) ||
+        !program->AddReflection(ShaderType::Pixel, rp) || !program->CreateConstantBuffers())
+    {
+        state.SkipWithError("no program");
+        return false;
+    }
+    for (int i = 0; i < 16; ++i)
+        if (!(constants[i] = program->FindConstant(kConstantNames[i])))
+        {
+            state.SkipWithError("a constant is missing");
+            return false;
+        }
+    return true;
 }
 
 void BM_Shader_CommitSixteenConstantsByName(benchmark::State& state)
@@ -242,25 +254,15 @@ void BM_Shader_CommitSixteenConstantsByName(benchmark::State& state)
     NullEngine engine;
     SpirvProcess process;
     Ptr<BaseProgram> program;
-    if (!BuildProgram(program))
-    {
-        state.SkipWithError("no program");
+    ShaderConstant* constants[16];
+    if (!BuildProgram(state, program, constants))
         return;
-    }
     WString names[16];
-    uint32 sizes[16];
     uint32 total = 0;
     for (int i = 0; i < 16; ++i)
     {
         names[i] = kConstantNames[i];
-        ShaderConstant* constant = program->FindConstant(names[i]);
-        if (!constant)
-        {
-            state.SkipWithError("a constant is missing");
-            return;
-        }
-        sizes[i] = constant->GetSize();
-        total += sizes[i];
+        total += constants[i]->GetSize();
     }
     std::vector<float> values(total / 4 + 16, 0.5f);
     for (auto _ : state)
@@ -268,8 +270,8 @@ void BM_Shader_CommitSixteenConstantsByName(benchmark::State& state)
         const float* source = values.data();
         for (int i = 0; i < 16; ++i)
         {
-            program->CommitConstantByName(names[i], source, sizes[i], 16);
-            source += sizes[i] / 4;
+            program->CommitConstantByName(names[i], source, constants[i]->GetSize(), 16);
+            source += constants[i]->GetSize() / 4;
         }
         benchmark::ClobberMemory();
     }
@@ -284,27 +286,13 @@ void BM_Shader_MemcpySixteenConstants(benchmark::State& state)
     NullEngine engine;
     SpirvProcess process;
     Ptr<BaseProgram> program;
-    if (!BuildProgram(program))
-    {
-        state.SkipWithError("no program");
+    ShaderConstant* constants[16];
+    if (!BuildProgram(state, program, constants))
         return;
-    }
-    struct Piece
-    {
-        uint32 Buffer, Offset, Size;
-    };
-    std::vector<Piece> pieces;
     std::vector<std::vector<uint8>> mapped(program->GetNumCBuffers());
     uint32 total = 0;
-    for (const char16_t* name : kConstantNames)
+    for (ShaderConstant* constant : constants)
     {
-        ShaderConstant* constant = program->FindConstant(name);
-        if (!constant)
-        {
-            state.SkipWithError("a constant is missing");
-            return;
-        }
-        pieces.push_back({constant->Location[1], constant->Location[0], constant->GetSize()});
         std::vector<uint8>& buffer = mapped[constant->Location[1]];
         if (buffer.size() < constant->Location[0] + constant->GetSize())
             buffer.resize(constant->Location[0] + constant->GetSize());
@@ -314,10 +302,10 @@ void BM_Shader_MemcpySixteenConstants(benchmark::State& state)
     for (auto _ : state)
     {
         const float* source = values.data();
-        for (const Piece& piece : pieces)
+        for (ShaderConstant* constant : constants)
         {
-            std::memcpy(mapped[piece.Buffer].data() + piece.Offset, source, piece.Size);
-            source += piece.Size / 4;
+            std::memcpy(mapped[constant->Location[1]].data() + constant->Location[0], source, constant->GetSize());
+            source += constant->GetSize() / 4;
         }
         benchmark::ClobberMemory();
     }

@@ -4,9 +4,8 @@
 // reaches everything that trusts a loaded configuration.
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
-#include "fuzz/QuietLog.h"
+#include "fuzz/SerialReaderFuzz.h"
 #include "io/MemoryStream.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/Serializer.h"
@@ -48,24 +47,17 @@ void Exercise(PGCode* code)
 template <typename T>
 void LoadInto(const uint8_t* data, size_t size)
 {
-    auto* bytes = new DataStream(unsigned(size));
-    if (size)
-        std::memcpy(bytes->GetPointer(), data, size);
-    Ptr<Stream> stream(new MemoryStream(bytes, true));
-    Serializer* reader = Serializer::OpenReadStream(stream);
-    if (!reader)
-        return;
-    Ptr<T> code(new T());
-    if (code->Load(reader))
-        Exercise(code.Get());
-    delete reader;
+    KovexFuzz::ReadSerialized(data, size, [](Serializer& reader) {
+        Ptr<T> code(new T());
+        if (code->Load(&reader))
+            Exercise(code.Get());
+    });
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    KovexFuzz::QuietLog();
     LoadInto<PGMaterial>(data, size);
     LoadInto<PGFramework>(data, size);
     LoadInto<PGAttribute>(data, size);

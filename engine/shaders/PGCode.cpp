@@ -1,6 +1,7 @@
 #include "shaders/PGCode.h"
 
-#include <map>
+#include <unordered_map>
+#include <vector>
 
 #include "graphics/RenderStates.h"
 #include "kernel/Log.h"
@@ -239,17 +240,37 @@ bool PGCode::Load(Serializer* serializer)
 
 namespace {
 
-using FWPrograms = std::map<const PGConfFW*, Ptr<Program>>;
-using ABPrograms = std::map<const PGConfAB*, FWPrograms>;
-using MaterialMap = std::map<const PGConfMT*, ABPrograms>;
+// One program's configurations.
+struct ProgramKey
+{
+    const PGConfFW* fw;
+    const PGConfAB* ab;
+    const PGConfMT* mt;
+    bool operator==(const ProgramKey& other) const { return fw == other.fw && ab == other.ab && mt == other.mt; }
+};
+
+struct ProgramKeyHash
+{
+    size_t operator()(const ProgramKey& key) const
+    {
+        size_t h = std::hash<const void*>()(key.fw);
+        h ^= std::hash<const void*>()(key.ab) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        h ^= std::hash<const void*>()(key.mt) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        return h;
+    }
+};
 
 } // namespace
 
+// Every program by its three configurations in one hash map, so that a draw's
+// look-up is one probe; beside it, per material, the keys of its programs,
+// which is what RemovePGMaterial needs (the material -> configuration ->
+// attribute -> framework order of the look-up, flattened).
 struct PGFramework::ProgramMaps
 {
-    ABPrograms noMaterial;
-    std::map<const PGConfFW*, Ptr<ComputeProgram>> compute;
-    std::map<const PGMaterial*, MaterialMap> materials;
+    std::unordered_map<ProgramKey, Ptr<Program>, ProgramKeyHash> programs;
+    std::unordered_map<const PGMaterial*, std::vector<ProgramKey>> byMaterial;
+    std::unordered_map<const PGConfFW*, Ptr<ComputeProgram>> compute;
 };
 
 PGFramework::PGFramework() : PGCode(Framework), m_maps(new ProgramMaps()) {}
@@ -284,20 +305,18 @@ Program* PGFramework::GetProgram(const PGConfFW* fw, const PGConfAB* ab, const P
 {
     if (!fw || fw->GetParent() != this)
         return nullptr;
-    ABPrograms* byAttribute = &m_maps->noMaterial;
-    if (mt)
-    {
-        const PGMaterial* material = mt->GetMaterial();
-        byAttribute = &m_maps->materials[material][mt];
-    }
-    FWPrograms& byFramework = (*byAttribute)[ab];
-    auto hit = byFramework.find(fw);
-    if (hit != byFramework.end())
+    const ProgramKey key{fw, ab, mt};
+    auto hit = m_maps->programs.find(key);
+    if (hit != m_maps->programs.end())
         return hit->second.Get();
     // A null result (no compiler yet) is not kept: it is no compile failure.
     Ptr<Program> program = ProgramManager::Ins()->BuildProgram(fw, ab, mt);
     if (program)
-        byFramework.emplace(fw, program);
+    {
+        m_maps->programs.emplace(key, program);
+        if (mt)
+            m_maps->byMaterial[mt->GetMaterial()].push_back(key);
+    }
     return program.Get();
 }
 
@@ -328,21 +347,17 @@ ComputeProgram* PGFramework::GetComputeProgram()
     return GetComputeProgram(GetCurConf());
 }
 
-void PGFramework::RemovePGMaterial(const PGMaterial* material) { m_maps->materials.erase(material); }
-
-unsigned PGFramework::GetNumPrograms() const
+void PGFramework::RemovePGMaterial(const PGMaterial* material)
 {
-    size_t count = m_maps->compute.size();
-    auto countAB = [&count](const ABPrograms& programs) {
-        for (const auto& byFramework : programs)
-            count += byFramework.second.size();
-    };
-    countAB(m_maps->noMaterial);
-    for (const auto& material : m_maps->materials)
-        for (const auto& conf : material.second)
-            countAB(conf.second);
-    return unsigned(count);
+    auto entry = m_maps->byMaterial.find(material);
+    if (entry == m_maps->byMaterial.end())
+        return;
+    for (const ProgramKey& key : entry->second)
+        m_maps->programs.erase(key);
+    m_maps->byMaterial.erase(entry);
 }
+
+unsigned PGFramework::GetNumPrograms() const { return unsigned(m_maps->programs.size() + m_maps->compute.size()); }
 
 // --- PGAttribute --------------------------------------------------------------------
 

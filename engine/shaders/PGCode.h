@@ -6,9 +6,9 @@
 // text is the compilation unit: it pulls the attribute's and the material's
 // texts in with #include "Attribute" and #include "Material".
 //
-// Every program is looked up through its framework: material -> material
-// configuration -> attribute configuration -> framework configuration
-// (without a material: attribute configuration -> framework configuration).
+// Every program is looked up through its framework, by its framework,
+// attribute and material configuration (one hash probe; the framework also
+// lists each material's programs, so RemovePGMaterial drops them together).
 // A miss asks ProgramManager::BuildProgram and keeps the result, failed
 // programs too, so a combination is compiled at most once.
 //

@@ -130,26 +130,22 @@ bool PGCodeConf::FindMacro(AString& out, const AString& name) const
     return true;
 }
 
-bool PGCodeConf::AttachSamplerDesc(const PGSamplerDesc& desc)
+namespace {
+
+// A description enters its map once per name.
+template <typename DESC>
+bool AttachDesc(TMap<WString, DESC>& map, const DESC& desc)
 {
-    if (desc.Name.IsEmpty() || m_samplers.Contains(*desc.Name))
-        return false;
-    return m_samplers.Insert(*desc.Name, desc);
+    return !desc.Name.IsEmpty() && !map.Contains(*desc.Name) && map.Insert(*desc.Name, desc);
 }
 
+} // namespace
+
+bool PGCodeConf::AttachSamplerDesc(const PGSamplerDesc& desc) { return AttachDesc(m_samplers, desc); }
 bool PGCodeConf::DetachSamplerDesc(const WString& name) { return m_samplers.Remove(name); }
-
 const PGSamplerDesc* PGCodeConf::GetSamplerDesc(const WString& name) const { return m_samplers.FindValue(name); }
-
-bool PGCodeConf::AttachTextureDesc(const PGTextureDesc& desc)
-{
-    if (desc.Name.IsEmpty() || m_textures.Contains(*desc.Name))
-        return false;
-    return m_textures.Insert(*desc.Name, desc);
-}
-
+bool PGCodeConf::AttachTextureDesc(const PGTextureDesc& desc) { return AttachDesc(m_textures, desc); }
 bool PGCodeConf::DetachTextureDesc(const WString& name) { return m_textures.Remove(name); }
-
 const PGTextureDesc* PGCodeConf::GetTextureDesc(const WString& name) const { return m_textures.FindValue(name); }
 
 void PGCodeConf::CopyContents(const PGCodeConf& other)

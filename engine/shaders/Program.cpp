@@ -1,5 +1,7 @@
 #include "shaders/Program.h"
 
+#include <initializer_list>
+
 #include "graphics/RenderStates.h"
 #include "graphics/Renderer.h"
 #include "graphics/StateDesc.h"
@@ -29,8 +31,27 @@ void AppendMacros(const PGCodeConf* conf, ShaderMacro* out, unsigned room, unsig
     }
 }
 
-void EndMacros(ShaderMacro* out, unsigned room, unsigned written, unsigned* count)
+// The macro array of a program: each configuration's macros in turn, then
+// `extra` when given, then a null pair; a null `out` asks for the count.
+void FillMacros(std::initializer_list<const PGCodeConf*> configs, const ShaderMacro* extra, ShaderMacro* out,
+                unsigned* count)
 {
+    if (!count)
+        return;
+    if (!out)
+    {
+        unsigned total = extra ? 1 : 0;
+        for (const PGCodeConf* conf : configs)
+            total += conf ? conf->GetMacros().Count() : 0;
+        *count = total;
+        return;
+    }
+    const unsigned room = *count;
+    unsigned written = 0;
+    for (const PGCodeConf* conf : configs)
+        AppendMacros(conf, out, room, written);
+    if (extra && written + 1 < room)
+        out[written++] = *extra;
     if (written < room)
         out[written] = ShaderMacro{};
     *count = written;
@@ -53,28 +74,13 @@ void Program::GetConfigs(const PGCodeConf** out, unsigned& count) const
 
 void Program::GetMacros(ShaderMacro* out, unsigned* count) const
 {
-    if (!count)
-        return;
-    if (!out)
-    {
-        *count = GetNumMacros();
-        return;
-    }
-    unsigned room = *count;
-    unsigned written = 0;
-    AppendMacros(m_fw, out, room, written);
-    AppendMacros(m_ab, out, room, written);
-    AppendMacros(m_mt, out, room, written);
-    EndMacros(out, room, written, count);
+    FillMacros({m_fw, m_ab, m_mt}, nullptr, out, count);
 }
 
 unsigned Program::GetNumMacros() const
 {
     unsigned count = 0;
-    const PGCodeConf* configs[3] = {m_fw, m_ab, m_mt};
-    for (const PGCodeConf* conf : configs)
-        if (conf)
-            count += conf->GetMacros().Count();
+    FillMacros({m_fw, m_ab, m_mt}, nullptr, nullptr, &count);
     return count;
 }
 
@@ -133,19 +139,8 @@ void ComputeProgram::GetConfigs(const PGCodeConf** out, unsigned& count) const
 
 void ComputeProgram::GetMacros(ShaderMacro* out, unsigned* count) const
 {
-    if (!count)
-        return;
-    if (!out)
-    {
-        *count = (m_conf ? m_conf->GetMacros().Count() : 0) + 1;
-        return;
-    }
-    unsigned room = *count;
-    unsigned written = 0;
-    AppendMacros(m_conf, out, room, written);
-    if (written + 1 < room)
-        out[written++] = ShaderMacro{"USE_CS", "1"};
-    EndMacros(out, room, written, count);
+    static const ShaderMacro useCs{"USE_CS", "1"};
+    FillMacros({m_conf}, &useCs, out, count);
 }
 
 } // namespace KovexEngine

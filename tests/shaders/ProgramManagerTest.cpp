@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "graphics/GraphicsThread.h"
 #include "io/StreamManager.h"
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
@@ -137,6 +138,22 @@ TEST(ProgramLookup, NoCompilerNoFrameworkNoProgram)
 {
     Codes codes;
     ProgramManager* manager = ProgramManager::Ins();
+    // No renderer, so no compiler: nothing is built, and nothing is kept, so
+    // the combination compiles once a compiler exists.
+    ASSERT_EQ(ProgramCompiler::Get(), nullptr);
+    EXPECT_FALSE(manager->BuildProgram(codes.fwConf, codes.abConf, codes.mtConf));
+    EXPECT_EQ(codes.fwConf->GetProgram(codes.abConf, codes.mtConf), nullptr);
+    EXPECT_EQ(codes.fw->GetNumPrograms(), 0u);
+    {
+        KovexTest::CountingCompiler compiler;
+        Ptr<Program> program(codes.fwConf->GetProgram(codes.abConf, codes.mtConf));
+        EXPECT_TRUE(program);
+        EXPECT_EQ(compiler.compiles.load(), 1);
+        codes.fw->RemovePGMaterial(codes.mt.Get());
+        // Whatever was posted for the graphics side runs before the compiler goes.
+        GraphicsThread::Ins()->ProcessMTCommandList();
+        EXPECT_FALSE(program->IsFailed());
+    }
     EXPECT_FALSE(manager->BuildProgram(nullptr, codes.abConf, codes.mtConf));
     // A configuration that belongs to no code.
     Ptr<PGConfFW> orphan(new PGConfFW());

@@ -2,11 +2,14 @@
 // different frameworks at once, and concurrent include loads.
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "commands/CommandThread.h"
 #include "graphics/GraphicsThread.h"
 #include "shaders/AsyncCompileProgram.h"
 #include "shaders/PGCode.h"
@@ -66,11 +69,32 @@ TEST(ProgramThreads, CompileCommandsOnDifferentFrameworksRunTogether)
             commands.push_back(command);
         }
 
-        std::vector<std::thread> workers;
+        // One worker per framework: the pipeline never lets two commands
+        // work on one framework at once.
+        std::vector<std::unique_ptr<FinalThread<CommandThread>>> workers;
         for (unsigned f = 0; f < kFrameworks; ++f)
-            workers.emplace_back([&commands, f] { commands[f]->Process(); });
-        for (std::thread& worker : workers)
-            worker.join();
+        {
+            workers.emplace_back(new FinalThread<CommandThread>());
+            ASSERT_TRUE(workers[f]->MT_PostCommand(commands[f].Get()));
+        }
+        for (auto& worker : workers)
+        {
+            ASSERT_TRUE(worker->Init());
+            worker->Signal();
+        }
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        for (auto& command : commands)
+            while (command->GetState() != ThreadCommand::STATE_AFTER_PROCESS &&
+                   std::chrono::steady_clock::now() < deadline)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (auto& command : commands)
+            ASSERT_EQ(command->GetState(), ThreadCommand::STATE_AFTER_PROCESS);
+        EXPECT_EQ(finished.load(), 0) << "completion is reported on the main thread";
+        for (auto& worker : workers)
+            worker->ProcessATCommandList();
+        EXPECT_EQ(finished.load(), int(kFrameworks));
+        for (auto& worker : workers)
+            worker->Term();
         // The programs' device creation was posted to the graphics side.
         GraphicsThread::Ins()->ProcessMTCommandList();
 
@@ -81,11 +105,10 @@ TEST(ProgramThreads, CompileCommandsOnDifferentFrameworksRunTogether)
         {
             EXPECT_EQ(frameworks[f]->GetNumPrograms(), perFramework + 1);
             EXPECT_EQ(commands[f]->GetNumCompiled(), kRounds * perFramework + 1);
-            EXPECT_FALSE(commands[f]->IsDone());
-            EXPECT_TRUE(commands[f]->AfterProcess());
             EXPECT_TRUE(commands[f]->IsDone());
-            // Once only, however often the render side asks.
-            commands[f]->AfterProcess();
+            EXPECT_EQ(commands[f]->GetState(), ThreadCommand::STATE_FINISHED);
+            // The callback runs once, however often AfterProcess is called.
+            EXPECT_TRUE(commands[f]->AfterProcess());
             Program* program = frameworks[f]->GetConfig(u"DEFAULT")->GetProgram(abs[0], mts[0]);
             ASSERT_NE(program, nullptr);
             EXPECT_TRUE(program->IsCreated());

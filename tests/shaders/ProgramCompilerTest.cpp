@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "graphics/ConstantBuffer.h"
@@ -420,4 +421,91 @@ TEST(ProgramCompilerThreads, ProgramsCompileConcurrently)
         EXPECT_EQ(std::memcmp(ps->GetShaderCode(), first->GetShaderCode(), ps->GetShaderCodeSize()), 0);
         EXPECT_NE(program->FindConstant(u"Tint")->GetDefaultValue(), nullptr);
     }
+}
+
+// The engine's own templates compile in the engine, and the material's
+// cbuffer initialiser becomes its constant's value.
+TEST(ProgramCompiler, TheEnginesTemplatesCompile)
+{
+    KovexTest::NullEngine engine;
+    const std::string dir = std::string(KOVEX_SOURCE_DATA) + "/shaders/";
+    ProgramManager* manager = ProgramManager::Ins();
+    Ptr<PGFramework> fw = manager->LoadFramework(StringConvFuncs::ToWString((dir + "NoLighting.ksl").c_str()));
+    Ptr<PGAttribute> ab = manager->LoadAttribute(StringConvFuncs::ToWString((dir + "Attribute_Base.ksl").c_str()));
+    Ptr<PGMaterial> mt = manager->LoadMaterial(StringConvFuncs::ToWString((dir + "Material_Triangle.ksl").c_str()));
+    ASSERT_TRUE(fw && ab && mt);
+    PGConfMT* textured = mt->CreateConfig(BlendMode::Mask, TranslucentDepthMode::TestOnly, TwoSideMode::None);
+    ASSERT_NE(textured, nullptr);
+    textured->SetMacro("USE_DIFFUSE_TEXTURE", "1");
+    for (PGConfMT* material : {mt->GetCurConf(), textured})
+    {
+        Ptr<Program> program = manager->BuildProgram(fw->GetCurConf(), ab->GetCurConf(), material);
+        ASSERT_NE(program, nullptr);
+        ASSERT_TRUE(program->IsCreated());
+        ShaderConstant* color = program->FindConstant(u"DiffuseColor");
+        ASSERT_NE(color, nullptr);
+        ASSERT_NE(color->GetDefaultValue(), nullptr);
+        EXPECT_EQ(color->GetDefaultValue()[3], 1.0f);
+        EXPECT_EQ(program->FindTexture(u"DiffuseTexture") != nullptr, material == textured);
+        const ShaderReflection& vs = program->GetShader(ShaderType::Vertex)->GetReflection();
+        EXPECT_GE(vs.Inputs.size(), 3u);
+        for (const auto& input : vs.Inputs)
+            EXPECT_FALSE(input.Semantic.empty());
+    }
+}
+
+#ifdef KOVEX_HAVE_PROGRAM_CACHE
+#include "kernel/EngineGlobals.h"
+#include "shaders/ProgramCachedLibrary.h"
+#include "support/TempDir.h"
+#endif
+
+// A first run with the cache switch writes the programs; a second run with
+// the load switch compiles nothing and gets the same program, geometry stage
+// included.
+TEST(ProgramCompilerCache, ASecondRunCompilesNothing)
+{
+#ifndef KOVEX_HAVE_PROGRAM_CACHE
+    GTEST_SKIP() << "the program cache's implementation is not in this tree yet";
+#else
+    KovexTest::TempDir dir;
+    auto run = [&dir](bool write, bool load, uint64& compiles, Ptr<Program>& out) {
+        KovexTest::NullEngine engine;
+        ProgramCachedLibrary::Ins()->SetFilePath(dir.W("shader.cache"));
+        g_kovexCacheShaders = write;
+        g_kovexLoadShadersFromCache = load;
+        ProgramCompiler* compiler = ProgramCompiler::Get();
+        uint64 before = compiler->GetCompileCount();
+        {
+            // The same names and template paths in both runs.
+            Ptr<PGFramework> fw(new PGFramework(u"SpvcCachedFw", dir.W("Forward.ksl"), AString(kFramework)));
+            Ptr<PGAttribute> ab(new PGAttribute(u"SpvcCachedAb", dir.W("Simple.ksl"), AString(kAttribute)));
+            Ptr<PGMaterial> mt(new PGMaterial(u"SpvcCachedMt", dir.W("Red.ksl"), AString(kMaterial)));
+            PGConfFW* fwConf = fw->CreateConfig(u"DEFAULT");
+            fwConf->SetMacro("WITH_GS", "1");
+            fwConf->SetUsesGeometryStage(true);
+            out = ProgramManager::Ins()->BuildProgram(fwConf, ab->CreateConfig(u"DEFAULT"), mt->CreateConfig(u"DEFAULT"));
+            ASSERT_TRUE(out && out->IsCreated());
+            // What the test reads later must not hang on the codes.
+            ASSERT_NE(out->GetShader(ShaderType::Geometry), nullptr);
+            ShaderConstant* tint = out->FindConstant(u"Tint");
+            ASSERT_TRUE(tint && tint->GetDefaultValue());
+            EXPECT_EQ(tint->GetDefaultValue()[0], 1.0f);
+            ASSERT_NE(out->GetShader(ShaderType::Vertex), nullptr);
+            EXPECT_EQ(out->GetShader(ShaderType::Vertex)->GetReflection().Inputs.size(), 2u);
+        }
+        compiles = compiler->GetCompileCount() - before;
+        out = nullptr;
+        g_kovexCacheShaders = false;
+        g_kovexLoadShadersFromCache = false;
+        ProgramCachedLibrary::Destroy();
+    };
+    uint64 first = 0, second = 0;
+    Ptr<Program> program;
+    run(true, false, first, program);
+    EXPECT_EQ(first, 1u);
+    EXPECT_TRUE(std::filesystem::exists(dir.path + "/shader.cache"));
+    run(false, true, second, program);
+    EXPECT_EQ(second, 0u);
+#endif
 }

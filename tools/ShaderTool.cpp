@@ -14,6 +14,9 @@
 #include "CommandLine.h"
 #include "kernel/StringConv.h"
 #include "graphics/ShaderReflection.h"
+#ifdef KOVEX_HAVE_PROGRAM_CACHE
+#include "shaders/ProgramCachedLibrary.h"
+#endif
 #include "shaders/ShaderInclude.h"
 #include "shaders/SpirvCompiler.h"
 
@@ -23,9 +26,22 @@ namespace fs = std::filesystem;
 
 namespace {
 
+#ifdef KOVEX_HAVE_PROGRAM_CACHE
+const char* const kCacheUsage = "       kovex-shader cache list|check FILE\n";
+const char* const kCacheHelp =
+    "cache list  prints each program a \"shader.cache\" FILE holds: its\n"
+    "            framework, attribute and material configuration texts, the\n"
+    "            device's macro string, and each stage's tag and size.\n"
+    "cache check reads FILE as the engine does and lists every inconsistency\n"
+    "            (footer, tables, records, offsets, tags); exit 1 when any.\n";
+#else
+const char* const kCacheUsage = "";
+const char* const kCacheHelp = "";
+#endif
+
 const std::string kHelp = std::string(
     "usage: kovex-shader preprocess FRAMEWORK [options]\n"
-    "       kovex-shader compile FRAMEWORK [options]\n"
+    "       kovex-shader compile FRAMEWORK [options]\n") + kCacheUsage + std::string(
     "\n"
     "FRAMEWORK is a KSL framework file (\"-\" is standard input). Its\n"
     "#include \"Attribute\" and #include \"Material\" (any case) take the files\n"
@@ -41,7 +57,7 @@ const std::string kHelp = std::string(
     "            and prints per stage its size, constant buffers (set, binding,\n"
     "            size; each constant's offset and size), textures, samplers,\n"
     "            read-write buffers and vertex inputs. Errors name the\n"
-    "            original file and line.\n"
+    "            original file and line.\n") + kCacheHelp + std::string(
     "\n"
     "  -a, --attribute FILE  the attribute code\n"
     "  -m, --material FILE   the material code\n"
@@ -126,6 +142,39 @@ void PrintReflection(const ShaderReflection& r)
         std::printf("  threads %u %u %u\n", r.WorkGroupSize[0], r.WorkGroupSize[1], r.WorkGroupSize[2]);
 }
 
+#ifdef KOVEX_HAVE_PROGRAM_CACHE
+int CacheCommand(const std::string& what, const std::string& path)
+{
+    if (!fs::is_regular_file(path))
+        return g_cl->Fail(Quote(path) + (fs::exists(path) ? " is not a file" : " does not exist"));
+    ProgramCachedLibrary::Inspection inspection;
+    if (!ProgramCachedLibrary::InspectFile(StringConvFuncs::ToWString(path.c_str()), inspection))
+        return g_cl->Fail("cannot read " + Quote(path));
+    if (what == "list")
+    {
+        std::printf("%s: %u programs, %llu bytes\n", path.c_str(), inspection.Count,
+                    static_cast<unsigned long long>(inspection.FileSize));
+        for (const auto& record : inspection.Records)
+        {
+            std::printf("program framework %s\n", record.Framework.c_str());
+            std::printf("  attribute %s\n", record.Attribute.c_str());
+            std::printf("  material  %s\n", record.Material.c_str());
+            std::printf("  device    %s\n", record.MacroString.c_str());
+            for (unsigned i = 0; i < record.StageTags.Count() && i < record.StageSizes.Count(); ++i)
+                std::printf("  stage %s %u bytes\n", record.StageTags[i].c_str(), record.StageSizes[i]);
+        }
+    }
+    for (const AString& problem : inspection.Problems)
+        g_cl->Warn(problem.c_str());
+    if (!inspection.Problems.IsEmpty())
+        return g_cl->Fail(Quote(path) + " does not hold together (" + std::to_string(inspection.Problems.Count()) +
+                          " problems)");
+    if (what == "check")
+        std::printf("%s: sound, %u programs\n", path.c_str(), inspection.Count);
+    return kExitSuccess;
+}
+#endif
+
 bool ReadCode(const std::string& option, AString& text, std::string& name)
 {
     name = g_cl->Value(option.c_str());
@@ -158,6 +207,14 @@ int main(int argc, char** argv)
     if (args.empty())
         return cl.UsageError("no command given (preprocess or compile)");
     const std::string& command = args[0];
+#ifdef KOVEX_HAVE_PROGRAM_CACHE
+    if (command == "cache")
+    {
+        if (args.size() != 3 || (args[1] != "list" && args[1] != "check"))
+            return cl.UsageError("cache needs list or check, and one FILE");
+        return CacheCommand(args[1], args[2]);
+    }
+#endif
     if (command != "preprocess" && command != "compile")
         return cl.UsageError("unknown command " + Quote(command));
     if (args.size() != 2)

@@ -680,29 +680,32 @@ struct ProgramCachedLibrary::Impl
         return result;
     }
 
-    // A record's stages read back, tags checked.
-    bool ReadStages(const Record& record, std::vector<std::pair<unsigned, std::vector<uint8>>>& out)
+    // A record's stages read back in one read, tags checked. `out` holds
+    // the chunk; each stage is its first index and a span of it.
+    struct Span
     {
-        out.clear();
-        uint64 pos = record.Offset;
-        const uint64 end = uint64(record.Offset) + record.Size;
+        unsigned stage;
+        uint32 offset, size;
+    };
+    bool ReadStages(const Record& record, std::vector<uint8>& chunk, std::vector<Span>& spans)
+    {
+        spans.clear();
+        chunk.resize(record.Size);
+        if (!PReadAll(fd, chunk.data(), chunk.size(), record.Offset))
+            return false;
+        uint32 pos = 0;
         for (unsigned s = 0; s < kStages; ++s)
         {
             if (!(record.StageMask & (1u << s)))
                 continue;
-            uint8 header[kStageHeaderSize];
-            if (end - pos < kStageHeaderSize || !PReadAll(fd, header, kStageHeaderSize, pos) ||
-                memcmp(header, kStageTags[s], 4) != 0)
+            if (record.Size - pos < kStageHeaderSize || memcmp(chunk.data() + pos, kStageTags[s], 4) != 0)
                 return false;
-            uint32 size = ReadU32(header + 4);
+            uint32 size = ReadU32(chunk.data() + pos + 4);
             pos += kStageHeaderSize;
-            if (size > end - pos)
+            if (size > record.Size - pos)
                 return false;
-            std::vector<uint8> code(size);
-            if (!PReadAll(fd, code.data(), size, pos))
-                return false;
+            spans.push_back(Span{s, pos, size});
             pos += size;
-            out.emplace_back(s, std::move(code));
         }
         return true;
     }
@@ -810,19 +813,20 @@ const ProgramCachedLibrary::Record* ProgramCachedLibrary::CacheStages(const Key&
 
 bool ProgramCachedLibrary::ReadStages(const Record& record, TArray<uint8> codes[6])
 {
-    std::vector<std::pair<unsigned, std::vector<uint8>>> stages;
+    std::vector<uint8> chunk;
+    std::vector<Impl::Span> spans;
     {
         std::lock_guard<std::mutex> guard(m_impl->lock);
-        if (!m_impl->Open() || !m_impl->ReadStages(record, stages))
+        if (!m_impl->Open() || !m_impl->ReadStages(record, chunk, spans))
             return false;
     }
     for (unsigned s = 0; s < kStages; ++s)
         codes[s].Clear();
-    for (auto& stage : stages)
+    for (const Impl::Span& span : spans)
     {
-        if (!codes[stage.first].SetCount(unsigned(stage.second.size())))
+        if (!codes[span.stage].SetCount(span.size))
             return false;
-        memcpy(codes[stage.first].Data(), stage.second.data(), stage.second.size());
+        memcpy(codes[span.stage].Data(), chunk.data() + span.offset, span.size);
     }
     return true;
 }
@@ -869,14 +873,15 @@ bool ProgramCachedLibrary::LoadFromCache(BaseProgram* program, uint64 unitHash)
     if (!program)
         return false;
     const uint32 expected = ExpectedStages(program);
-    std::vector<std::pair<unsigned, std::vector<uint8>>> stages;
+    std::vector<uint8> chunk;
+    std::vector<Impl::Span> spans;
     {
         std::lock_guard<std::mutex> guard(m_impl->lock);
         Key key;
         if (!m_impl->Open() || !m_impl->MakeKey(key, program, unitHash))
             return false;
         const Record* record = m_impl->Find(key);
-        if (!record || record->StageMask != expected || !m_impl->ReadStages(*record, stages))
+        if (!record || record->StageMask != expected || !m_impl->ReadStages(*record, chunk, spans))
             return false;
     }
     ShaderFactory* factory = ShaderFactory::Get();
@@ -885,14 +890,14 @@ bool ProgramCachedLibrary::LoadFromCache(BaseProgram* program, uint64 unitHash)
     // Every stage made before any is set, so a failure leaves the program as
     // it was.
     Ptr<Shader> shaders[kStages];
-    for (auto& stage : stages)
+    for (const Impl::Span& span : spans)
     {
-        void* code = malloc(stage.second.size());
+        void* code = malloc(span.size ? span.size : 1);
         if (!code)
             return false;
-        memcpy(code, stage.second.data(), stage.second.size());
-        shaders[stage.first] = factory->CreateShader(ShaderType(stage.first), code, uint32(stage.second.size()));
-        if (!shaders[stage.first])
+        memcpy(code, chunk.data() + span.offset, span.size);
+        shaders[span.stage] = factory->CreateShader(ShaderType(span.stage), code, span.size);
+        if (!shaders[span.stage])
             return false;
     }
     for (unsigned s = 0; s < kStages; ++s)

@@ -30,6 +30,13 @@
 // macro-string table keys the device: "[PLATFORM=n];" then the capability
 // macros, so devices and platforms live side by side.
 //
+// When: the compiler tries the cache first when g_kovexLoadShadersFromCache
+// is set and writes to it when g_kovexCacheShaders is, both only where
+// Renderer::AllowCacheShaders holds: Vulkan, and the null renderer too (it
+// reports platform D3D11 and compiles to the same SPIR-V), so tests and
+// tools cache without a device; the platform number in the macro string
+// keeps its programs apart from Vulkan's.
+//
 // A file that does not hold together (footer, counts, offsets, sizes,
 // tables, tags) is ignored with one log line and replaced whole by an empty
 // one, written beside it and renamed over it.

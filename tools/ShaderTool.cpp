@@ -14,9 +14,7 @@
 #include "CommandLine.h"
 #include "kernel/StringConv.h"
 #include "graphics/ShaderReflection.h"
-#ifdef KOVEX_HAVE_PROGRAM_CACHE
 #include "shaders/ProgramCachedLibrary.h"
-#endif
 #include "shaders/ShaderInclude.h"
 #include "shaders/SpirvCompiler.h"
 
@@ -26,7 +24,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-#ifdef KOVEX_HAVE_PROGRAM_CACHE
 const char* const kCacheUsage = "       kovex-shader cache list|check FILE\n";
 const char* const kCacheHelp =
     "cache list  prints each program a \"shader.cache\" FILE holds: its\n"
@@ -34,10 +31,6 @@ const char* const kCacheHelp =
     "            device's macro string, and each stage's tag and size.\n"
     "cache check reads FILE as the engine does and lists every inconsistency\n"
     "            (footer, tables, records, offsets, tags); exit 1 when any.\n";
-#else
-const char* const kCacheUsage = "";
-const char* const kCacheHelp = "";
-#endif
 
 const std::string kHelp = std::string(
     "usage: kovex-shader preprocess FRAMEWORK [options]\n"
@@ -142,7 +135,6 @@ void PrintReflection(const ShaderReflection& r)
         std::printf("  threads %u %u %u\n", r.WorkGroupSize[0], r.WorkGroupSize[1], r.WorkGroupSize[2]);
 }
 
-#ifdef KOVEX_HAVE_PROGRAM_CACHE
 int CacheCommand(const std::string& what, const std::string& path)
 {
     if (!fs::is_regular_file(path))
@@ -173,7 +165,6 @@ int CacheCommand(const std::string& what, const std::string& path)
         std::printf("%s: sound, %u programs\n", path.c_str(), inspection.Count);
     return kExitSuccess;
 }
-#endif
 
 bool ReadCode(const std::string& option, AString& text, std::string& name)
 {
@@ -207,14 +198,12 @@ int main(int argc, char** argv)
     if (args.empty())
         return cl.UsageError("no command given (preprocess or compile)");
     const std::string& command = args[0];
-#ifdef KOVEX_HAVE_PROGRAM_CACHE
     if (command == "cache")
     {
         if (args.size() != 3 || (args[1] != "list" && args[1] != "check"))
             return cl.UsageError("cache needs list or check, and one FILE");
         return CacheCommand(args[1], args[2]);
     }
-#endif
     if (command != "preprocess" && command != "compile")
         return cl.UsageError("unknown command " + Quote(command));
     if (args.size() != 2)

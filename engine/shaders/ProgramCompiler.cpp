@@ -18,9 +18,7 @@
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
 #include "shaders/ProgramManager.h"
-#ifdef KOVEX_HAVE_PROGRAM_CACHE
 #include "shaders/ProgramCachedLibrary.h"
-#endif
 #include "shaders/ShaderInclude.h"
 #include "shaders/ShaderParser.h"
 #include "shaders/SpirvCompiler.h"
@@ -420,10 +418,8 @@ bool RunCompile(ProgramCompiler& compiler, BaseProgram* program, std::atomic<int
     // The unit's hash keys the byte code, so an edited template or include
     // never reuses a stale program.
     bool fromCache = false;
-#ifdef KOVEX_HAVE_PROGRAM_CACHE
     if (g_kovexLoadShadersFromCache && AllowCache())
         fromCache = ProgramCachedLibrary::Ins()->LoadFromCache(program, unit.GetHash());
-#endif
     if (!fromCache)
     {
         int64 start = Timer::GetCPUTicks();
@@ -443,12 +439,8 @@ bool RunCompile(ProgramCompiler& compiler, BaseProgram* program, std::atomic<int
         program->SetState(GraphicsObject::Failed);
         return false;
     }
-#ifdef KOVEX_HAVE_PROGRAM_CACHE
     if (!fromCache && g_kovexCacheShaders && AllowCache())
         ProgramCachedLibrary::Ins()->Cache(program, unit.GetHash());
-#else
-    (void)AllowCache;
-#endif
     program->PostCompiled();
     compiler.M_PostObject(Ptr<GraphicsObject>(program), pending);
     return true;

@@ -100,3 +100,4 @@
 #include "shaders/Program.h"
 #include "shaders/ProgramCompiler.h"
 #include "shaders/ProgramManager.h"
+#include "shaders/ShaderParser.h"

@@ -945,14 +945,12 @@ AString ProgramCachedLibrary::MakeConfigText(const PGCodeConf* conf, uint64 hash
     WString path = conf->GetParent()->GetPath();
     if (!StreamManager::Ins()->MakeRelativePath(path, nullptr))
     {
-        // Loose templates keep their path from the root.
+        // Loose templates: the path from the root when below it, else as
+        // given (the text's hash keeps it honest either way).
         path = conf->GetParent()->GetPath();
-        if (!StreamManager::IsAbsolute(path))
-            return AString(MakeKeyText(conf, path, hash).c_str());
         const unsigned rootLength = g_kovexRootPath.Length();
-        if (rootLength == 0 || path.Length() <= rootLength || path.SubString(0, rootLength) != g_kovexRootPath)
-            return AString();
-        path = path.SubString(rootLength);
+        if (rootLength != 0 && path.Length() > rootLength && path.SubString(0, rootLength) == g_kovexRootPath)
+            path = path.SubString(rootLength);
     }
     return AString(MakeKeyText(conf, path, hash).c_str());
 }

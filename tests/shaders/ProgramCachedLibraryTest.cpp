@@ -332,6 +332,13 @@ TEST_F(ShaderCacheFile, ACorruptFileIsReplacedWholeWithOneLogLine)
         Reopen(path);
         EXPECT_EQ(ProgramCachedLibrary::Ins()->GetCount(), 1u) << c.what;
     }
+    // Every fault is reported, not just the first.
+    std::string twoFaults = put(put(good, 0, 0x00005853u), recs + 32 + 24, 0x40u);
+    ProgramCachedLibrary::Inspection both;
+    ProgramCachedLibrary::InspectBytes(reinterpret_cast<const uint8*>(twoFaults.data()), twoFaults.size(), both);
+    ASSERT_EQ(both.Problems.Count(), 2u);
+    EXPECT_NE(both.Problems[0].IndexOf("stage tag"), kNotFound);
+    EXPECT_NE(both.Problems[1].IndexOf("stage mask"), kNotFound);
     // The sound file itself has no problem and is not replaced.
     ProgramCachedLibrary::Inspection inspection;
     ProgramCachedLibrary::InspectBytes(reinterpret_cast<const uint8*>(good.data()), good.size(), inspection);
@@ -491,6 +498,10 @@ TEST_F(ShaderCachePrograms, RefusesWhatCannotBeCached)
     EXPECT_EQ(lib->Cache(Compiled({ShaderType::Pixel, ShaderType::Geometry}, 32).Get(), 1), nullptr);
     EXPECT_EQ(lib->GetCount(), 0u);
 
+    // A loose template outside the root keys by its path as given.
+    Ptr<PGFramework> outside(new PGFramework(W("Outside" + suffix), dir.W("Outside.ksl"), "x"));
+    EXPECT_EQ(ProgramCachedLibrary::MakeConfigText(outside->CreateConfig(u"DEFAULT"), 0xAB),
+              AString(("DEFAULT@" + dir.path + "/Outside.ksl#00000000000000ab").c_str()));
     // A template with no path has no key text.
     Ptr<PGFramework> loose(new PGFramework(W("Loose" + suffix), WString(), "x"));
     Ptr<Program> p(new Program(loose->CreateConfig(u"DEFAULT"), nullptr, nullptr));

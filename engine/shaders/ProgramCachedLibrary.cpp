@@ -384,34 +384,30 @@ std::string BuildFooter(uint32 count, uint32 tableOffset)
     return out;
 }
 
-bool PWriteAll(int fd, const void* data, size_t size, uint64 offset)
+// The whole of a pread or pwrite, over short transfers.
+template <typename Byte, typename Io>
+bool TransferAll(int fd, Byte* data, size_t size, uint64 offset, Io io)
 {
-    const char* p = static_cast<const char*>(data);
     while (size > 0)
     {
-        ssize_t n = pwrite(fd, p, size, off_t(offset));
+        ssize_t n = io(fd, data, size, off_t(offset));
         if (n <= 0)
             return false;
-        p += n;
+        data += n;
         size -= size_t(n);
         offset += uint64(n);
     }
     return true;
 }
 
+bool PWriteAll(int fd, const void* data, size_t size, uint64 offset)
+{
+    return TransferAll(fd, static_cast<const char*>(data), size, offset, ::pwrite);
+}
+
 bool PReadAll(int fd, void* data, size_t size, uint64 offset)
 {
-    char* p = static_cast<char*>(data);
-    while (size > 0)
-    {
-        ssize_t n = pread(fd, p, size, off_t(offset));
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-        offset += uint64(n);
-    }
-    return true;
+    return TransferAll(fd, static_cast<char*>(data), size, offset, ::pread);
 }
 
 ReadAt FdReader(int fd)

@@ -384,34 +384,30 @@ std::string BuildFooter(uint32 count, uint32 tableOffset)
     return out;
 }
 
-bool PWriteAll(int fd, const void* data, size_t size, uint64 offset)
+// The whole of a pread or pwrite, over short transfers.
+template <typename Byte, typename Io>
+bool TransferAll(int fd, Byte* data, size_t size, uint64 offset, Io io)
 {
-    const char* p = static_cast<const char*>(data);
     while (size > 0)
     {
-        ssize_t n = pwrite(fd, p, size, off_t(offset));
+        ssize_t n = io(fd, data, size, off_t(offset));
         if (n <= 0)
             return false;
-        p += n;
+        data += n;
         size -= size_t(n);
         offset += uint64(n);
     }
     return true;
 }
 
+bool PWriteAll(int fd, const void* data, size_t size, uint64 offset)
+{
+    return TransferAll(fd, static_cast<const char*>(data), size, offset, ::pwrite);
+}
+
 bool PReadAll(int fd, void* data, size_t size, uint64 offset)
 {
-    char* p = static_cast<char*>(data);
-    while (size > 0)
-    {
-        ssize_t n = pread(fd, p, size, off_t(offset));
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-        offset += uint64(n);
-    }
-    return true;
+    return TransferAll(fd, static_cast<char*>(data), size, offset, ::pread);
 }
 
 ReadAt FdReader(int fd)
@@ -945,14 +941,12 @@ AString ProgramCachedLibrary::MakeConfigText(const PGCodeConf* conf, uint64 hash
     WString path = conf->GetParent()->GetPath();
     if (!StreamManager::Ins()->MakeRelativePath(path, nullptr))
     {
-        // Loose templates keep their path from the root.
+        // Loose templates: the path from the root when below it, else as
+        // given (the text's hash keeps it honest either way).
         path = conf->GetParent()->GetPath();
-        if (!StreamManager::IsAbsolute(path))
-            return AString(MakeKeyText(conf, path, hash).c_str());
         const unsigned rootLength = g_kovexRootPath.Length();
-        if (rootLength == 0 || path.Length() <= rootLength || path.SubString(0, rootLength) != g_kovexRootPath)
-            return AString();
-        path = path.SubString(rootLength);
+        if (rootLength != 0 && path.Length() > rootLength && path.SubString(0, rootLength) == g_kovexRootPath)
+            path = path.SubString(rootLength);
     }
     return AString(MakeKeyText(conf, path, hash).c_str());
 }

@@ -23,7 +23,8 @@
 // leaves a file that is refused whole (at worst the last program is lost),
 // never misread.
 //
-// Keys: a configuration's name text is "name@relative-template-path#hash";
+// Keys: a configuration's name text is "name@relative-template-path#hash"
+// (the path with its package alias, else from the root, else as given);
 // the framework's hash is the compiler's hash of the whole preprocessed unit
 // and its macros (unitHash), the attribute's and material's a hash of their
 // own code text, so an edited template never reuses a stale program. The
@@ -121,8 +122,8 @@ public:
     // be opened or a key that cannot be made.
     const Record* Cache(BaseProgram* program, uint64 unitHash);
     // The program's ids, new names entered in the tables. False (with a log
-    // line) when a configuration's template path cannot be made relative or
-    // the program has no configuration.
+    // line) when a configuration has no template path or the program has no
+    // framework configuration.
     bool GetKey(Key& key, BaseProgram* program, uint64 unitHash);
     const Record* Find(BaseProgram* program, uint64 unitHash);
     const Record* Find(const Key& key);

@@ -18,6 +18,9 @@
 #include "shaders/PGCode.h"
 #include "shaders/PGCodeConf.h"
 #include "shaders/Program.h"
+#include "shaders/ProgramCompiler.h"
+#include "shaders/ProgramManager.h"
+#include "graphics/ShaderReflection.h"
 #include "shaders/ProgramCachedLibrary.h"
 #include "support/LogCapture.h"
 #include "support/NullEngine.h"
@@ -332,6 +335,13 @@ TEST_F(ShaderCacheFile, ACorruptFileIsReplacedWholeWithOneLogLine)
         Reopen(path);
         EXPECT_EQ(ProgramCachedLibrary::Ins()->GetCount(), 1u) << c.what;
     }
+    // Every fault is reported, not just the first.
+    std::string twoFaults = put(put(good, 0, 0x00005853u), recs + 32 + 24, 0x40u);
+    ProgramCachedLibrary::Inspection both;
+    ProgramCachedLibrary::InspectBytes(reinterpret_cast<const uint8*>(twoFaults.data()), twoFaults.size(), both);
+    ASSERT_EQ(both.Problems.Count(), 2u);
+    EXPECT_NE(both.Problems[0].IndexOf("stage tag"), kNotFound);
+    EXPECT_NE(both.Problems[1].IndexOf("stage mask"), kNotFound);
     // The sound file itself has no problem and is not replaced.
     ProgramCachedLibrary::Inspection inspection;
     ProgramCachedLibrary::InspectBytes(reinterpret_cast<const uint8*>(good.data()), good.size(), inspection);
@@ -491,6 +501,10 @@ TEST_F(ShaderCachePrograms, RefusesWhatCannotBeCached)
     EXPECT_EQ(lib->Cache(Compiled({ShaderType::Pixel, ShaderType::Geometry}, 32).Get(), 1), nullptr);
     EXPECT_EQ(lib->GetCount(), 0u);
 
+    // A loose template outside the root keys by its path as given.
+    Ptr<PGFramework> outside(new PGFramework(W("Outside" + suffix), dir.W("Outside.ksl"), "x"));
+    EXPECT_EQ(ProgramCachedLibrary::MakeConfigText(outside->CreateConfig(u"DEFAULT"), 0xAB),
+              AString(("DEFAULT@" + dir.path + "/Outside.ksl#00000000000000ab").c_str()));
     // A template with no path has no key text.
     Ptr<PGFramework> loose(new PGFramework(W("Loose" + suffix), WString(), "x"));
     Ptr<Program> p(new Program(loose->CreateConfig(u"DEFAULT"), nullptr, nullptr));
@@ -536,4 +550,57 @@ TEST_F(ShaderCachePrograms, DevicesLiveSideBySide)
     Ptr<Program> on1(new Program(fwConf, abConf, mtConf));
     ASSERT_TRUE(ProgramCachedLibrary::Ins()->LoadFromCache(on1.Get(), 5));
     EXPECT_EQ(CodeOf(on1.Get(), ShaderType::Vertex), CodeOf(p1.Get(), ShaderType::Vertex));
+}
+
+// Byte code the compiler made, read back on a later run, reflects and links
+// as the compiled program did.
+TEST_F(ShaderCachePrograms, CompiledByteCodeReflectsAndLinksAfterLoading)
+{
+    ProgramCompiler* compiler = ProgramCompiler::Get();
+    ASSERT_NE(compiler, nullptr);
+    Ptr<PGFramework> cfw(new PGFramework(W("CacheFw" + suffix), u"fw/Cached.ksl", AString(R"(
+cbuffer PerFrame : register(b0) { float4x4 ViewProj; };
+#include "Attribute"
+#include "Material"
+struct VOut { float4 pos : SV_Position; float2 uv : TEXCOORD0; };
+VOut VS(VIn i) { VOut o; o.pos = mul(float4(i.position, 1), ViewProj); o.uv = i.uv; return o; }
+float4 PS(VOut i) : SV_Target { return float4(Surface(i.uv), 1); }
+[maxvertexcount(3)]
+void GS(triangle VOut input[3], inout TriangleStream<VOut> output)
+{
+    for (int v = 0; v < 3; ++v)
+        output.Append(input[v]);
+}
+)")));
+    Ptr<PGAttribute> cab(new PGAttribute(W("CacheAb" + suffix), u"ab/Cached.ksl",
+                                         "struct VIn { float3 position : POSITION; float2 uv : TEXCOORD0; };\n"));
+    Ptr<PGMaterial> cmt(new PGMaterial(W("CacheMt" + suffix), u"mt/Cached.ksl", AString(R"(
+Texture2D kovex_t_Diffuse : register(t0);
+SamplerState kovex_s_Diffuse : register(s0);
+float4 Tint = float4(1, 0, 0, 1);
+float3 Surface(float2 uv) { return kovex_t_Diffuse.Sample(kovex_s_Diffuse, uv).rgb * Tint.rgb; }
+)")));
+    PGConfFW* f = cfw->CreateConfig(u"DEFAULT");
+    PGConfAB* a = cab->CreateConfig(u"DEFAULT");
+    PGConfMT* m = cmt->CreateConfig(u"DEFAULT");
+    f->SetUsesGeometryStage(true);
+    Ptr<Program> compiled = ProgramManager::Ins()->BuildProgram(f, a, m);
+    ASSERT_TRUE(compiled && compiled->IsCreated());
+    ASSERT_NE(compiled->GetShader(ShaderType::Geometry), nullptr);
+    const ProgramCachedLibrary::Record* r = ProgramCachedLibrary::Ins()->Cache(compiled.Get(), 0x77);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->StageMask, 0x7u);
+
+    Reopen(path);
+    Ptr<Program> loaded(new Program(f, a, m));
+    ASSERT_TRUE(ProgramCachedLibrary::Ins()->LoadFromCache(loaded.Get(), 0x77));
+    for (ShaderType type : {ShaderType::Vertex, ShaderType::Pixel, ShaderType::Geometry})
+        EXPECT_EQ(CodeOf(loaded.Get(), type), CodeOf(compiled.Get(), type));
+    ASSERT_TRUE(compiler->ReflectShaders(loaded.Get()));
+    ASSERT_TRUE(compiler->Link(loaded.Get()));
+    EXPECT_EQ(loaded->GetShader(ShaderType::Vertex)->GetReflection().Inputs.size(),
+              compiled->GetShader(ShaderType::Vertex)->GetReflection().Inputs.size());
+    EXPECT_NE(loaded->FindConstant(u"ViewProj"), nullptr);
+    EXPECT_NE(loaded->FindConstant(u"Tint"), nullptr);
+    EXPECT_NE(loaded->FindTexture(u"Diffuse"), nullptr);
 }

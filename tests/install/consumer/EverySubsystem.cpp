@@ -58,6 +58,15 @@ int main()
         Check(material->FindMacro(value, "MTL_BLEND_MASK") &&
                   ProgramManager::Ins()->FindCode(PGCode::Material, u"consumer") == material.Get(),
               "the program generator");
+        int group = AutoUpdateConstantManager::Ins()->RegisterUpdateConstantProcs([](unsigned char g) {
+            AutoUpdateConstantManager::Ins()->RegisterAutoUpdateConstant(u"ConsumerMatrices", g, 0);
+        });
+        Check(group >= 0 && AutoUpdateConstantManager::Ins()->FindAutoUpdateId(u"ConsumerMatrices_2").Parts.ArrayIndex == 2,
+              "the auto-update constants");
+        ProgramCachedLibrary::Inspection inspection;
+        const uint8 notACache[4] = {1, 2, 3, 4};
+        ProgramCachedLibrary::InspectBytes(notACache, sizeof notACache, inspection);
+        Check(!inspection.Problems.IsEmpty(), "the shader cache's inspection");
     }
 
     Kovex_Main_Terminate();

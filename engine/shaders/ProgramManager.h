@@ -17,7 +17,8 @@
 // Threads: every call is safe from any thread. The code tables and the
 // include map are guarded by one lock, held for map access only: loading a
 // file, creating a code and compiling run outside it (LoadCode calls follow
-// each other under a second lock of their own). Two threads may load
+// each other under a second lock of their own). A code's last reference must
+// not be let go on one thread while another loads or finds that code. Two threads may load
 // the same include; the first text stored is kept, because the other
 // thread's caller may already hold it. BuildProgram runs the compiler on the
 // calling thread.

@@ -59,6 +59,8 @@ struct Scene
 
     Scene()
     {
+        // Preprocessed by the compiler before its (empty) steps run.
+        framework->SetCode("void VS() {}\n");
         std::vector<PGConfFW*> fws;
         std::vector<PGConfAB*> abs;
         std::vector<PGConfMT*> mts;

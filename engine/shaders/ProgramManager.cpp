@@ -86,6 +86,7 @@ Ptr<PGCode> ProgramManager::LoadCode(const WString& path, PGCode::TYPE type, Cod
         return Ptr<PGCode>();
     WString absolute = path;
     StreamManager::Ins()->MakeAbsolutePath(absolute, nullptr);
+    CriticalSection::Scope loading(m_loadLock);
     if (PGCode* code = FindCode(type, absolute))
         return Ptr<PGCode>(code);
 

@@ -16,7 +16,9 @@
 //
 // Threads: every call is safe from any thread. The code tables and the
 // include map are guarded by one lock, held for map access only: loading a
-// file, creating a code and compiling run outside it. Two threads may load
+// file, creating a code and compiling run outside it (LoadCode calls follow
+// each other under a second lock of their own). A code's last reference must
+// not be let go on one thread while another loads or finds that code. Two threads may load
 // the same include; the first text stored is kept, because the other
 // thread's caller may already hold it. BuildProgram runs the compiler on the
 // calling thread.
@@ -82,6 +84,8 @@ private:
     ~ProgramManager();
 
     mutable CriticalSection m_lock;
+    // Held through one LoadCode, so two threads loading one path get one code.
+    CriticalSection m_loadLock;
     TMap<WString, PGCode*> m_codes[PGCode::TYPE_COUNT];
     unsigned m_counters[PGCode::TYPE_COUNT] = {0, 0, 0};
     TMap<WString, AString*> m_includes; // owned; null for a missing file

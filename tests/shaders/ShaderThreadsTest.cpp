@@ -16,6 +16,7 @@
 #include "shaders/Program.h"
 #include "shaders/ProgramManager.h"
 #include "shaders/ShaderTestSupport.h"
+#include "support/LogCapture.h"
 #include "support/NullEngine.h"
 #include "support/TempDir.h"
 
@@ -155,4 +156,27 @@ TEST(ProgramThreads, ConcurrentIncludeLoadsAgreeOnOneText)
     for (unsigned t = 0; t < kThreads; ++t)
         EXPECT_EQ(seen[t][kFiles], nullptr);
     manager->ClearIncludes();
+}
+
+TEST(ProgramThreads, ConcurrentLoadsOfOnePathShareOneCode)
+{
+    KovexTest::TempDir dir;
+    dir.Write("fw.ksl", "void VS() {}\n");
+    const WString path = dir.W("fw.ksl");
+    constexpr unsigned kThreads = 4;
+    KovexTest::LogCapture log;
+    std::vector<Ptr<PGFramework>> loaded(kThreads);
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] { loaded[t] = ProgramManager::Ins()->LoadFramework(path); });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (unsigned t = 0; t < kThreads; ++t)
+    {
+        ASSERT_TRUE(loaded[t]);
+        EXPECT_EQ(loaded[t].Get(), loaded[0].Get());
+    }
+    EXPECT_TRUE(loaded[0]->IsRegistered());
+    EXPECT_EQ(ProgramManager::Ins()->FindCode(PGCode::Framework, path), loaded[0].Get());
+    EXPECT_TRUE(log->entries.IsEmpty());
 }

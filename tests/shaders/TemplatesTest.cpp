@@ -1,10 +1,6 @@
-// The engine's own templates: they load as codes, and compile to valid
-// SPIR-V under the macros that real configurations give them.
+// The engine's own templates: they load as codes, and the program compiler
+// builds them under the macros that real configurations give them.
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -12,8 +8,10 @@
 #include "kernel/StringConv.h"
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
+#include "shaders/ProgramCompiler.h"
 #include "shaders/ProgramManager.h"
-#include "support/TempDir.h"
+#include "support/LogCapture.h"
+#include "support/NullEngine.h"
 
 using namespace KovexEngine;
 
@@ -23,63 +21,23 @@ const std::string kTemplates = std::string(KOVEX_SOURCE_DATA) + "/shaders/";
 
 WString TemplatePath(const char* name) { return StringConvFuncs::ToWString((kTemplates + name).c_str()); }
 
-bool HaveGlslang() { return std::system("glslangValidator --version > /dev/null 2>&1") == 0; }
-
-std::string ShellQuote(const std::string& text)
+struct Templates
 {
-    std::string out = "'";
-    for (char c : text)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
+    Ptr<PGFramework> fw = ProgramManager::Ins()->LoadFramework(TemplatePath("NoLighting.ksl"));
+    Ptr<PGAttribute> ab = ProgramManager::Ins()->LoadAttribute(TemplatePath("Attribute_Base.ksl"));
+    Ptr<PGMaterial> mt = ProgramManager::Ins()->LoadMaterial(TemplatePath("Material_Triangle.ksl"));
+};
 
-// glslangValidator over the framework, with the program's macros and the
-// attribute's and material's texts where the engine's include handler puts
-// them; true when both stages compile and validate.
-bool CompileStages(const Program& program, const KovexTest::TempDir& dir, std::string& log)
-{
-    {
-        std::ofstream(dir.path + "/Attribute") << program.GetConfAB()->GetCode()();
-        std::ofstream(dir.path + "/Material") << program.GetConfMT()->GetCode()();
-        std::ofstream(dir.path + "/unit.ksl") << program.GetConfFW()->GetCode()();
-    }
-    ShaderMacro macros[64];
-    unsigned count = 64;
-    program.GetMacros(macros, &count);
-    std::string defines;
-    for (unsigned i = 0; i < count; ++i)
-        defines += " " + ShellQuote(std::string("-D") + macros[i].Name + "=" +
-                                    (macros[i].Definition && *macros[i].Definition ? macros[i].Definition : "1"));
-    bool ok = true;
-    for (const char* stage : {"vert VS", "frag PS"})
-    {
-        std::istringstream parts(stage);
-        std::string kind, entry;
-        parts >> kind >> entry;
-        std::string command = "glslangValidator -D -V --target-env vulkan1.1 --shift-texture-binding 16 "
-                              "--shift-sampler-binding 32 -S " + kind + " -e " + entry + defines + " -I" +
-                              ShellQuote(dir.path) + " " + ShellQuote(dir.path + "/unit.ksl") + " -o " +
-                              ShellQuote(dir.path + "/" + entry + ".spv") + " > " + ShellQuote(dir.path + "/log") +
-                              " 2>&1";
-        if (std::system(command.c_str()) != 0)
-        {
-            ok = false;
-            std::ifstream in(dir.path + "/log");
-            log += std::string(std::istreambuf_iterator<char>(in), {}) + "\n";
-        }
-    }
-    return ok;
-}
 
 } // namespace
 
 TEST(ShaderTemplates, LoadAsCodes)
 {
-    ProgramManager* manager = ProgramManager::Ins();
-    Ptr<PGFramework> fw = manager->LoadFramework(TemplatePath("NoLighting.ksl"));
-    Ptr<PGAttribute> ab = manager->LoadAttribute(TemplatePath("Attribute_Base.ksl"));
-    Ptr<PGMaterial> mt = manager->LoadMaterial(TemplatePath("Material_Triangle.ksl"));
-    ASSERT_TRUE(fw && ab && mt);
+    Templates t;
+    ASSERT_TRUE(t.fw && t.ab && t.mt);
+    PGFramework* fw = t.fw.Get();
+    PGAttribute* ab = t.ab.Get();
+    PGMaterial* mt = t.mt.Get();
     EXPECT_NE(fw->GetCode().IndexOf("#include \"Attribute\""), kNotFound);
     EXPECT_NE(fw->GetCode().IndexOf("#include \"Material\""), kNotFound);
     // The attribute honours instancing, so its programs may instance.
@@ -87,18 +45,17 @@ TEST(ShaderTemplates, LoadAsCodes)
     ASSERT_NE(mt->GetCurConf(), nullptr);
 }
 
-TEST(ShaderTemplates, CompileUnderEveryBlendModeWithGlslang)
+TEST(ShaderTemplates, CompileUnderEveryBlendMode)
 {
-    if (!HaveGlslang())
-        GTEST_SKIP() << "glslangValidator is not installed";
-    ProgramManager* manager = ProgramManager::Ins();
-    Ptr<PGFramework> fw = manager->LoadFramework(TemplatePath("NoLighting.ksl"));
-    Ptr<PGAttribute> ab = manager->LoadAttribute(TemplatePath("Attribute_Base.ksl"));
-    Ptr<PGMaterial> mt = manager->LoadMaterial(TemplatePath("Material_Triangle.ksl"));
-    ASSERT_TRUE(fw && ab && mt);
+    KovexTest::NullEngine engine;
+    Templates t;
+    ASSERT_TRUE(t.fw && t.ab && t.mt);
+    PGFramework* fw = t.fw.Get();
+    PGAttribute* ab = t.ab.Get();
+    PGMaterial* mt = t.mt.Get();
     PGConfAB* instanced = ab->CreateConfig(u"DEFAULT[INSTANCE_RENDERING]");
     instanced->SetMacro("USE_INSTANCE_RENDERING", "1");
-    KovexTest::TempDir dir;
+    KovexTest::LogCapture log;
     for (int mode = BlendMode::Opaque; mode <= BlendMode::Subtractive; ++mode)
     {
         PGConfMT* conf = mt->CreateConfig(BlendMode(mode), TranslucentDepthMode::TestOnly, TwoSideMode::None);
@@ -106,8 +63,83 @@ TEST(ShaderTemplates, CompileUnderEveryBlendModeWithGlslang)
         conf->SetOpaqueMask(0.5f);
         if (mode % 2)
             conf->SetMacro("USE_DIFFUSE_TEXTURE", "1");
-        Ptr<Program> program(new Program(fw->GetCurConf(), mode % 2 ? instanced : ab->GetCurConf(), conf));
-        std::string log;
-        EXPECT_TRUE(CompileStages(*program, dir, log)) << "blend mode " << mode << ":\n" << log;
+        Program* program = fw->GetCurConf()->GetProgram(mode % 2 ? instanced : ab->GetCurConf(), conf);
+        ASSERT_NE(program, nullptr);
+        EXPECT_FALSE(program->IsFailed()) << "blend mode " << mode;
+        EXPECT_EQ(program->FindTexture(u"DiffuseTexture") != nullptr, mode % 2 == 1) << "blend mode " << mode;
     }
+    for (const auto& entry : log->entries)
+        EXPECT_LT(entry.level, 3u) << StringConvFuncs::ToAString(entry.text())();
+}
+
+// --- ProgramManager::BuildProgram's real path --------------------------------------------
+
+TEST(BuildProgram, TemplatesCompileAndReflectWhatTheyDeclare)
+{
+    KovexTest::NullEngine engine;
+    ASSERT_NE(ProgramCompiler::Get(), nullptr);
+    Templates t;
+    ASSERT_TRUE(t.fw && t.ab && t.mt);
+
+    Ptr<Program> program =
+        ProgramManager::Ins()->BuildProgram(t.fw->GetCurConf(), t.ab->GetCurConf(), t.mt->GetCurConf());
+    ASSERT_TRUE(program);
+    ASSERT_FALSE(program->IsFailed());
+    EXPECT_NE(program->GetShader(ShaderType::Vertex), nullptr);
+    EXPECT_NE(program->GetShader(ShaderType::Pixel), nullptr);
+    EXPECT_EQ(program->GetShader(ShaderType::Geometry), nullptr);
+    ASSERT_NE(program->FindConstant(u"ViewProjMatrix"), nullptr);
+    ASSERT_NE(program->FindConstant(u"WorldMatrix"), nullptr);
+    const ShaderConstant* color = program->FindConstant(u"DiffuseColor");
+    ASSERT_NE(color, nullptr);
+    // The initialiser in the text is the constant's default.
+    ASSERT_NE(color->GetDefaultValue(), nullptr);
+    EXPECT_FLOAT_EQ(color->GetDefaultValue()[3], 1.0f);
+    EXPECT_EQ(program->FindTexture(u"DiffuseTexture"), nullptr);
+}
+
+TEST(BuildProgram, ConfigurationMacrosReachTheTemplates)
+{
+    KovexTest::NullEngine engine;
+    Templates t;
+    ASSERT_TRUE(t.fw && t.ab && t.mt);
+    PGConfAB* instanced = t.ab->CreateConfig(u"DEFAULT[INSTANCE_RENDERING]");
+    instanced->SetMacro("USE_INSTANCE_RENDERING", "1");
+    PGConfMT* textured = t.mt->CreateConfig(BlendMode::Mask, TranslucentDepthMode::TestOnly, TwoSideMode::None);
+    textured->SetMacro("USE_DIFFUSE_TEXTURE", "1");
+    textured->SetOpaqueMask(0.5f);
+
+    Program* program = t.fw->GetCurConf()->GetProgram(instanced, textured);
+    ASSERT_NE(program, nullptr);
+    ASSERT_FALSE(program->IsFailed());
+    // Instanced: the world matrix comes from the stream, not a constant.
+    EXPECT_EQ(program->FindConstant(u"WorldMatrix"), nullptr);
+    // The texture and its sampler under one name.
+    EXPECT_NE(program->FindTexture(u"DiffuseTexture"), nullptr);
+    EXPECT_NE(program->FindSampler(u"DiffuseTexture"), nullptr);
+    // Asked again: the same program, not compiled again.
+    const uint64 compiles = ProgramCompiler::Get()->GetCompileCount();
+    EXPECT_EQ(t.fw->GetCurConf()->GetProgram(instanced, textured), program);
+    EXPECT_EQ(ProgramCompiler::Get()->GetCompileCount(), compiles);
+}
+
+TEST(BuildProgram, ABrokenMaterialFailsOnceWithTheCompilersLine)
+{
+    KovexTest::NullEngine engine;
+    Templates t;
+    ASSERT_TRUE(t.fw && t.ab);
+    // The material's interface is right; its body names nothing that exists.
+    Ptr<PGMaterial> broken(new PGMaterial(u"", u"",
+                                          "struct MaterialInput { float2 TexCoord; float3 WorldNormal; };\n"
+                                          "float4 GetMaterialColor(MaterialInput input) { return oops; }\n"));
+    PGConfMT* conf = broken->CreateConfig(u"DEFAULT");
+    KovexTest::LogCapture log;
+    Program* program = t.fw->GetCurConf()->GetProgram(t.ab->GetCurConf(), conf);
+    ASSERT_NE(program, nullptr);
+    EXPECT_TRUE(program->IsFailed());
+    // Each stage parses the whole unit, so the first stage already fails.
+    EXPECT_TRUE(log->Contains(u"Compile Shader vs_5_0 VS failed !\n"));
+    const uint64 compiles = ProgramCompiler::Get()->GetCompileCount();
+    EXPECT_EQ(t.fw->GetCurConf()->GetProgram(t.ab->GetCurConf(), conf), program);
+    EXPECT_EQ(ProgramCompiler::Get()->GetCompileCount(), compiles);
 }

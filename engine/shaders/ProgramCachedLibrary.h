@@ -1,0 +1,163 @@
+#pragma once
+
+// "shader.cache": the byte code of compiled programs, kept across runs so
+// that a later run skips the compiler. The compiler asks LoadFromCache
+// before it compiles and Cache after a successful compile; nothing else is
+// needed of it.
+//
+// The file (all integers little-endian u32):
+//   0            program chunks, one after the other; per stage of the
+//                record's mask, ascending: tag "SV","SP","SG","SH","SD","SC"
+//                padded with two zero bytes, code size, code bytes
+//   tableOffset  four name tables: hardware macro strings (platform
+//                first), framework, attribute, material configurations;
+//                each "TCPC", entry count, blob size, then the blob: UTF-8
+//                names from its start, 24-byte entries (0, 0, id, spare,
+//                name offset, name length) at its end
+//   then         `count` records of 32 bytes sorted by their first 16 bytes:
+//                attribute id, framework id, material id, macro-string id,
+//                chunk offset, chunk size, stage mask (bit n = ShaderType
+//                n), FNV-1a hash of the chunk bytes
+//   end - 12     "CCPC", count, tableOffset
+// A new program's chunk goes where the tables stood; the tables, records
+// and footer are written again behind it, the footer last.
+//
+// Keys: a configuration's name text is "name@relative-template-path#hash";
+// the framework's hash is the compiler's hash of the whole preprocessed
+// unit and its macros (unitHash), the attribute's and the material's a hash
+// of their own code text, so an edited template never reuses a stale
+// program. The macro-string table keys the device: "[PLATFORM=n];" and the
+// capability macros, so devices and platforms live side by side.
+//
+// A file that does not hold together (footer, counts, offsets, sizes,
+// tables, tags) is ignored with one log line and replaced whole by an empty
+// one, written beside it and renamed over it. A torn append is one of
+// those: the footer is written last, so a file is either whole or refused,
+// never misread.
+//
+// Threads: every member is safe from any thread; all run under the
+// library's lock, so compile workers share one file. Ins() and Destroy()
+// belong to the thread that starts and ends the engine (Destroy while
+// another thread still calls in is a use after free).
+
+#include "kernel/Containers.h"
+#include "kernel/Strings.h"
+
+namespace KovexEngine {
+
+class BaseProgram;
+class PGCodeConf;
+class Stream;
+
+class KOVEX_API ProgramCachedLibrary
+{
+public:
+    // The four ids of a program: attribute, framework, material, hardware
+    // macro string (the record's first 16 bytes, its sort order).
+    struct Key
+    {
+        uint32 Words[4] = {0, 0, 0, 0};
+        uint32 Attribute() const { return Words[0]; }
+        uint32 Framework() const { return Words[1]; }
+        uint32 Material() const { return Words[2]; }
+        uint32 MacroString() const { return Words[3]; }
+        bool operator<(const Key& other) const;
+        bool operator==(const Key& other) const;
+    };
+
+    // One cached program, as the file stores it.
+    struct Record
+    {
+        Key ProgramKey;
+        uint32 Offset = 0;
+        uint32 Size = 0;
+        uint32 StageMask = 0;
+        uint32 Hash = 0;
+    };
+
+    // What InspectFile finds in a file, without a renderer.
+    struct InspectedRecord
+    {
+        Record Entry;
+        // The name texts behind the key's ids ("" for 0 or an unknown id).
+        AString MacroString, Framework, Attribute, Material;
+        // Per stage of the mask, ascending: tag, size of its code.
+        TArray<AString> StageTags;
+        TArray<uint32> StageSizes;
+    };
+    struct Inspection
+    {
+        bool Empty = false; // shorter than a footer: a new library
+        uint32 Count = 0;
+        uint32 TableOffset = 0;
+        uint64 FileSize = 0;
+        // The four tables' names by id (macro strings, framework, attribute,
+        // material).
+        TArray<TArray<AString>> TableNames;
+        TArray<uint32> TableEntryCounts;
+        TArray<InspectedRecord> Records;
+        // Every inconsistency found, one line each; empty when the file is
+        // sound.
+        TArray<AString> Problems;
+    };
+
+    static ProgramCachedLibrary* Ins();
+    // Closes the file and frees the records.
+    static void Destroy();
+
+    // The file's path; by default GetEngineCacheDirectory() + "shader.cache".
+    // A new path closes the file in use (tests, tools).
+    void SetFilePath(const WString& path);
+    WString GetFilePath();
+
+    // On a hit whose stages are those the program expects, builds each
+    // stage's Shader (ShaderFactory::CreateShader) and sets it on the
+    // program: true. False on a miss (the compile goes on as normal).
+    bool LoadFromCache(BaseProgram* program, uint64 unitHash);
+    // Writes a compiled program's stages; the record, or the one already
+    // listed under its key. Null for a null or Failed program, a program
+    // without Vertex and Pixel first (compute: without Compute), a file
+    // that cannot be opened or a key that cannot be made.
+    const Record* Cache(BaseProgram* program, uint64 unitHash);
+    // The program's ids, new names entered in the tables. False (with a log
+    // line) when a configuration's template path cannot be made relative or
+    // the program has no configuration.
+    bool GetKey(Key& key, BaseProgram* program, uint64 unitHash);
+    const Record* Find(BaseProgram* program, uint64 unitHash);
+    const Record* Find(const Key& key);
+    // Reads tables and records from a stream holding a whole cache file.
+    // False (the library then empty) when the stream is shorter than a
+    // footer or does not hold together.
+    bool LoadHeader(Stream& stream);
+    // Writes tables, records and footer at the write position (behind the
+    // last chunk) and cuts the stream there.
+    bool SaveHeader(Stream& stream);
+
+    // Number of programs listed (opens the file when needed).
+    unsigned GetCount();
+    // The name text a configuration gets in its table, "" when none can be
+    // made: "name@relative-template-path#hash".
+    static AString MakeConfigText(const PGCodeConf* conf, uint64 hash);
+    // "[PLATFORM=n];" and the capability macros of the current renderer.
+    static AString MakeMacroString();
+
+    // Reads a cache file and checks it: the records with their keys' texts,
+    // stage tags and sizes, and every inconsistency. False when the file
+    // cannot be read at all.
+    static bool InspectFile(const WString& path, Inspection& out);
+    static void InspectBytes(const uint8* data, uint64 size, Inspection& out);
+
+    // FNV-1a over bytes, the record's hash word.
+    static uint32 HashBytes(const void* data, uint64 size, uint32 seed = 2166136261u);
+
+private:
+    ProgramCachedLibrary();
+    ~ProgramCachedLibrary();
+    ProgramCachedLibrary(const ProgramCachedLibrary&) = delete;
+    ProgramCachedLibrary& operator=(const ProgramCachedLibrary&) = delete;
+
+    struct Impl;
+    Impl* m_impl;
+};
+
+} // namespace KovexEngine

@@ -40,6 +40,8 @@ constexpr uint64 kMaxTail = 64u << 20;
 // How far back from a damaged end a whole earlier footer is looked for.
 constexpr uint64 kMaxRecoveryScan = 16u << 20;
 constexpr unsigned kMaxRecoveryCandidates = 32;
+// Dead bytes tolerated before the file is written anew.
+constexpr uint64 kCompactSlack = 256u << 10;
 const char kFooterMagic[4] = {'C', 'C', 'P', 'C'};
 const char kTableMagic[4] = {'T', 'C', 'P', 'C'};
 const char kStageTags[BaseProgram::kStages][3] = {"SV", "SP", "SG", "SH", "SD", "SC"};
@@ -343,6 +345,7 @@ struct ProgramCachedLibrary::Impl
     bool ReplaceWhole();
     bool Save(Stream& stream);
     bool KeyOf(Key& key, BaseProgram* program, uint64 unitHash);
+    void CompactIfSparse();
     const Record* FindKey(const Key& key)
     {
         auto it = Records.find(key);
@@ -911,7 +914,79 @@ const ProgramCachedLibrary::Record* ProgramCachedLibrary::Cache(BaseProgram* pro
         im.ChunkEnd = oldChunkEnd;
         return nullptr;
     }
+    im.CompactIfSparse();
     return result;
+}
+
+// Appends leave the old tables behind as dead bytes when the new chunk is
+// smaller than they are. When those outweigh what is alive, the library is
+// written whole beside the file and renamed over it (a crash leaves one or
+// the other). Damaged entries are dropped on the way.
+void ProgramCachedLibrary::Impl::CompactIfSparse()
+{
+    uint64 live = FileEnd - TailPos;
+    for (const auto& [key, entry] : Records)
+        live += entry.Damaged ? 0 : entry.Rec->Size;
+    if (FileEnd - live <= std::max<uint64>(kCompactSlack, live))
+        return;
+    std::vector<uint8> chunks;
+    std::map<Key, uint32> offsets;
+    for (const auto& [key, entry] : Records)
+    {
+        if (entry.Damaged)
+            continue;
+        size_t at = chunks.size();
+        chunks.resize(at + entry.Rec->Size);
+        if (!ReadAt(*File, entry.Rec->Offset, chunks.data() + at, entry.Rec->Size))
+            return;
+        offsets[key] = uint32(at);
+    }
+    std::string path = ToUtf8(Path);
+    WString freshPath = Path + u".new";
+    Ptr<FileStream> fresh(new FileStream(freshPath));
+    fresh->SetWriteOnly();
+    if (!fresh->Open())
+        return;
+    // Save writes the records as they stand: give them their new places
+    // first, and take them back when the file cannot be made.
+    std::map<Key, uint32> before;
+    for (auto& [key, entry] : Records)
+        before[key] = entry.Rec->Offset;
+    for (auto it = Records.begin(); it != Records.end();)
+    {
+        if (it->second.Damaged)
+        {
+            Replaced.push_back(std::move(it->second.Rec));
+            it = Records.erase(it);
+            continue;
+        }
+        it->second.Rec->Offset = offsets[it->first];
+        ++it;
+    }
+    uint64 oldTail = TailPos, oldEnd = FileEnd;
+    TailPos = chunks.size();
+    bool written = WriteAt(*fresh, 0, chunks.data(), chunks.size()) && Save(*fresh);
+    fresh->Close();
+    if (!written || std::rename(ToUtf8(freshPath).c_str(), path.c_str()) != 0)
+    {
+        ::unlink(ToUtf8(freshPath).c_str());
+        for (auto& [key, entry] : Records)
+            entry.Rec->Offset = before[key];
+        TailPos = oldTail;
+        FileEnd = oldEnd;
+        return;
+    }
+    Ptr<FileStream> file(new FileStream(Path));
+    file->SetReadWrite();
+    File->Close();
+    File = file->Open() ? file : Ptr<FileStream>();
+    ChunkEnd = chunks.size();
+    if (!File)
+    {
+        Log::Format(LOG_WARNING, u"Can't open shader cache %s.\n", Path());
+        Clear();
+        OpenFailed = true;
+    }
 }
 
 static uint32 ExpectedMask(BaseProgram* program)

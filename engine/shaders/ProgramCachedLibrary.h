@@ -6,7 +6,8 @@
 // needed of it.
 //
 // The file (all integers little-endian u32):
-//   0            program chunks, one after the other; per stage of the
+//   0            program chunks, one after the other (an append may leave
+//                dead bytes between them); per stage of the
 //                record's mask, ascending: tag "SV","SP","SG","SH","SD","SC"
 //                padded with two zero bytes, code size, code bytes
 //   tableOffset  four name tables: hardware macro strings (platform
@@ -17,10 +18,16 @@
 //   then         `count` records of 32 bytes sorted by their first 16 bytes:
 //                attribute id, framework id, material id, macro-string id,
 //                chunk offset, chunk size, stage mask (bit n = ShaderType
-//                n), FNV-1a hash of the chunk bytes
+//                n), FNV-1a hash of the chunk bytes (the spare word)
 //   end - 12     "CCPC", count, tableOffset
-// A new program's chunk goes where the tables stood; the tables, records
-// and footer are written again behind it, the footer last.
+// A new program's chunk goes behind the last chunk, where the old tables
+// stood; the tables, records and footer are written again behind both the
+// chunk and the file as it stood, the footer last, and only then the chunk
+// (its hash tells a chunk cut short). So a crash in an append loses at most
+// that program: the previous footer is still whole and is found again. The
+// bytes an append leaves dead (old tables under a small chunk) are bounded:
+// when they outweigh the live ones the file is written anew beside itself
+// and renamed over.
 //
 // Keys: a configuration's name text is "name@relative-template-path#hash";
 // the framework's hash is the compiler's hash of the whole preprocessed
@@ -30,14 +37,21 @@
 // capability macros, so devices and platforms live side by side.
 //
 // A file that does not hold together (footer, counts, offsets, sizes,
-// tables, tags) is ignored with one log line and replaced whole by an empty
-// one, written beside it and renamed over it. A torn append is one of
-// those: the footer is written last, so a file is either whole or refused,
-// never misread.
+// tables, tags) and has no whole earlier footer is ignored with one log
+// line and replaced whole by an empty one, written beside it and renamed
+// over it. A damaged chunk misses (logged) and is written again by the
+// next Cache of its program.
+//
+// Platforms: the compiler asks the library where Renderer::AllowCacheShaders
+// holds and the switches g_kovexLoadShadersFromCache / g_kovexCacheShaders
+// say so. The null renderer reports the platform it was set up with (D3D11
+// unless told otherwise) and compiles to SPIR-V like Vulkan, so it caches
+// too; that is what the tests use.
 //
 // Threads: every member is safe from any thread; all run under the
-// library's lock, so compile workers share one file. Ins() and Destroy()
-// belong to the thread that starts and ends the engine (Destroy while
+// library's lock, so compile workers share one file. A Record handed out
+// stays valid until Destroy; its Offset changes when the file is rewritten.
+// Ins() and Destroy() belong to the thread that starts and ends the engine (Destroy while
 // another thread still calls in is a use after free).
 
 #include "kernel/Containers.h"

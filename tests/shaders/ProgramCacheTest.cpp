@@ -202,6 +202,8 @@ using ProgramCache = ProgramCacheFixture;
 
 TEST_F(ProgramCache, ProgramsCachedInOneRunLoadInTheNext)
 {
+    // The null renderer compiles to SPIR-V as Vulkan does, and caches.
+    EXPECT_TRUE(Renderer::Get()->AllowCacheShaders());
     Codes codes("Runs");
     PGConfFW* plain = codes.FW();
     PGConfFW* withGS = codes.FW(u"GS");
@@ -621,4 +623,38 @@ TEST(ProgramCacheThreads, WorkersCacheAndLoadIntoOneFile)
     ASSERT_TRUE(ProgramCachedLibrary::InspectFile(dir.W("shader.cache"), in));
     EXPECT_TRUE(in.Problems.IsEmpty());
     ProgramCachedLibrary::Destroy();
+}
+
+TEST_F(ProgramCache, ManySmallProgramsKeepTheFileCompact)
+{
+    // Small chunks leave the old tables behind as dead bytes; the file is
+    // written anew before they outweigh the live ones.
+    Codes codes("Compact");
+    constexpr int kPrograms = 160;
+    std::vector<Ptr<Program>> programs;
+    uint64 chunkBytes = 0;
+    for (int i = 0; i < kPrograms; ++i)
+    {
+        programs.push_back(MakeProgram(codes.FW(WString(u"Small.Configuration.") + WString(i)), codes.AB(), codes.MT(),
+                                       uint32_t(i), false, 1));
+        const ProgramCachedLibrary::Record* rec = Lib()->Cache(programs.back().Get(), uint64(i));
+        ASSERT_NE(rec, nullptr);
+        chunkBytes += rec->Size;
+    }
+    Bytes bytes = ReadAll(file);
+    FileView v = ReadView(bytes);
+    const uint64 tail = bytes.size() - v.tableOffset;
+    const uint64 live = chunkBytes + tail;
+    // Without compaction the dead tables alone come to the sum of every
+    // earlier tail, about kPrograms / 2 times the last one.
+    EXPECT_GT(tail * kPrograms / 2, uint64(256u << 10) + live);
+    EXPECT_LE(bytes.size(), 2 * live + (256u << 10));
+    NewRun();
+    for (int i = 0; i < kPrograms; ++i)
+    {
+        Ptr<Program> probe(new Program(programs[i]->GetConfFW(), codes.AB(), codes.MT()));
+        ASSERT_TRUE(Lib()->LoadFromCache(probe.Get(), uint64(i))) << i;
+        EXPECT_EQ(CodeOf(probe->GetShader(ShaderType::Pixel)), CodeOf(programs[i]->GetShader(ShaderType::Pixel)));
+    }
+    EXPECT_FALSE(std::filesystem::exists(file + ".new"));
 }

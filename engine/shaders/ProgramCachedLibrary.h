@@ -18,7 +18,7 @@
 //   then         `count` records of 32 bytes sorted by their first 16 bytes:
 //                attribute id, framework id, material id, macro-string id,
 //                chunk offset, chunk size, stage mask (bit n = ShaderType
-//                n), FNV-1a hash of the chunk bytes (the spare word)
+//                n), HashBytes of the chunk (the spare word)
 //   end - 12     "CCPC", count, tableOffset
 // A new program's chunk goes behind the last chunk, where the old tables
 // stood; the tables, records and footer are written again behind both the
@@ -161,7 +161,8 @@ public:
     static bool InspectFile(const WString& path, Inspection& out);
     static void InspectBytes(const uint8* data, uint64 size, Inspection& out);
 
-    // FNV-1a over bytes, the record's hash word.
+    // The record's hash word: a multiplicative hash over little-endian
+    // 64-bit words, folded to 32 bits.
     static uint32 HashBytes(const void* data, uint64 size, uint32 seed = 2166136261u);
 
 private:

@@ -84,7 +84,15 @@ struct NameEntry
 struct ParsedTail
 {
     std::vector<NameEntry> Tables[kTables];
+    // Per table, id to index in Tables.
+    std::map<uint32, uint32> Ids[kTables];
     std::vector<ProgramCachedLibrary::Record> Records;
+
+    const NameEntry* Name(unsigned table, uint32 id) const
+    {
+        auto it = Ids[table].find(id);
+        return it == Ids[table].end() ? nullptr : &Tables[table][it->second];
+    }
 };
 
 // Parses tables and records (`n` bytes at `p`, the file's bytes from
@@ -123,7 +131,7 @@ void ParseTail(const uint8* p, uint64 n, uint32 count, uint32 tableOffset, Parse
         const uint8* b = p + at;
         uint32 namesSize = blob - entries * kTableEntry;
         std::map<std::string, uint32> names;
-        std::map<uint32, uint32> ids;
+        std::map<uint32, uint32>& ids = out.Ids[t];
         out.Tables[t].reserve(entries);
         for (uint32 e = 0; e < entries; ++e)
         {
@@ -142,7 +150,7 @@ void ParseTail(const uint8* p, uint64 n, uint32 count, uint32 tableOffset, Parse
             ne.Name.assign(reinterpret_cast<const char*>(b + offset), length);
             if (ne.Id == 0)
                 problems.push_back(Printf("name table %u entry %u: id 0", t, e));
-            if (!ids.emplace(ne.Id, e).second)
+            if (!ids.emplace(ne.Id, uint32(out.Tables[t].size())).second)
                 problems.push_back(Printf("name table %u: id %u appears twice", t, ne.Id));
             if (!names.emplace(ne.Name, e).second)
                 problems.push_back(Printf("name table %u: name \"%s\" appears twice", t, ne.Name.c_str()));
@@ -156,12 +164,7 @@ void ParseTail(const uint8* p, uint64 n, uint32 count, uint32 tableOffset, Parse
                                   (unsigned long long)count * kRecordSize, (unsigned long long)(n - at)));
         return;
     }
-    auto known = [&](unsigned t, uint32 id) {
-        for (const NameEntry& e : out.Tables[t])
-            if (e.Id == id)
-                return true;
-        return false;
-    };
+    auto known = [&](unsigned t, uint32 id) { return out.Name(t, id) != nullptr; };
     out.Records.reserve(count);
     for (uint32 r = 0; r < count; ++r)
     {
@@ -1080,11 +1083,6 @@ void ProgramCachedLibrary::InspectBytes(const uint8* data, uint64 size, Inspecti
 {
     out = Inspection();
     out.FileSize = size;
-    for (unsigned t = 0; t < kTables; ++t)
-    {
-        out.TableNames.Add(TArray<AString>());
-        out.TableEntryCounts.Add(0);
-    }
     auto problem = [&](const std::string& text) { out.Problems.Add(AString(text.c_str(), unsigned(text.size()))); };
     if (size < kFooterSize)
     {
@@ -1114,14 +1112,11 @@ void ProgramCachedLibrary::InspectBytes(const uint8* data, uint64 size, Inspecti
     for (const std::string& p : problems)
         problem(p);
     auto nameOf = [&](unsigned t, uint32 id) {
-        for (const NameEntry& e : tail.Tables[t])
-            if (e.Id == id)
-                return AString(e.Name.c_str(), unsigned(e.Name.size()));
-        return AString();
+        const NameEntry* e = tail.Name(t, id);
+        return e ? AString(e->Name.c_str(), unsigned(e->Name.size())) : AString();
     };
     for (unsigned t = 0; t < kTables; ++t)
     {
-        out.TableEntryCounts[t] = uint32(tail.Tables[t].size());
         for (const NameEntry& e : tail.Tables[t])
         {
             AString line;
@@ -1130,6 +1125,7 @@ void ProgramCachedLibrary::InspectBytes(const uint8* data, uint64 size, Inspecti
             out.TableNames[t].Add(line);
         }
     }
+    uint64 checked = 0;
     for (unsigned r = 0; r < tail.Records.size(); ++r)
     {
         const Record& rec = tail.Records[r];
@@ -1139,8 +1135,10 @@ void ProgramCachedLibrary::InspectBytes(const uint8* data, uint64 size, Inspecti
         ir.Framework = nameOf(1, rec.ProgramKey.Framework());
         ir.Attribute = nameOf(2, rec.ProgramKey.Attribute());
         ir.Material = nameOf(3, rec.ProgramKey.Material());
+        // Overlapping chunks could make the checks read the file many times
+        // over: they stop once they have read as much as it holds.
         if (rec.Offset <= out.TableOffset && rec.Size <= out.TableOffset - rec.Offset &&
-            (rec.StageMask & ~kAllStages) == 0)
+            (rec.StageMask & ~kAllStages) == 0 && (checked += rec.Size) <= size)
         {
             std::vector<uint32> sizes;
             std::string why = CheckChunk(data + rec.Offset, rec, &sizes);

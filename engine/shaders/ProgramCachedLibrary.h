@@ -105,10 +105,9 @@ public:
         uint32 Count = 0;
         uint32 TableOffset = 0;
         uint64 FileSize = 0;
-        // The four tables' names by id (macro strings, framework, attribute,
-        // material).
-        TArray<TArray<AString>> TableNames;
-        TArray<uint32> TableEntryCounts;
+        // Names by table (macro strings, framework, attribute, material),
+        // "id text" each.
+        TArray<AString> TableNames[4];
         TArray<InspectedRecord> Records;
         // Every inconsistency found, one line each; empty when the file is
         // sound.

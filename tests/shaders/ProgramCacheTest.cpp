@@ -229,6 +229,11 @@ TEST_F(ProgramCache, ProgramsCachedInOneRunLoadInTheNext)
     // A geometry stage that the framework's flag announces is found.
     ASSERT_TRUE(library->LoadFromCache(b2.Get(), 0x22));
     ASSERT_TRUE(library->LoadFromCache(c2.Get(), 0x33));
+    // Ids go on from the largest read: three framework texts so far.
+    ProgramCachedLibrary::Key next;
+    Ptr<Program> unseen(new Program(codes.FW(u"Unseen"), nullptr, nullptr));
+    ASSERT_TRUE(library->GetKey(next, unseen.Get(), 0x44));
+    EXPECT_EQ(next.Framework(), 4u);
     for (int s : {0, 1})
         EXPECT_EQ(CodeOf(a2->GetShader(ShaderType(s))), CodeOf(a->GetShader(ShaderType(s))));
     for (int s : {0, 1, 2})

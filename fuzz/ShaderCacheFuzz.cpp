@@ -135,5 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         std::filesystem::copy_file(w.path, seed, std::filesystem::copy_options::overwrite_existing);
     }
     ProgramCachedLibrary::Destroy();
+    // Released shaders are deleted at the factories' next tick.
+    Kovex_FrameBegin();
+    Kovex_FrameEnd();
     return 0;
 }

@@ -349,6 +349,7 @@ struct ProgramCachedLibrary::Impl
     bool Save(Stream& stream);
     bool KeyOf(Key& key, BaseProgram* program, uint64 unitHash);
     void CompactIfSparse();
+    const Record* Append(const Key& key, const void* const codes[], const uint32 sizes[], uint32 mask);
     const Record* FindKey(const Key& key)
     {
         auto it = Records.find(key);
@@ -883,18 +884,34 @@ const ProgramCachedLibrary::Record* ProgramCachedLibrary::Cache(BaseProgram* pro
     if (found != m_impl->Records.end() && !found->second.Damaged)
         return found->second.Rec.get();
 
+    const void* codes[BaseProgram::kStages] = {};
+    uint32 sizes[BaseProgram::kStages] = {};
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+        if (stages[s])
+        {
+            codes[s] = stages[s]->GetShaderCode();
+            sizes[s] = stages[s]->GetShaderCodeSize();
+        }
+    return m_impl->Append(key, codes, sizes, mask);
+}
+
+// Writes a chunk of the given stages under `key` (a damaged entry of that
+// key is replaced) and the header behind it.
+const ProgramCachedLibrary::Record* ProgramCachedLibrary::Impl::Append(const Key& key, const void* const codes[],
+                                                                       const uint32 sizes[], uint32 mask)
+{
+    auto found = Records.find(key);
     std::vector<uint8> chunk;
     for (unsigned s = 0; s < BaseProgram::kStages; ++s)
     {
-        if (!stages[s])
+        if (!(mask & (1u << s)))
             continue;
         chunk.insert(chunk.end(), {uint8(kStageTags[s][0]), uint8(kStageTags[s][1]), 0, 0});
-        uint32 size = stages[s]->GetShaderCodeSize();
-        PutU32(chunk, size);
-        const uint8* code = static_cast<const uint8*>(stages[s]->GetShaderCode());
-        chunk.insert(chunk.end(), code, code + size);
+        PutU32(chunk, sizes[s]);
+        const uint8* code = static_cast<const uint8*>(codes[s]);
+        chunk.insert(chunk.end(), code, code + sizes[s]);
     }
-    Impl& im = *m_impl;
+    Impl& im = *this;
     uint64 chunkPos = im.ChunkEnd;
     if (chunkPos + chunk.size() > 0xFFFFFFFFull)
     {
@@ -1074,6 +1091,61 @@ bool ProgramCachedLibrary::LoadFromCache(BaseProgram* program, uint64 unitHash)
     for (unsigned s = 0; s < BaseProgram::kStages; ++s)
         if (shaders[s])
             program->SetShader(ShaderType(int(s)), shaders[s]);
+    return true;
+}
+
+uint32 ProgramCachedLibrary::GetNameId(unsigned table, const AString& text)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    if (table >= kTables || !m_impl->Open())
+        return 0;
+    return m_impl->Tables[table].Get(std::string(text(), text.Length()));
+}
+
+const ProgramCachedLibrary::Record* ProgramCachedLibrary::CacheStages(const Key& key, const void* const codes[6],
+                                                                      const uint32 sizes[6])
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    uint32 mask = 0;
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+        if (codes[s] && sizes[s])
+        {
+            if (sizes[s] % 4 != 0)
+                return nullptr;
+            mask |= 1u << s;
+        }
+    bool compute = mask == kComputeMask;
+    if (!compute && ((mask & 3u) != 3u || (mask & kComputeMask)))
+        return nullptr;
+    if (!m_impl->Open())
+        return nullptr;
+    if (const Record* listed = m_impl->FindKey(key))
+        return listed;
+    return m_impl->Append(key, codes, sizes, mask);
+}
+
+bool ProgramCachedLibrary::ReadStages(const Record& record, TArray<uint8> codes[6])
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+        codes[s].Clear();
+    if (!m_impl->Open() || record.Size == 0)
+        return false;
+    std::vector<uint8> chunk(record.Size);
+    if (!ReadAt(*m_impl->File, record.Offset, chunk.data(), record.Size) ||
+        !CheckChunk(chunk.data(), record, nullptr).empty())
+        return false;
+    uint64 at = 0;
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+    {
+        if (!(record.StageMask & (1u << s)))
+            continue;
+        uint32 size = GetU32(chunk.data() + at + 4);
+        if (!codes[s].SetCount(size))
+            return false;
+        std::memcpy(codes[s].begin(), chunk.data() + at + 8, size);
+        at += 8 + uint64(size);
+    }
     return true;
 }
 

@@ -148,6 +148,18 @@ public:
 
     // Number of programs listed (opens the file when needed).
     unsigned GetCount();
+
+    // Lower-level access for tools and tests: the id of a text in a table
+    // (0 hardware macro strings, 1 framework, 2 attribute, 3 material),
+    // entered when new (0 for no such table).
+    uint32 GetNameId(unsigned table, const AString& text);
+    // Writes stages (code per ShaderType, null/0 where absent; whole words)
+    // under a key, with the stage rules of Cache; the record listed already
+    // under the key when there is one.
+    const Record* CacheStages(const Key& key, const void* const codes[6], const uint32 sizes[6]);
+    // Reads a record's stages back (empty where absent). False on a short
+    // read, a wrong tag or bytes that do not match their hash.
+    bool ReadStages(const Record& record, TArray<uint8> codes[6]);
     // The name text a configuration gets in its table, "" when none can be
     // made: "name@relative-template-path#hash".
     static AString MakeConfigText(const PGCodeConf* conf, uint64 hash);

@@ -320,16 +320,38 @@ TEST_F(ProgramCache, AnIndependentReaderFindsWhatWasWritten)
     EXPECT_EQ(ra.offset, 0u);
     EXPECT_EQ(rb.offset, ra.size);
 
+    // The lower-level calls a tool uses: ids of texts, stages by key.
+    EXPECT_EQ(Lib()->GetNameId(1, "DEFAULT@#abcdef0123456789"), ra.framework);
+    EXPECT_EQ(Lib()->GetNameId(4, "x"), 0u);
+    const ProgramCachedLibrary::Record* found = Lib()->Find(a.Get(), 0xABCDEF0123456789ull);
+    ASSERT_NE(found, nullptr);
+    TArray<uint8> read[6];
+    ASSERT_TRUE(Lib()->ReadStages(*found, read));
+    EXPECT_EQ(Bytes(read[1].begin(), read[1].end()), ra.stages.at(1));
+    EXPECT_TRUE(read[2].IsEmpty());
+    ProgramCachedLibrary::Key byHand;
+    byHand.Words[1] = Lib()->GetNameId(1, "Tool@#01");
+    byHand.Words[3] = found->ProgramKey.MacroString();
+    const uint32 words[2] = {0x07230203u, 7u};
+    const void* stageCodes[6] = {words, words, nullptr, nullptr, nullptr, nullptr};
+    const uint32 sizes[6] = {8, 8, 0, 0, 0, 0};
+    const void* pixelOnly[6] = {nullptr, words, nullptr, nullptr, nullptr, nullptr};
+    EXPECT_EQ(Lib()->CacheStages(byHand, pixelOnly, sizes), nullptr);
+    ASSERT_NE(Lib()->CacheStages(byHand, stageCodes, sizes), nullptr);
+    EXPECT_EQ(ReadView(ReadAll(file)).count, 3u);
+
     // The tool's inspection says the same and finds nothing wrong.
     ProgramCachedLibrary::Inspection in;
     ASSERT_TRUE(ProgramCachedLibrary::InspectFile(dir.W("shader.cache"), in));
     EXPECT_TRUE(in.Problems.IsEmpty());
-    ASSERT_EQ(in.Records.Count(), 2u);
-    EXPECT_EQ(in.Records[1].Framework, AString("DEFAULT@#abcdef0123456789"));
-    EXPECT_EQ(in.Records[1].MacroString, AString(macros.c_str()));
-    ASSERT_EQ(in.Records[1].StageTags.Count(), 2u);
-    EXPECT_EQ(in.Records[1].StageTags[1], AString("SP"));
-    EXPECT_EQ(in.Records[1].StageSizes[0], 20u);
+    ASSERT_EQ(in.Records.Count(), 3u);
+    // In key order: b, the one by hand (framework id 3), a.
+    EXPECT_EQ(in.Records[1].Framework, AString("Tool@#01"));
+    EXPECT_EQ(in.Records[2].Framework, AString("DEFAULT@#abcdef0123456789"));
+    EXPECT_EQ(in.Records[2].MacroString, AString(macros.c_str()));
+    ASSERT_EQ(in.Records[2].StageTags.Count(), 2u);
+    EXPECT_EQ(in.Records[2].StageTags[1], AString("SP"));
+    EXPECT_EQ(in.Records[2].StageSizes[0], 20u);
 }
 
 TEST_F(ProgramCache, ANewProgramOverwritesTheOldTablesAndAppendsThemBehindItsChunk)

@@ -102,3 +102,4 @@
 #include "shaders/ProgramCachedLibrary.h"
 #include "shaders/ProgramCompiler.h"
 #include "shaders/ProgramManager.h"
+#include "shaders/ShaderParser.h"

@@ -93,7 +93,9 @@ public:
     // Block "BCFG": "NAME", counts "MCSZ", "SPSZ", "TXSZ", then one "Macs"
     // section per macro ("NAME" and "VAL"), one "PGSM" per sampler and one
     // "PGTX" per texture. Load replaces the contents; counts are checked
-    // against the sections present, so a corrupt file fails cleanly.
+    // against the sections present, so a corrupt file fails cleanly. (The
+    // XML form keeps floats to six significant digits, as it does
+    // everywhere.)
     bool Save(Serializer* serializer) const override;
     bool Load(Serializer* serializer) override;
     // Name, macros and descriptions all equal.

@@ -18,6 +18,7 @@
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
 #include "shaders/ProgramManager.h"
+#include "shaders/ProgramCachedLibrary.h"
 #include "shaders/ShaderInclude.h"
 #include "shaders/ShaderParser.h"
 #include "shaders/SpirvCompiler.h"
@@ -414,8 +415,11 @@ bool RunCompile(ProgramCompiler& compiler, BaseProgram* program, std::atomic<int
         program->SetState(GraphicsObject::Failed);
         return false;
     }
+    // The unit's hash keys the byte code, so an edited template or include
+    // never reuses a stale program.
     bool fromCache = false;
-    (void)AllowCache; // the cache library joins here
+    if (g_kovexLoadShadersFromCache && AllowCache())
+        fromCache = ProgramCachedLibrary::Ins()->LoadFromCache(program, unit.GetHash());
     if (!fromCache)
     {
         int64 start = Timer::GetCPUTicks();
@@ -435,6 +439,8 @@ bool RunCompile(ProgramCompiler& compiler, BaseProgram* program, std::atomic<int
         program->SetState(GraphicsObject::Failed);
         return false;
     }
+    if (!fromCache && g_kovexCacheShaders && AllowCache())
+        ProgramCachedLibrary::Ins()->Cache(program, unit.GetHash());
     program->PostCompiled();
     compiler.M_PostObject(Ptr<GraphicsObject>(program), pending);
     return true;

@@ -19,10 +19,13 @@
 #include "graphics/HWCapability.h"
 #include "graphics/Renderer.h"
 #include "graphics/Shader.h"
+#include "kernel/EngineGlobals.h"
 #include "kernel/StringConv.h"
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
 #include "shaders/ProgramCachedLibrary.h"
+#include "shaders/ProgramCompiler.h"
+#include "shaders/ProgramManager.h"
 #include "support/LogCapture.h"
 #include "support/NullEngine.h"
 #include "support/TempDir.h"
@@ -684,4 +687,76 @@ TEST_F(ProgramCache, ManySmallProgramsKeepTheFileCompact)
         EXPECT_EQ(CodeOf(probe->GetShader(ShaderType::Pixel)), CodeOf(programs[i]->GetShader(ShaderType::Pixel)));
     }
     EXPECT_FALSE(std::filesystem::exists(file + ".new"));
+}
+
+namespace {
+
+const char* kCachedFramework = R"(#include "Attribute"
+#include "Material"
+struct VOut { float4 pos : SV_Position; };
+VOut VS(VIn i) { VOut o; o.pos = float4(i.position * Scale, 1); return o; }
+float4 PS(VOut i) : SV_Target { return Colour(); }
+#ifdef WITH_GS
+[maxvertexcount(3)]
+void GS(triangle VOut input[3], inout TriangleStream<VOut> output)
+{
+    for (int v = 0; v < 3; ++v)
+        output.Append(input[v]);
+}
+#endif
+)";
+
+} // namespace
+
+// Through the compiler: the first run with the cache switch compiles and
+// writes, the second with the load switch compiles nothing and gets the
+// same byte code, geometry stage included; an edited material compiles
+// again.
+TEST(ProgramCacheCompile, ASecondRunCompilesNothing)
+{
+    KovexTest::TempDir dir;
+    std::map<int, Bytes> firstCode;
+    auto run = [&](bool write, bool load, const char* material, uint64& compiles, std::map<int, Bytes>& code) {
+        KovexTest::NullEngine engine;
+        ProgramCachedLibrary::Ins()->SetFilePath(dir.W("shader.cache"));
+        g_kovexCacheShaders = write;
+        g_kovexLoadShadersFromCache = load;
+        ProgramCompiler* compiler = ProgramCompiler::Get();
+        ASSERT_NE(compiler, nullptr);
+        const uint64 before = compiler->GetCompileCount();
+        {
+            Ptr<PGFramework> fw(new PGFramework(u"CacheE2E.FW", u"", AString(kCachedFramework)));
+            Ptr<PGAttribute> ab(new PGAttribute(u"CacheE2E.AB", u"",
+                                                "struct VIn { float3 position : POSITION; };\nfloat Scale = 2;\n"));
+            Ptr<PGMaterial> mt(new PGMaterial(u"CacheE2E.MT", u"", AString(material)));
+            PGConfFW* conf = static_cast<PGConfFW*>(fw->CreateConfig(u"DEFAULT"));
+            conf->SetMacro("WITH_GS", "1");
+            conf->SetUsesGeometryStage(true);
+            Ptr<Program> p = ProgramManager::Ins()->BuildProgram(conf, static_cast<PGConfAB*>(ab->CreateConfig(u"DEFAULT")),
+                                                                static_cast<PGConfMT*>(mt->CreateConfig(u"DEFAULT")));
+            ASSERT_TRUE(p && !p->IsFailed());
+            for (int s : {0, 1, 2})
+            {
+                ASSERT_NE(p->GetShader(ShaderType(s)), nullptr) << s;
+                code[s] = CodeOf(p->GetShader(ShaderType(s)));
+            }
+            // Reflection comes back from cached byte code too.
+            EXPECT_NE(p->FindConstant(u"Scale"), nullptr);
+        }
+        compiles = compiler->GetCompileCount() - before;
+        g_kovexCacheShaders = false;
+        g_kovexLoadShadersFromCache = false;
+        ProgramCachedLibrary::Destroy();
+    };
+    const char* red = "float4 Colour() { return float4(1, 0, 0, 1); }\n";
+    uint64 first = 0, second = 0, edited = 0;
+    std::map<int, Bytes> secondCode, editedCode;
+    run(true, false, red, first, firstCode);
+    EXPECT_EQ(first, 1u);
+    run(false, true, red, second, secondCode);
+    EXPECT_EQ(second, 0u);
+    EXPECT_EQ(secondCode, firstCode);
+    run(true, true, "float4 Colour() { return float4(0, 1, 0, 1); }\n", edited, editedCode);
+    EXPECT_EQ(edited, 1u);
+    EXPECT_NE(editedCode[1], firstCode[1]);
 }

@@ -34,6 +34,8 @@
 #include "resources/ResourceThread.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
+#include "shaders/AutoUpdateConstantManager.h"
+#include "shaders/ProgramCachedLibrary.h"
 #include "shaders/ProgramManager.h"
 
 namespace KovexEngine {
@@ -217,7 +219,8 @@ void Kovex_Renderer_Terminate()
     ProgramManager::Destroy();
     VertexDeclManager::Destroy();
     // TStaticRenderState::Destroy() is the state factories' OnExit, run by
-    // Renderer::Destroy; delete ProgramCachedLibrary;
+    // Renderer::Destroy.
+    ProgramCachedLibrary::Destroy();
     Renderer::Destroy();
     GraphicsThread::Destroy();
     s_rendererInited = false;
@@ -225,8 +228,9 @@ void Kovex_Renderer_Terminate()
 
 void Kovex_Renderer_Cleanup()
 {
-    // BaseRDI::DestroyAllUpdateConstantProcs(); delete the
-    // AutoUpdateConstantManager and BaseRDI's table of update procedures.
+    // BaseRDI::DestroyAllUpdateConstantProcs(); BaseRDI's table of update
+    // procedures.
+    AutoUpdateConstantManager::Destroy();
 }
 
 bool Kovex_Renderer_IsInited() { return s_rendererInited; }

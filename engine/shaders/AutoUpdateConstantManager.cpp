@@ -2,159 +2,32 @@
 
 #include <atomic>
 #include <map>
-#include <mutex>
 #include <vector>
 
+#include "kernel/CriticalSection.h"
 #include "kernel/Log.h"
 
 namespace KovexEngine {
 
 namespace {
 
-std::mutex g_insLock;
-std::atomic<AutoUpdateConstantManager*> g_manager{nullptr};
-
-bool Resolve(const WString& name, ShaderConstant::AutoUpdateId& id, uint32& kind)
+struct Registered
 {
-    AutoUpdateConstantManager* manager = g_manager.load(std::memory_order_acquire);
-    if (!manager)
-        return false;
-    id = manager->FindAutoUpdateId(name, &kind);
-    return id.IsValid();
-}
-
-// "12" as a whole number below 256 (an array index byte); false for
-// anything else, an empty text included.
-bool ParseIndex(const char16_t* text, unsigned length, uint8& out)
-{
-    if (length == 0 || length > 3)
-        return false;
-    unsigned value = 0;
-    for (unsigned i = 0; i < length; ++i)
-    {
-        if (text[i] < u'0' || text[i] > u'9')
-            return false;
-        value = value * 10 + unsigned(text[i] - u'0');
-    }
-    if (value > 255)
-        return false;
-    out = uint8(value);
-    return true;
-}
-
-} // namespace
-
-struct AutoUpdateConstantManager::Impl
-{
-    struct Entry
-    {
-        AutoUpdateId id;
-        uint32 kind = 0;
-    };
-    mutable std::mutex lock;
-    std::map<WString, Entry> byName;
-    std::vector<unsigned> constantsPerGroup; // index: group
+    ShaderConstant::AutoUpdateId Id;
+    uint32 Kind = 0;
 };
 
-AutoUpdateConstantManager::AutoUpdateConstantManager() : m_impl(new Impl()) {}
-AutoUpdateConstantManager::~AutoUpdateConstantManager() { delete m_impl; }
+std::atomic<AutoUpdateConstantManager*> g_manager{nullptr};
+CriticalSection g_managerLock;
 
-AutoUpdateConstantManager* AutoUpdateConstantManager::Ins()
-{
-    AutoUpdateConstantManager* manager = g_manager.load(std::memory_order_acquire);
-    if (manager)
-        return manager;
-    std::lock_guard<std::mutex> guard(g_insLock);
-    manager = g_manager.load(std::memory_order_relaxed);
-    if (!manager)
-    {
-        manager = new AutoUpdateConstantManager();
-        g_manager.store(manager, std::memory_order_release);
-        ShaderConstant::SetAutoUpdateResolver(&Resolve);
-    }
-    return manager;
-}
+bool Resolve(const WString& name, ShaderConstant::AutoUpdateId& id, uint32& kind);
 
-void AutoUpdateConstantManager::Destroy()
+// "Name_N" with N a whole number that fits an array index: true, base and
+// index out.
+bool SplitArrayName(const WString& name, WString& base, unsigned& index)
 {
-    std::lock_guard<std::mutex> guard(g_insLock);
-    AutoUpdateConstantManager* manager = g_manager.exchange(nullptr);
-    if (manager)
-        ShaderConstant::SetAutoUpdateResolver(nullptr);
-    delete manager;
-}
-
-int AutoUpdateConstantManager::RegisterUpdateConstantProcs(RegisterProc proc)
-{
-    if (!proc)
-    {
-        Log::Format(LOG_WARNING, u"RegisterUpdateConstantProcs: no procedure.\n");
-        return -1;
-    }
-    unsigned group;
-    {
-        std::lock_guard<std::mutex> guard(m_impl->lock);
-        if (m_impl->constantsPerGroup.size() >= kMaxGroups)
-        {
-            Log::Format(LOG_WARNING, u"RegisterUpdateConstantProcs: all %u groups are taken.\n", kMaxGroups);
-            return -1;
-        }
-        group = unsigned(m_impl->constantsPerGroup.size());
-        m_impl->constantsPerGroup.push_back(0);
-    }
-    proc(static_cast<unsigned char>(group));
-    return int(group);
-}
-
-bool AutoUpdateConstantManager::RegisterAutoUpdateConstant(const WString& name, unsigned char group, uint32 kind)
-{
-    if (name.IsEmpty() || kind >= ShaderConstant::kUpdateKinds)
-    {
-        Log::Format(LOG_WARNING, u"RegisterAutoUpdateConstant: bad name [%s] or kind %u.\n", name.c_str(), kind);
-        return false;
-    }
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    if (group >= m_impl->constantsPerGroup.size())
-    {
-        Log::Format(LOG_WARNING, u"RegisterAutoUpdateConstant: [%s] names group %u, never handed out.\n",
-                    name.c_str(), unsigned(group));
-        return false;
-    }
-    if (m_impl->byName.count(name))
-    {
-        Log::Format(LOG_WARNING, u"RegisterAutoUpdateConstant: [%s] is registered already.\n", name.c_str());
-        return false;
-    }
-    unsigned& count = m_impl->constantsPerGroup[group];
-    if (count >= kMaxConstantsPerGroup)
-    {
-        Log::Format(LOG_WARNING, u"RegisterAutoUpdateConstant: group %u is full.\n", unsigned(group));
-        return false;
-    }
-    Impl::Entry entry;
-    entry.id.Parts.Group = group;
-    entry.id.Parts.Constant = uint8(count++);
-    entry.id.Parts.Spare = 0;
-    entry.id.Parts.ArrayIndex = 0;
-    entry.kind = kind;
-    m_impl->byName.emplace(name, entry);
-    return true;
-}
-
-AutoUpdateConstantManager::AutoUpdateId AutoUpdateConstantManager::FindAutoUpdateId(const WString& name,
-                                                                                   uint32* kind) const
-{
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    auto it = m_impl->byName.find(name);
-    if (it != m_impl->byName.end())
-    {
-        if (kind)
-            *kind = it->second.kind;
-        return it->second.id;
-    }
-    // "Name_N": element N of the array constant "Name".
-    const char16_t* text = name.c_str();
-    const unsigned length = name.Length();
+    const char16_t* text = name();
+    unsigned length = name.Length();
     unsigned underscore = length;
     for (unsigned i = length; i-- > 0;)
         if (text[i] == u'_')
@@ -162,30 +35,168 @@ AutoUpdateConstantManager::AutoUpdateId AutoUpdateConstantManager::FindAutoUpdat
             underscore = i;
             break;
         }
-    uint8 index = 0;
-    if (underscore == 0 || underscore + 1 >= length ||
-        !ParseIndex(text + underscore + 1, length - underscore - 1, index))
-        return AutoUpdateId();
-    it = m_impl->byName.find(name.SubString(0, underscore));
-    if (it == m_impl->byName.end())
-        return AutoUpdateId();
-    AutoUpdateId id = it->second.id;
-    id.Parts.ArrayIndex = index;
+    if (underscore == length || underscore == 0 || underscore + 1 == length)
+        return false;
+    unsigned value = 0;
+    for (unsigned i = underscore + 1; i < length; ++i)
+    {
+        if (text[i] < u'0' || text[i] > u'9')
+            return false;
+        value = value * 10 + unsigned(text[i] - u'0');
+        if (value > 0xFF) // the id holds one byte of index
+            return false;
+    }
+    base = name.SubString(0, underscore);
+    index = value;
+    return true;
+}
+
+} // namespace
+
+struct AutoUpdateConstantManager::Impl
+{
+    mutable CriticalSection Lock;
+    std::map<WString, Registered> Constants;
+    // Per group handed out: its constants' names in index order.
+    std::vector<std::vector<WString>> Groups;
+    ShaderConstant::AutoUpdateResolver Previous = nullptr;
+};
+
+AutoUpdateConstantManager::AutoUpdateConstantManager() : m_impl(new Impl) {}
+AutoUpdateConstantManager::~AutoUpdateConstantManager() { delete m_impl; }
+
+AutoUpdateConstantManager* AutoUpdateConstantManager::Ins()
+{
+    CriticalSection::Scope scope(g_managerLock);
+    AutoUpdateConstantManager* manager = g_manager.load();
+    if (!manager)
+    {
+        manager = new AutoUpdateConstantManager();
+        manager->m_impl->Previous = ShaderConstant::GetAutoUpdateResolver();
+        g_manager.store(manager);
+        ShaderConstant::SetAutoUpdateResolver(&Resolve);
+    }
+    return manager;
+}
+
+void AutoUpdateConstantManager::Destroy()
+{
+    CriticalSection::Scope scope(g_managerLock);
+    AutoUpdateConstantManager* manager = g_manager.load();
+    if (!manager)
+        return;
+    if (ShaderConstant::GetAutoUpdateResolver() == &Resolve)
+        ShaderConstant::SetAutoUpdateResolver(manager->m_impl->Previous);
+    g_manager.store(nullptr);
+    delete manager;
+}
+
+int AutoUpdateConstantManager::RegisterUpdateConstantProcs(RegisterProc proc)
+{
+    if (!proc)
+    {
+        Log::Print(LOG_WARNING, u"RegisterUpdateConstantProcs: no procedure.\n");
+        return -1;
+    }
+    unsigned group;
+    {
+        CriticalSection::Scope scope(m_impl->Lock);
+        if (m_impl->Groups.size() >= kMaxGroups)
+        {
+            Log::Print(LOG_WARNING, u"RegisterUpdateConstantProcs: no group number is left.\n");
+            return -1;
+        }
+        group = unsigned(m_impl->Groups.size());
+        m_impl->Groups.emplace_back();
+    }
+    proc((unsigned char)group);
+    return int(group);
+}
+
+bool AutoUpdateConstantManager::RegisterAutoUpdateConstant(const WString& name, unsigned char group, uint32 kind)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    if (name.IsEmpty() || group >= m_impl->Groups.size() || kind >= ShaderConstant::kUpdateKinds)
+    {
+        Log::Format(LOG_WARNING, u"Can't register auto-update constant [%s] in group %u.\n", name(), unsigned(group));
+        return false;
+    }
+    std::vector<WString>& members = m_impl->Groups[group];
+    if (m_impl->Constants.count(name) || members.size() >= kMaxConstantsPerGroup)
+    {
+        Log::Format(LOG_WARNING, u"Can't register auto-update constant [%s] in group %u.\n", name(), unsigned(group));
+        return false;
+    }
+    Registered r;
+    r.Id.Parts.Group = group;
+    r.Id.Parts.Constant = uint8(members.size());
+    r.Id.Parts.Spare = 0;
+    r.Id.Parts.ArrayIndex = 0;
+    r.Kind = kind;
+    members.push_back(name);
+    m_impl->Constants.emplace(name, r);
+    return true;
+}
+
+AutoUpdateConstantManager::AutoUpdateId AutoUpdateConstantManager::FindAutoUpdateId(const WString& name,
+                                                                                    uint32* kind) const
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    auto it = m_impl->Constants.find(name);
+    unsigned index = 0;
+    if (it == m_impl->Constants.end())
+    {
+        WString base;
+        if (!SplitArrayName(name, base, index))
+            return AutoUpdateId();
+        it = m_impl->Constants.find(base);
+        if (it == m_impl->Constants.end())
+            return AutoUpdateId();
+    }
+    AutoUpdateId id = it->second.Id;
+    id.Parts.ArrayIndex = uint8(index);
     if (kind)
-        *kind = it->second.kind;
+        *kind = it->second.Kind;
     return id;
+}
+
+WString AutoUpdateConstantManager::GetConstantName(unsigned char group, unsigned char constant) const
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    if (group >= m_impl->Groups.size() || constant >= m_impl->Groups[group].size())
+        return WString();
+    return m_impl->Groups[group][constant];
 }
 
 unsigned AutoUpdateConstantManager::GetNumGroups() const
 {
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    return unsigned(m_impl->constantsPerGroup.size());
+    CriticalSection::Scope scope(m_impl->Lock);
+    return unsigned(m_impl->Groups.size());
 }
 
 unsigned AutoUpdateConstantManager::GetNumConstants(unsigned char group) const
 {
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    return group < m_impl->constantsPerGroup.size() ? m_impl->constantsPerGroup[group] : 0;
+    CriticalSection::Scope scope(m_impl->Lock);
+    return group < m_impl->Groups.size() ? unsigned(m_impl->Groups[group].size()) : 0u;
 }
+
+namespace {
+
+bool Resolve(const WString& name, ShaderConstant::AutoUpdateId& id, uint32& kind)
+{
+    // The resolver is installed only while the manager lives.
+    AutoUpdateConstantManager* manager = g_manager.load();
+    if (!manager)
+        return false;
+    uint32 k = 0;
+    ShaderConstant::AutoUpdateId found = manager->FindAutoUpdateId(name, &k);
+    if (!found.IsValid())
+        return false;
+    id = found;
+    kind = k;
+    return true;
+}
+
+} // namespace
 
 } // namespace KovexEngine

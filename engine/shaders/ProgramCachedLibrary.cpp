@@ -1,18 +1,14 @@
 #include "shaders/ProgramCachedLibrary.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,49 +17,42 @@
 #include "graphics/Renderer.h"
 #include "graphics/Shader.h"
 #include "io/CacheDirectory.h"
-#include "io/Stream.h"
+#include "io/FileStream.h"
 #include "io/StreamManager.h"
+#include "kernel/CriticalSection.h"
 #include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
 #include "kernel/StringConv.h"
 #include "shaders/PGCode.h"
-#include "shaders/PGCodeConf.h"
+#include "shaders/Program.h"
 
 namespace KovexEngine {
 
 namespace {
 
 constexpr uint32 kFooterSize = 12;
-constexpr uint32 kTableHeaderSize = 12;
-constexpr uint32 kEntrySize = 24;
 constexpr uint32 kRecordSize = 32;
-constexpr uint32 kStageHeaderSize = 8;
+constexpr uint32 kTableHeader = 12;
+constexpr uint32 kTableEntry = 24;
 constexpr unsigned kTables = 4;
-constexpr unsigned kStages = 6;
-constexpr uint32 kAllStages = (1u << kStages) - 1;
-// Beyond this many lines an inspection only counts.
-constexpr size_t kMaxProblems = 200;
+// Tables and records of more than this are not a cache this engine wrote.
+constexpr uint64 kMaxTail = 64u << 20;
+// How far back from a damaged end a whole earlier footer is looked for.
+constexpr uint64 kMaxRecoveryScan = 16u << 20;
+constexpr unsigned kMaxRecoveryCandidates = 32;
+// Dead bytes tolerated before the file is written anew.
+constexpr uint64 kCompactSlack = 256u << 10;
 const char kFooterMagic[4] = {'C', 'C', 'P', 'C'};
 const char kTableMagic[4] = {'T', 'C', 'P', 'C'};
-const char kStageTags[kStages][4] = {{'S', 'V', 0, 0}, {'S', 'P', 0, 0}, {'S', 'G', 0, 0},
-                                     {'S', 'H', 0, 0}, {'S', 'D', 0, 0}, {'S', 'C', 0, 0}};
-const char* const kTableNames[kTables] = {"hardware macro strings", "framework", "attribute", "material"};
+const char kStageTags[BaseProgram::kStages][3] = {"SV", "SP", "SG", "SH", "SD", "SC"};
+constexpr uint32 kComputeMask = 1u << ShaderType::Compute;
+constexpr uint32 kAllStages = (1u << BaseProgram::kStages) - 1;
 
-uint32 ReadU32(const uint8* p) { return uint32(p[0]) | uint32(p[1]) << 8 | uint32(p[2]) << 16 | uint32(p[3]) << 24; }
-
-void PutU32(std::string& out, uint32 v)
+uint32 GetU32(const uint8* p) { return uint32(p[0]) | uint32(p[1]) << 8 | uint32(p[2]) << 16 | uint32(p[3]) << 24; }
+void PutU32(std::vector<uint8>& out, uint32 v)
 {
-    char b[4] = {char(v & 0xFF), char((v >> 8) & 0xFF), char((v >> 16) & 0xFF), char(v >> 24)};
-    out.append(b, 4);
-}
-
-uint64 Fnv64(const void* data, size_t size)
-{
-    uint64 h = 14695981039346656037ull;
-    const uint8* p = static_cast<const uint8*>(data);
-    for (size_t i = 0; i < size; ++i)
-        h = (h ^ p[i]) * 1099511628211ull;
-    return h;
+    uint8 b[4] = {uint8(v), uint8(v >> 8), uint8(v >> 16), uint8(v >> 24)};
+    out.insert(out.end(), b, b + 4);
 }
 
 std::string Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -72,972 +61,1200 @@ std::string Printf(const char* format, ...)
     char buffer[512];
     va_list args;
     va_start(args, format);
-    vsnprintf(buffer, sizeof(buffer), format, args);
+    std::vsnprintf(buffer, sizeof buffer, format, args);
     va_end(args);
     return buffer;
 }
 
 std::string ToUtf8(const WString& text)
 {
-    AString out = StringConvFuncs::ToAString(text.c_str());
-    return std::string(out.c_str(), out.Length());
+    AString out;
+    StringConvFuncs::UTF16toUTF8(out, text(), text.Length());
+    return std::string(out(), out.Length());
 }
 
-// One table of name texts and their ids; ids in the order they were entered.
-struct NameTable
+struct NameEntry
 {
-    std::map<std::string, uint32> ids;
-    std::vector<std::pair<uint32, std::string>> entries;
-    uint32 next = 1;
+    std::string Name;
+    uint32 Id = 0;
+    uint32 Spare = 0;
+};
 
-    bool Contains(uint32 id) const
+// What the tables and records behind a footer say.
+struct ParsedTail
+{
+    std::vector<NameEntry> Tables[kTables];
+    // Per table, id to index in Tables.
+    std::map<uint32, uint32> Ids[kTables];
+    std::vector<ProgramCachedLibrary::Record> Records;
+
+    const NameEntry* Name(unsigned table, uint32 id) const
     {
-        for (const auto& e : entries)
-            if (e.first == id)
-                return true;
-        return false;
-    }
-    const std::string* Text(uint32 id) const
-    {
-        for (const auto& e : entries)
-            if (e.first == id)
-                return &e.second;
-        return nullptr;
-    }
-    uint32 Enter(const std::string& text)
-    {
-        auto it = ids.find(text);
-        if (it != ids.end())
-            return it->second;
-        uint32 id = next++;
-        ids.emplace(text, id);
-        entries.emplace_back(id, text);
-        return id;
+        auto it = Ids[table].find(id);
+        return it == Ids[table].end() ? nullptr : &Tables[table][it->second];
     }
 };
 
-// Reads `size` bytes at `offset`; false when they are not all there.
-using ReadAt = std::function<bool(uint64 offset, uint32 size, void* out)>;
-
-struct Parsed
+// Parses tables and records (`n` bytes at `p`, the file's bytes from
+// tableOffset to the footer) and checks them against the file. Every
+// inconsistency goes to `problems`; parsing stops where nothing further can
+// be trusted.
+void ParseTail(const uint8* p, uint64 n, uint32 count, uint32 tableOffset, ParsedTail& out,
+               std::vector<std::string>& problems)
 {
-    NameTable tables[kTables];
-    std::vector<ProgramCachedLibrary::Record> records;
-    uint32 tableOffset = 0;
-    uint32 count = 0;
-    // Per record: stage tags and sizes as read (inspection).
-    std::vector<std::vector<std::pair<std::string, uint32>>> stages;
-};
-
-struct Problems
-{
-    std::vector<std::string> lines;
-    size_t total = 0;
-    void Add(std::string line)
-    {
-        if (lines.size() < kMaxProblems)
-            lines.push_back(std::move(line));
-        ++total;
-    }
-    bool Any() const { return total != 0; }
-};
-
-bool KeyLess(const ProgramCachedLibrary::Key& a, const ProgramCachedLibrary::Key& b)
-{
-    return std::lexicographical_compare(a.Words, a.Words + 4, b.Words, b.Words + 4);
-}
-
-// Walks a record's chunk: a tag and a size per stage of the mask, the sizes
-// adding up to the chunk.
-void CheckChunk(const ReadAt& read, const ProgramCachedLibrary::Record& r, size_t index, Problems& problems,
-                std::vector<std::pair<std::string, uint32>>& stagesOut)
-{
-    uint64 pos = r.Offset;
-    const uint64 end = uint64(r.Offset) + r.Size;
-    for (unsigned stage = 0; stage < kStages; ++stage)
-    {
-        if (!(r.StageMask & (1u << stage)))
-            continue;
-        uint8 header[kStageHeaderSize];
-        if (end - pos < kStageHeaderSize || !read(pos, kStageHeaderSize, header))
-        {
-            problems.Add(Printf("record %zu: chunk ends before stage %s", index, kStageTags[stage]));
-            return;
-        }
-        std::string tag(reinterpret_cast<const char*>(header), strnlen(reinterpret_cast<const char*>(header), 4));
-        uint32 codeSize = ReadU32(header + 4);
-        stagesOut.emplace_back(tag, codeSize);
-        if (memcmp(header, kStageTags[stage], 4) != 0)
-            problems.Add(Printf("record %zu: stage tag \"%s\" where \"%s\" belongs", index, tag.c_str(),
-                                kStageTags[stage]));
-        pos += kStageHeaderSize;
-        if (codeSize > end - pos)
-        {
-            problems.Add(Printf("record %zu: stage %s code of %u bytes runs past its chunk", index, kStageTags[stage],
-                                codeSize));
-            return;
-        }
-        if (codeSize == 0 || codeSize % 4 != 0)
-            problems.Add(Printf("record %zu: stage %s code of %u bytes is no whole number of words", index,
-                                kStageTags[stage], codeSize));
-        pos += codeSize;
-    }
-    if (pos != end)
-        problems.Add(Printf("record %zu: %llu bytes of its chunk belong to no stage", index,
-                            static_cast<unsigned long long>(end - pos)));
-}
-
-// The whole check of a cache file of `size` bytes. Nothing is allocated
-// beyond what the file's own bytes hold.
-void Parse(const ReadAt& read, uint64 size, Parsed& out, Problems& problems)
-{
-    if (size < kFooterSize)
-    {
-        problems.Add(Printf("%llu bytes, shorter than a footer", static_cast<unsigned long long>(size)));
-        return;
-    }
-    if (size > 0xFFFFFFFFull)
-    {
-        problems.Add("larger than 32-bit offsets address");
-        return;
-    }
-    uint8 footer[kFooterSize];
-    if (!read(size - kFooterSize, kFooterSize, footer))
-    {
-        problems.Add("footer cannot be read");
-        return;
-    }
-    if (memcmp(footer, kFooterMagic, 4) != 0)
-    {
-        problems.Add("no \"CCPC\" footer");
-        return;
-    }
-    out.count = ReadU32(footer + 4);
-    out.tableOffset = ReadU32(footer + 8);
-    const uint32 end = uint32(size - kFooterSize);
-    if (out.tableOffset > end)
-    {
-        problems.Add(Printf("table offset %u beyond the file's %u bytes before the footer", out.tableOffset, end));
-        return;
-    }
-    std::vector<uint8> header(end - out.tableOffset);
-    if (!header.empty() && !read(out.tableOffset, uint32(header.size()), header.data()))
-    {
-        problems.Add("tables cannot be read");
-        return;
-    }
-    const uint8* p = header.data();
-    uint32 pos = 0;
-    const uint32 avail = uint32(header.size());
+    uint64 at = 0;
     for (unsigned t = 0; t < kTables; ++t)
     {
-        if (avail - pos < kTableHeaderSize)
+        if (n - at < kTableHeader)
         {
-            problems.Add(Printf("table %u (%s) cut short at %u", t, kTableNames[t], out.tableOffset + pos));
+            problems.push_back(Printf("name table %u is cut short", t));
             return;
         }
-        if (memcmp(p + pos, kTableMagic, 4) != 0)
+        if (std::memcmp(p + at, kTableMagic, 4) != 0)
         {
-            problems.Add(Printf("table %u (%s) has no \"TCPC\" tag at %u", t, kTableNames[t], out.tableOffset + pos));
+            problems.push_back(Printf("name table %u has no \"TCPC\" tag", t));
             return;
         }
-        uint32 entries = ReadU32(p + pos + 4);
-        uint32 blob = ReadU32(p + pos + 8);
-        pos += kTableHeaderSize;
-        if (blob > avail - pos)
+        uint32 entries = GetU32(p + at + 4), blob = GetU32(p + at + 8);
+        at += kTableHeader;
+        if (blob > n - at)
         {
-            problems.Add(Printf("table %u (%s): blob of %u bytes beyond the %u left", t, kTableNames[t], blob,
-                                avail - pos));
+            problems.push_back(Printf("name table %u claims %u bytes, %llu are left", t, blob,
+                                      (unsigned long long)(n - at)));
             return;
         }
-        if (entries > blob / kEntrySize)
+        if (entries > blob / kTableEntry)
         {
-            problems.Add(Printf("table %u (%s): %u entries cannot fit a blob of %u bytes", t, kTableNames[t], entries,
-                                blob));
+            problems.push_back(Printf("name table %u claims %u entries in %u bytes", t, entries, blob));
             return;
         }
-        const uint8* names = p + pos;
-        const uint32 namesSize = blob - entries * kEntrySize;
-        NameTable& table = out.tables[t];
-        for (uint32 i = 0; i < entries; ++i)
+        const uint8* b = p + at;
+        uint32 namesSize = blob - entries * kTableEntry;
+        std::map<std::string, uint32> names;
+        std::map<uint32, uint32>& ids = out.Ids[t];
+        out.Tables[t].reserve(entries);
+        for (uint32 e = 0; e < entries; ++e)
         {
-            const uint8* e = names + namesSize + i * kEntrySize;
-            uint32 id = ReadU32(e + 8), offset = ReadU32(e + 16), length = ReadU32(e + 20);
-            if (ReadU32(e) != 0 || ReadU32(e + 4) != 0)
-                problems.Add(Printf("table %u (%s) entry %u: leading words not zero", t, kTableNames[t], i));
-            if (id == 0)
+            const uint8* entry = b + namesSize + uint64(e) * kTableEntry;
+            NameEntry ne;
+            ne.Id = GetU32(entry + 8);
+            ne.Spare = GetU32(entry + 12);
+            uint32 offset = GetU32(entry + 16), length = GetU32(entry + 20);
+            if (GetU32(entry) != 0 || GetU32(entry + 4) != 0)
+                problems.push_back(Printf("name table %u entry %u: its first two words are not zero", t, e));
+            if (offset > namesSize || length > namesSize - offset)
             {
-                problems.Add(Printf("table %u (%s) entry %u: id 0", t, kTableNames[t], i));
+                problems.push_back(Printf("name table %u entry %u: its name lies outside the names", t, e));
                 continue;
             }
-            if (uint64(offset) + length > namesSize)
-            {
-                problems.Add(Printf("table %u (%s) entry %u: name at %u+%u beyond the %u bytes of names", t,
-                                    kTableNames[t], i, offset, length, namesSize));
-                continue;
-            }
-            std::string text(reinterpret_cast<const char*>(names + offset), length);
-            if (table.ids.count(text) || table.Contains(id))
-            {
-                problems.Add(Printf("table %u (%s) entry %u: id %u or its text listed twice", t, kTableNames[t], i, id));
-                continue;
-            }
-            table.ids.emplace(text, id);
-            table.entries.emplace_back(id, std::move(text));
-            table.next = std::max(table.next, id == 0xFFFFFFFFu ? id : id + 1);
+            ne.Name.assign(reinterpret_cast<const char*>(b + offset), length);
+            if (ne.Id == 0)
+                problems.push_back(Printf("name table %u entry %u: id 0", t, e));
+            if (!ids.emplace(ne.Id, uint32(out.Tables[t].size())).second)
+                problems.push_back(Printf("name table %u: id %u appears twice", t, ne.Id));
+            if (!names.emplace(ne.Name, e).second)
+                problems.push_back(Printf("name table %u: name \"%s\" appears twice", t, ne.Name.c_str()));
+            out.Tables[t].push_back(std::move(ne));
         }
-        pos += blob;
+        at += blob;
     }
-    const uint32 left = avail - pos;
-    if (out.count > left / kRecordSize)
+    if (n - at != uint64(count) * kRecordSize)
     {
-        problems.Add(Printf("count %u records beyond the %u bytes behind the tables", out.count, left));
+        problems.push_back(Printf("%u records need %llu bytes, %llu stand between the tables and the footer", count,
+                                  (unsigned long long)count * kRecordSize, (unsigned long long)(n - at)));
         return;
     }
-    if (left != out.count * kRecordSize)
-        problems.Add(Printf("%u stray bytes between the records and the footer", left - out.count * kRecordSize));
-    out.records.reserve(out.count);
-    out.stages.resize(out.count);
-    for (uint32 i = 0; i < out.count; ++i)
+    auto known = [&](unsigned t, uint32 id) { return out.Name(t, id) != nullptr; };
+    out.Records.reserve(count);
+    for (uint32 r = 0; r < count; ++r)
     {
-        const uint8* r = p + pos + i * kRecordSize;
+        const uint8* q = p + at + uint64(r) * kRecordSize;
         ProgramCachedLibrary::Record rec;
         for (unsigned w = 0; w < 4; ++w)
-            rec.ProgramKey.Words[w] = ReadU32(r + 4 * w);
-        rec.Offset = ReadU32(r + 16);
-        rec.Size = ReadU32(r + 20);
-        rec.StageMask = ReadU32(r + 24);
-        rec.Reserved = ReadU32(r + 28);
-        const uint32* k = rec.ProgramKey.Words;
-        if (!out.tables[0].Contains(k[3]))
-            problems.Add(Printf("record %u: macro-string id %u not in its table", i, k[3]));
-        if (!out.tables[1].Contains(k[1]))
-            problems.Add(Printf("record %u: framework id %u not in its table", i, k[1]));
-        if (k[0] != 0 && !out.tables[2].Contains(k[0]))
-            problems.Add(Printf("record %u: attribute id %u not in its table", i, k[0]));
-        if (k[2] != 0 && !out.tables[3].Contains(k[2]))
-            problems.Add(Printf("record %u: material id %u not in its table", i, k[2]));
-        if (i > 0 && !KeyLess(out.records.back().ProgramKey, rec.ProgramKey))
-            problems.Add(Printf("record %u: key not above the one before it", i));
-        if (rec.StageMask == 0 || (rec.StageMask & ~kAllStages) != 0)
-            problems.Add(Printf("record %u: stage mask 0x%x", i, rec.StageMask));
-        if (uint64(rec.Offset) + rec.Size > out.tableOffset)
-            problems.Add(Printf("record %u: chunk at %u+%u runs into the tables at %u", i, rec.Offset, rec.Size,
-                                out.tableOffset));
-        else if ((rec.StageMask & ~kAllStages) == 0)
-            CheckChunk(read, rec, i, problems, out.stages[i]);
-        out.records.push_back(rec);
+            rec.ProgramKey.Words[w] = GetU32(q + 4 * w);
+        rec.Offset = GetU32(q + 16);
+        rec.Size = GetU32(q + 20);
+        rec.StageMask = GetU32(q + 24);
+        rec.Hash = GetU32(q + 28);
+        const ProgramCachedLibrary::Key& k = rec.ProgramKey;
+        if (r > 0 && !(out.Records.back().ProgramKey < k))
+            problems.push_back(Printf("record %u is not in key order", r));
+        if (!known(0, k.MacroString()) || !known(1, k.Framework()) || (k.Attribute() && !known(2, k.Attribute())) ||
+            (k.Material() && !known(3, k.Material())))
+            problems.push_back(Printf("record %u names an id no table holds", r));
+        uint32 mask = rec.StageMask;
+        bool compute = mask == kComputeMask;
+        if ((mask & ~kAllStages) != 0 || (!compute && ((mask & 3u) != 3u || (mask & kComputeMask))))
+            problems.push_back(Printf("record %u: stage mask 0x%x is not one a program has", r, mask));
+        else if (compute && (k.Attribute() || k.Material()))
+            problems.push_back(Printf("record %u: a compute program with attribute or material ids", r));
+        unsigned stages = __builtin_popcount(mask & kAllStages);
+        if (rec.Offset > tableOffset || rec.Size > tableOffset - rec.Offset)
+            problems.push_back(Printf("record %u: chunk %u+%u reaches past the tables at %u", r, rec.Offset, rec.Size,
+                                      tableOffset));
+        else if (rec.Size < stages * 8u)
+            problems.push_back(Printf("record %u: chunk of %u bytes cannot hold %u stages", r, rec.Size, stages));
+        out.Records.push_back(rec);
     }
     // Chunks never share bytes.
-    std::vector<std::pair<uint32, uint32>> spans;
-    for (const auto& r : out.records)
-        spans.emplace_back(r.Offset, r.Size);
-    std::sort(spans.begin(), spans.end());
-    for (size_t i = 1; i < spans.size(); ++i)
-        if (uint64(spans[i - 1].first) + spans[i - 1].second > spans[i].first)
-            problems.Add(Printf("chunks at %u and %u overlap", spans[i - 1].first, spans[i].first));
+    std::vector<std::pair<uint32, uint32>> ranges;
+    for (const auto& rec : out.Records)
+        ranges.emplace_back(rec.Offset, rec.Size);
+    std::sort(ranges.begin(), ranges.end());
+    for (size_t i = 1; i < ranges.size(); ++i)
+        if (uint64(ranges[i - 1].first) + ranges[i - 1].second > ranges[i].first)
+            problems.push_back(Printf("chunks at %u and %u overlap", ranges[i - 1].first, ranges[i].first));
 }
 
-std::string BuildHeader(const NameTable (&tables)[kTables],
-                        const std::vector<std::unique_ptr<ProgramCachedLibrary::Record>>& records)
+// Walks one chunk: its stages' tags and sizes against the record. Empty
+// when it holds together.
+std::string CheckChunk(const uint8* chunk, const ProgramCachedLibrary::Record& rec, std::vector<uint32>* sizes)
 {
-    std::string out;
-    for (const NameTable& table : tables)
+    uint64 at = 0;
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
     {
-        uint32 namesSize = 0;
-        for (const auto& e : table.entries)
-            namesSize += uint32(e.second.size());
-        out.append(kTableMagic, 4);
-        PutU32(out, uint32(table.entries.size()));
-        PutU32(out, namesSize + uint32(table.entries.size()) * kEntrySize);
-        for (const auto& e : table.entries)
-            out += e.second;
-        uint32 offset = 0;
-        for (const auto& e : table.entries)
-        {
-            PutU32(out, 0);
-            PutU32(out, 0);
-            PutU32(out, e.first);
-            PutU32(out, 0);
-            PutU32(out, offset);
-            PutU32(out, uint32(e.second.size()));
-            offset += uint32(e.second.size());
-        }
+        if (!(rec.StageMask & (1u << s)))
+            continue;
+        if (rec.Size - at < 8)
+            return Printf("stage %s is cut short", kStageTags[s]);
+        const uint8* tag = chunk + at;
+        if (tag[0] != uint8(kStageTags[s][0]) || tag[1] != uint8(kStageTags[s][1]) || tag[2] || tag[3])
+            return Printf("stage %s has a wrong tag", kStageTags[s]);
+        uint32 size = GetU32(chunk + at + 4);
+        at += 8;
+        if (size == 0 || size % 4 != 0 || size > rec.Size - at)
+            return Printf("stage %s claims %u bytes", kStageTags[s], size);
+        if (sizes)
+            sizes->push_back(size);
+        at += size;
     }
-    for (const auto& r : records)
-    {
-        for (uint32 w : r->ProgramKey.Words)
-            PutU32(out, w);
-        PutU32(out, r->Offset);
-        PutU32(out, r->Size);
-        PutU32(out, r->StageMask);
-        PutU32(out, r->Reserved);
-    }
-    return out;
+    if (at != rec.Size)
+        return Printf("%llu bytes follow its stages", (unsigned long long)(rec.Size - at));
+    if (ProgramCachedLibrary::HashBytes(chunk, rec.Size) != rec.Hash)
+        return "its bytes do not match their hash";
+    return std::string();
 }
 
-std::string BuildFooter(uint32 count, uint32 tableOffset)
+bool ReadAt(Stream& stream, uint64 offset, void* data, uint64 size)
 {
-    std::string out(kFooterMagic, 4);
-    PutU32(out, count);
-    PutU32(out, tableOffset);
-    return out;
-}
-
-// The whole of a pread or pwrite, over short transfers.
-template <typename Byte, typename Io>
-bool TransferAll(int fd, Byte* data, size_t size, uint64 offset, Io io)
-{
+    uint8* out = static_cast<uint8*>(data);
+    stream.Seek(int64(offset), Stream::Begin);
     while (size > 0)
     {
-        ssize_t n = io(fd, data, size, off_t(offset));
-        if (n <= 0)
+        int step = int(std::min<uint64>(size, 1u << 30));
+        if (!stream.Read(out, step))
             return false;
-        data += n;
-        size -= size_t(n);
-        offset += uint64(n);
+        out += step;
+        size -= uint64(step);
     }
     return true;
 }
 
-bool PWriteAll(int fd, const void* data, size_t size, uint64 offset)
+bool WriteAt(Stream& stream, uint64 offset, const void* data, uint64 size)
 {
-    return TransferAll(fd, static_cast<const char*>(data), size, offset, ::pwrite);
+    stream.Seek(int64(offset), Stream::Begin);
+    return size == 0 || stream.Write(data, int(size));
 }
 
-bool PReadAll(int fd, void* data, size_t size, uint64 offset)
+struct Entry
 {
-    return TransferAll(fd, static_cast<char*>(data), size, offset, ::pread);
-}
+    std::unique_ptr<ProgramCachedLibrary::Record> Rec;
+    bool Damaged = false;
+};
 
-ReadAt FdReader(int fd)
+struct NameTable
 {
-    return [fd](uint64 offset, uint32 size, void* out) { return PReadAll(fd, out, size, offset); };
-}
+    std::map<std::string, NameEntry> Names;
+    uint32 NextId = 1;
 
-std::string MakeKeyText(const PGCodeConf* conf, const WString& path, uint64 hash)
-{
-    return ToUtf8(conf->GetName().Get()) + "@" + ToUtf8(path) + Printf("#%016llx", static_cast<unsigned long long>(hash));
-}
-
-uint32 ExpectedStages(BaseProgram* program)
-{
-    if (program->IsCompute())
-        return 1u << unsigned(ShaderType::Compute);
-    const PGCodeConf* configs[3] = {};
-    unsigned count = 0;
-    program->GetConfigs(configs, count);
-    const PGConfFW* fw = nullptr;
-    const PGConfMT* mt = nullptr;
-    for (unsigned i = 0; i < count && i < 3; ++i)
+    uint32 Get(const std::string& name)
     {
-        if (!fw)
-            fw = dynamic_cast<const PGConfFW*>(configs[i]);
-        if (!mt)
-            mt = dynamic_cast<const PGConfMT*>(configs[i]);
+        auto it = Names.find(name);
+        if (it != Names.end())
+            return it->second.Id;
+        NameEntry e;
+        e.Name = name;
+        e.Id = NextId++;
+        Names.emplace(name, e);
+        return e.Id;
     }
-    uint32 mask = (1u << unsigned(ShaderType::Vertex)) | (1u << unsigned(ShaderType::Pixel));
-    // The compiler refuses a program whose text and flag disagree on the
-    // geometry stage, so the flag alone tells what was compiled.
-    if (fw && fw->UsesGeometryStage())
-        mask |= 1u << unsigned(ShaderType::Geometry);
-    const Ptr<Renderer>& renderer = Renderer::Get();
-    bool support = renderer && renderer->GetHWCapability() && renderer->GetHWCapability()->SupportTessellation;
-    if (fw && mt && support && mt->IsTessellation() && fw->IsTessellationAware())
-        mask |= (1u << unsigned(ShaderType::Hull)) | (1u << unsigned(ShaderType::Domain));
-    return mask;
-}
-
-} // namespace
-
-bool ProgramCachedLibrary::Key::operator<(const Key& other) const { return KeyLess(*this, other); }
-bool ProgramCachedLibrary::Key::operator==(const Key& other) const
-{
-    return memcmp(Words, other.Words, sizeof(Words)) == 0;
-}
-
-struct ProgramCachedLibrary::Impl
-{
-    std::mutex lock;
-    WString path;
-    int fd = -1;
-    // Opening failed, or a write did: the cache sits out the rest of the run.
-    bool unusable = false;
-    uint32 writePos = 0;
-    NameTable tables[kTables];
-    std::vector<std::unique_ptr<Record>> records;
-
-    ~Impl() { Close(); }
-
-    void Close()
+    void Append(std::vector<uint8>& out) const
     {
-        if (fd >= 0)
-            close(fd);
-        fd = -1;
-    }
-
-    void Clear()
-    {
-        for (NameTable& t : tables)
-            t = NameTable();
-        records.clear();
-        writePos = 0;
-    }
-
-    void Adopt(Parsed& parsed)
-    {
-        Clear();
-        for (unsigned t = 0; t < kTables; ++t)
-            tables[t] = std::move(parsed.tables[t]);
-        for (const Record& r : parsed.records)
-            records.push_back(std::make_unique<Record>(r));
-        writePos = parsed.tableOffset;
-    }
-
-    const Record* Find(const Key& key) const
-    {
-        auto it = std::lower_bound(records.begin(), records.end(), key,
-                                   [](const std::unique_ptr<Record>& r, const Key& k) { return KeyLess(r->ProgramKey, k); });
-        return it != records.end() && (*it)->ProgramKey == key ? it->get() : nullptr;
-    }
-
-    // An empty file written beside the one in use and renamed over it.
-    bool Replace(const std::string& file)
-    {
-        Close();
-        std::string temp = file + Printf(".%d.new", int(getpid()));
-        int out = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (out < 0)
-            return false;
-        close(out);
-        if (rename(temp.c_str(), file.c_str()) != 0)
+        std::vector<uint8> names;
+        std::vector<uint8> entries;
+        for (const auto& [name, e] : Names)
         {
-            unlink(temp.c_str());
-            return false;
+            PutU32(entries, 0);
+            PutU32(entries, 0);
+            PutU32(entries, e.Id);
+            PutU32(entries, e.Spare);
+            PutU32(entries, uint32(names.size()));
+            PutU32(entries, uint32(name.size()));
+            names.insert(names.end(), name.begin(), name.end());
         }
-        fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
-        return fd >= 0;
-    }
-
-    bool Open()
-    {
-        if (fd >= 0)
-            return true;
-        if (unusable)
-            return false;
-        if (path.IsEmpty())
-        {
-            WString dir = GetEngineCacheDirectory();
-            if (dir.IsEmpty())
-            {
-                unusable = true;
-                return false;
-            }
-            path = dir + u"shader.cache";
-        }
-        std::string file = ToUtf8(path);
-        fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        struct stat st;
-        if (fd < 0 || fstat(fd, &st) != 0)
-        {
-            Log::Format(LOG_WARNING, u"Can't open shader cache %s.\n", path.c_str());
-            Close();
-            unusable = true;
-            return false;
-        }
-        Clear();
-        if (st.st_size == 0)
-            return true;
-        Parsed parsed;
-        Problems problems;
-        Parse(FdReader(fd), uint64(st.st_size), parsed, problems);
-        if (!problems.Any())
-        {
-            Adopt(parsed);
-            return true;
-        }
-        Log::Format(LOG_WARNING, u"Shader cache %s is damaged (%S); a new one replaces it.\n", path.c_str(),
-                    problems.lines.front().c_str());
-        if (!Replace(file))
-        {
-            Log::Format(LOG_WARNING, u"Can't replace shader cache %s.\n", path.c_str());
-            Close();
-            unusable = true;
-            return false;
-        }
-        return true;
-    }
-
-    uint32 EnterName(unsigned table, const std::string& text) { return tables[table].Enter(text); }
-
-    bool MakeKey(Key& key, BaseProgram* program, uint64 unitHash)
-    {
-        key = Key();
-        const PGCodeConf* configs[3] = {};
-        unsigned count = 0;
-        program->GetConfigs(configs, count);
-        if (count == 0)
-        {
-            Log::Format(LOG_WARNING, u"Shader cache: a program without configurations has no key.\n");
-            return false;
-        }
-        AString macros = ProgramCachedLibrary::MakeMacroString();
-        key.Words[3] = EnterName(0, std::string(macros.c_str(), macros.Length()));
-        for (unsigned i = 0; i < count && i < 3; ++i)
-        {
-            const PGCodeConf* conf = configs[i];
-            unsigned slot = 1; // framework, and a compute program's one configuration
-            uint64 hash = unitHash;
-            if (!program->IsCompute())
-            {
-                if (dynamic_cast<const PGConfAB*>(conf))
-                    slot = 0;
-                else if (dynamic_cast<const PGConfMT*>(conf))
-                    slot = 2;
-                else if (!dynamic_cast<const PGConfFW*>(conf))
-                    continue;
-                if (slot != 1)
-                {
-                    const AString& code = conf->GetCode();
-                    hash = Fnv64(code.c_str(), code.Length());
-                }
-            }
-            AString text = ProgramCachedLibrary::MakeConfigText(conf, hash);
-            if (text.IsEmpty())
-            {
-                Log::Format(LOG_WARNING, u"Shader cache: configuration %s has no template path to key it by.\n",
-                            conf ? conf->GetName().Get().c_str() : u"");
-                return false;
-            }
-            static const unsigned kTableOfSlot[3] = {2, 1, 3};
-            key.Words[slot] = EnterName(kTableOfSlot[slot], std::string(text.c_str(), text.Length()));
-            if (program->IsCompute())
-                break;
-        }
-        if (key.Words[1] == 0)
-        {
-            Log::Format(LOG_WARNING, u"Shader cache: a program without a framework configuration has no key.\n");
-            return false;
-        }
-        return true;
-    }
-
-    // Chunk, then tables and records, then the footer; a failed write makes
-    // the cache sit out the run (the next run refuses the torn file).
-    const Record* Append(const Key& key, const void* const codes[kStages], const uint32 sizes[kStages])
-    {
-        std::string chunk;
-        uint32 mask = 0;
-        for (unsigned s = 0; s < kStages; ++s)
-        {
-            if (!codes[s] || sizes[s] == 0)
-                continue;
-            mask |= 1u << s;
-            chunk.append(kStageTags[s], 4);
-            PutU32(chunk, sizes[s]);
-            chunk.append(static_cast<const char*>(codes[s]), sizes[s]);
-        }
-        if (mask == 0)
-            return nullptr;
-        auto record = std::make_unique<Record>();
-        record->ProgramKey = key;
-        record->Offset = writePos;
-        record->Size = uint32(chunk.size());
-        record->StageMask = mask;
-        auto at = std::lower_bound(records.begin(), records.end(), key,
-                                   [](const std::unique_ptr<Record>& r, const Key& k) { return KeyLess(r->ProgramKey, k); });
-        const Record* result = record.get();
-        records.insert(at, std::move(record));
-        std::string header = BuildHeader(tables, records);
-        const uint64 tableOffset = uint64(writePos) + chunk.size();
-        const uint64 end = tableOffset + header.size() + kFooterSize;
-        if (end > 0xFFFFFFFFull)
-        {
-            Log::Format(LOG_WARNING, u"Shader cache %s is full.\n", path.c_str());
-            records.erase(std::find_if(records.begin(), records.end(),
-                                       [&](const std::unique_ptr<Record>& r) { return r.get() == result; }));
-            return nullptr;
-        }
-        std::string footer = BuildFooter(uint32(records.size()), uint32(tableOffset));
-        struct stat st;
-        bool ok = PWriteAll(fd, chunk.data(), chunk.size(), writePos) &&
-                  PWriteAll(fd, header.data(), header.size(), tableOffset) && fstat(fd, &st) == 0 &&
-                  (uint64(st.st_size) <= end || ftruncate(fd, off_t(end)) == 0) &&
-                  PWriteAll(fd, footer.data(), footer.size(), end - kFooterSize);
-        if (!ok)
-        {
-            Log::Format(LOG_WARNING, u"Can't write shader cache %s.\n", path.c_str());
-            Close();
-            Clear();
-            unusable = true;
-            return nullptr;
-        }
-        writePos = uint32(tableOffset);
-        return result;
-    }
-
-    // A record's stages read back in one read, tags checked. `out` holds
-    // the chunk; each stage is its first index and a span of it.
-    struct Span
-    {
-        unsigned stage;
-        uint32 offset, size;
-    };
-    bool ReadStages(const Record& record, std::vector<uint8>& chunk, std::vector<Span>& spans)
-    {
-        spans.clear();
-        chunk.resize(record.Size);
-        if (!PReadAll(fd, chunk.data(), chunk.size(), record.Offset))
-            return false;
-        uint32 pos = 0;
-        for (unsigned s = 0; s < kStages; ++s)
-        {
-            if (!(record.StageMask & (1u << s)))
-                continue;
-            if (record.Size - pos < kStageHeaderSize || memcmp(chunk.data() + pos, kStageTags[s], 4) != 0)
-                return false;
-            uint32 size = ReadU32(chunk.data() + pos + 4);
-            pos += kStageHeaderSize;
-            if (size > record.Size - pos)
-                return false;
-            spans.push_back(Span{s, pos, size});
-            pos += size;
-        }
-        return true;
+        out.insert(out.end(), kTableMagic, kTableMagic + 4);
+        PutU32(out, uint32(Names.size()));
+        PutU32(out, uint32(names.size() + entries.size()));
+        out.insert(out.end(), names.begin(), names.end());
+        out.insert(out.end(), entries.begin(), entries.end());
     }
 };
 
-namespace {
-std::mutex g_insLock;
-std::atomic<ProgramCachedLibrary*> g_library{nullptr};
+enum class HeaderState
+{
+    Empty,
+    Whole,
+    Damaged,
+};
+
 } // namespace
 
-ProgramCachedLibrary::ProgramCachedLibrary() : m_impl(new Impl()) {}
-ProgramCachedLibrary::~ProgramCachedLibrary() { delete m_impl; }
+struct ProgramCachedLibrary::Impl
+{
+    CriticalSection Lock;
+    WString Path;
+    bool PathSet = false;
+    Ptr<FileStream> File;
+    bool OpenFailed = false;
+    NameTable Tables[kTables];
+    std::map<Key, Entry> Records;
+    // Records replaced after their chunk was found damaged: a pointer handed
+    // out stays valid until Destroy.
+    std::vector<std::unique_ptr<Record>> Replaced;
+    uint64 ChunkEnd = 0; // behind the last chunk
+    uint64 FileEnd = 0;  // the footer's end
+    uint64 TailPos = 0;  // where SaveHeader writes the tables
+
+    void Clear()
+    {
+        for (NameTable& t : Tables)
+            t = NameTable();
+        Records.clear();
+        ChunkEnd = FileEnd = TailPos = 0;
+    }
+
+    void Close()
+    {
+        if (File)
+            File->Close();
+        File = nullptr;
+        Clear();
+    }
+
+    HeaderState Load(Stream& stream, std::string& why);
+    bool Adopt(const ParsedTail& tail, uint32 tableOffset, uint64 end);
+    bool Recover(Stream& stream, uint64 size, uint64& end);
+    bool Open();
+    bool ReplaceWhole();
+    bool Save(Stream& stream);
+    bool KeyOf(Key& key, BaseProgram* program, uint64 unitHash);
+    void CompactIfSparse();
+    const Record* Append(const Key& key, const void* const codes[], const uint32 sizes[], uint32 mask);
+    const Record* FindKey(const Key& key)
+    {
+        auto it = Records.find(key);
+        return it == Records.end() || it->second.Damaged ? nullptr : it->second.Rec.get();
+    }
+};
+
+// --- Key -------------------------------------------------------------------------
+
+bool ProgramCachedLibrary::Key::operator<(const Key& other) const
+{
+    return std::lexicographical_compare(Words, Words + 4, other.Words, other.Words + 4);
+}
+
+bool ProgramCachedLibrary::Key::operator==(const Key& other) const
+{
+    return std::equal(Words, Words + 4, other.Words);
+}
+
+uint32 ProgramCachedLibrary::HashBytes(const void* data, uint64 size, uint32 seed)
+{
+    // Eight bytes a step: every step is a bijection of the state, so one
+    // changed word always changes the result. Words are read little-endian
+    // (the host's order on every platform the engine builds for).
+    const uint8* p = static_cast<const uint8*>(data);
+    uint64 h = uint64(seed) ^ (size * 0x9E3779B97F4A7C15ull);
+    uint64 i = 0;
+    for (; i + 8 <= size; i += 8)
+    {
+        uint64 w;
+        std::memcpy(&w, p + i, 8);
+        h = (h ^ w) * 0x100000001B3ull;
+        h ^= h >> 32;
+    }
+    uint64 last = 0;
+    for (unsigned k = 0; i + k < size; ++k)
+        last |= uint64(p[i + k]) << (8 * k);
+    h = (h ^ last) * 0x100000001B3ull;
+    h ^= h >> 29;
+    h *= 0xBF58476D1CE4E5B9ull;
+    h ^= h >> 32;
+    return uint32(h);
+}
+
+// --- Singleton ---------------------------------------------------------------------
+
+namespace {
+ProgramCachedLibrary* g_library = nullptr;
+CriticalSection g_libraryLock;
+} // namespace
+
+ProgramCachedLibrary::ProgramCachedLibrary() : m_impl(new Impl) {}
+ProgramCachedLibrary::~ProgramCachedLibrary()
+{
+    m_impl->Close();
+    delete m_impl;
+}
 
 ProgramCachedLibrary* ProgramCachedLibrary::Ins()
 {
-    ProgramCachedLibrary* library = g_library.load(std::memory_order_acquire);
-    if (library)
-        return library;
-    std::lock_guard<std::mutex> guard(g_insLock);
-    library = g_library.load(std::memory_order_relaxed);
-    if (!library)
-    {
-        library = new ProgramCachedLibrary();
-        g_library.store(library, std::memory_order_release);
-    }
-    return library;
+    CriticalSection::Scope scope(g_libraryLock);
+    if (!g_library)
+        g_library = new ProgramCachedLibrary();
+    return g_library;
 }
 
 void ProgramCachedLibrary::Destroy()
 {
-    std::lock_guard<std::mutex> guard(g_insLock);
-    delete g_library.exchange(nullptr);
+    CriticalSection::Scope scope(g_libraryLock);
+    delete g_library;
+    g_library = nullptr;
 }
 
 void ProgramCachedLibrary::SetFilePath(const WString& path)
 {
-    std::lock_guard<std::mutex> guard(m_impl->lock);
+    CriticalSection::Scope scope(m_impl->Lock);
     m_impl->Close();
-    m_impl->Clear();
-    m_impl->unusable = false;
-    m_impl->path = path;
+    m_impl->Replaced.clear();
+    m_impl->Path = path;
+    m_impl->PathSet = !path.IsEmpty();
+    m_impl->OpenFailed = false;
 }
 
 WString ProgramCachedLibrary::GetFilePath()
 {
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    return m_impl->path;
+    CriticalSection::Scope scope(m_impl->Lock);
+    if (m_impl->PathSet)
+        return m_impl->Path;
+    WString dir = GetEngineCacheDirectory();
+    return dir.IsEmpty() ? dir : dir + u"shader.cache";
 }
 
-bool ProgramCachedLibrary::GetKey(Key& key, BaseProgram* program, uint64 unitHash)
-{
-    if (!program)
-        return false;
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    m_impl->Open();
-    return m_impl->MakeKey(key, program, unitHash);
-}
+// --- Reading -----------------------------------------------------------------------
 
-const ProgramCachedLibrary::Record* ProgramCachedLibrary::Find(const Key& key)
+bool ProgramCachedLibrary::Impl::Adopt(const ParsedTail& tail, uint32 tableOffset, uint64 end)
 {
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    if (!m_impl->Open())
-        return nullptr;
-    return m_impl->Find(key);
-}
-
-const ProgramCachedLibrary::Record* ProgramCachedLibrary::Find(BaseProgram* program, uint64 unitHash)
-{
-    if (!program)
-        return nullptr;
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    Key key;
-    if (!m_impl->Open() || !m_impl->MakeKey(key, program, unitHash))
-        return nullptr;
-    return m_impl->Find(key);
-}
-
-unsigned ProgramCachedLibrary::GetCount()
-{
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    m_impl->Open();
-    return unsigned(m_impl->records.size());
-}
-
-uint32 ProgramCachedLibrary::GetNameId(unsigned table, const AString& text)
-{
-    if (table >= kTables || text.IsEmpty())
-        return 0;
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    // Ids are the file's: its tables come first.
-    m_impl->Open();
-    return m_impl->EnterName(table, std::string(text.c_str(), text.Length()));
-}
-
-const ProgramCachedLibrary::Record* ProgramCachedLibrary::CacheStages(const Key& key, const void* const codes[6],
-                                                                      const uint32 sizes[6])
-{
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    if (!m_impl->Open())
-        return nullptr;
-    if (const Record* found = m_impl->Find(key))
-        return found;
-    return m_impl->Append(key, codes, sizes);
-}
-
-bool ProgramCachedLibrary::ReadStages(const Record& record, TArray<uint8> codes[6])
-{
-    std::vector<uint8> chunk;
-    std::vector<Impl::Span> spans;
+    Clear();
+    for (unsigned t = 0; t < kTables; ++t)
+        for (const NameEntry& e : tail.Tables[t])
+        {
+            Tables[t].Names.emplace(e.Name, e);
+            Tables[t].NextId = std::max(Tables[t].NextId, e.Id + 1);
+        }
+    for (const Record& rec : tail.Records)
     {
-        std::lock_guard<std::mutex> guard(m_impl->lock);
-        if (!m_impl->Open() || !m_impl->ReadStages(record, chunk, spans))
-            return false;
+        Entry entry;
+        entry.Rec.reset(new Record(rec));
+        Records.emplace(rec.ProgramKey, std::move(entry));
+        ChunkEnd = std::max<uint64>(ChunkEnd, uint64(rec.Offset) + rec.Size);
     }
-    for (unsigned s = 0; s < kStages; ++s)
-        codes[s].Clear();
-    for (const Impl::Span& span : spans)
+    FileEnd = end;
+    (void)tableOffset;
+    return true;
+}
+
+// Footer and tail at `end` (the end of the whole library, footer included).
+static bool ParseAt(Stream& stream, uint64 end, ParsedTail& tail, uint32& tableOffset, std::string& why)
+{
+    uint8 footer[kFooterSize];
+    if (!ReadAt(stream, end - kFooterSize, footer, kFooterSize))
     {
-        if (!codes[span.stage].SetCount(span.size))
-            return false;
-        memcpy(codes[span.stage].Data(), chunk.data() + span.offset, span.size);
+        why = "its footer cannot be read";
+        return false;
+    }
+    if (std::memcmp(footer, kFooterMagic, 4) != 0)
+    {
+        why = "no \"CCPC\" footer";
+        return false;
+    }
+    uint32 count = GetU32(footer + 4);
+    tableOffset = GetU32(footer + 8);
+    uint64 body = end - kFooterSize;
+    if (tableOffset > body)
+    {
+        why = Printf("its tables would start at %u, past the footer at %llu", tableOffset, (unsigned long long)body);
+        return false;
+    }
+    uint64 tailSize = body - tableOffset;
+    if (uint64(count) * kRecordSize > tailSize)
+    {
+        why = Printf("%u records cannot fit in %llu bytes", count, (unsigned long long)tailSize);
+        return false;
+    }
+    if (tailSize > kMaxTail)
+    {
+        why = Printf("%llu bytes of tables", (unsigned long long)tailSize);
+        return false;
+    }
+    std::vector<uint8> bytes(tailSize);
+    if (!ReadAt(stream, tableOffset, bytes.data(), tailSize))
+    {
+        why = "its tables cannot be read";
+        return false;
+    }
+    std::vector<std::string> problems;
+    ParseTail(bytes.data(), tailSize, count, tableOffset, tail, problems);
+    if (!problems.empty())
+    {
+        why = problems.front();
+        return false;
     }
     return true;
 }
 
-const ProgramCachedLibrary::Record* ProgramCachedLibrary::Cache(BaseProgram* program, uint64 unitHash)
+// An append cut short leaves junk behind the previous footer, which is
+// whole: look back for the last footer whose library holds together.
+bool ProgramCachedLibrary::Impl::Recover(Stream& stream, uint64 size, uint64& end)
 {
-    if (!program || program->IsFailed())
-        return nullptr;
-    const void* codes[kStages] = {};
-    uint32 sizes[kStages] = {};
-    if (program->IsCompute())
+    uint64 low = size > kMaxRecoveryScan ? size - kMaxRecoveryScan : 0;
+    unsigned candidates = 0;
+    const uint64 block = 1u << 16;
+    std::vector<uint8> buf(block + 3);
+    uint64 hi = size - kFooterSize; // a candidate footer starts below this
+    while (hi > low && candidates < kMaxRecoveryCandidates)
     {
-        Shader* cs = program->GetShader(ShaderType::Compute);
-        if (!cs || !cs->GetShaderCode() || cs->GetShaderCodeSize() == 0)
-            return nullptr;
-        codes[unsigned(ShaderType::Compute)] = cs->GetShaderCode();
-        sizes[unsigned(ShaderType::Compute)] = cs->GetShaderCodeSize();
-    }
-    else
-    {
-        for (unsigned s = 0; s < unsigned(ShaderType::Compute); ++s)
+        uint64 start = hi > low + block ? hi - block : low;
+        uint64 len = std::min<uint64>(hi - start + 3, size - start);
+        if (!ReadAt(stream, start, buf.data(), len))
+            return false;
+        for (uint64 i = hi - start; i-- > 0 && candidates < kMaxRecoveryCandidates;)
         {
-            Shader* shader = program->GetShader(ShaderType(s));
-            if (shader && shader->GetShaderCode() && shader->GetShaderCodeSize() != 0)
+            if (i + 4 > len || std::memcmp(buf.data() + i, kFooterMagic, 4) != 0)
+                continue;
+            ++candidates;
+            uint64 candidateEnd = start + i + kFooterSize;
+            ParsedTail tail;
+            uint32 tableOffset = 0;
+            std::string ignored;
+            if (ParseAt(stream, candidateEnd, tail, tableOffset, ignored))
             {
-                codes[s] = shader->GetShaderCode();
-                sizes[s] = shader->GetShaderCodeSize();
+                Adopt(tail, tableOffset, candidateEnd);
+                end = candidateEnd;
+                return true;
             }
         }
-        if (!codes[unsigned(ShaderType::Vertex)] || !codes[unsigned(ShaderType::Pixel)])
-            return nullptr;
+        hi = start;
     }
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    Key key;
-    if (!m_impl->Open() || !m_impl->MakeKey(key, program, unitHash))
-        return nullptr;
-    if (const Record* found = m_impl->Find(key))
-        return found;
-    return m_impl->Append(key, codes, sizes);
+    return false;
 }
 
-bool ProgramCachedLibrary::LoadFromCache(BaseProgram* program, uint64 unitHash)
+HeaderState ProgramCachedLibrary::Impl::Load(Stream& stream, std::string& why)
 {
-    if (!program)
-        return false;
-    const uint32 expected = ExpectedStages(program);
-    std::vector<uint8> chunk;
-    std::vector<Impl::Span> spans;
+    Clear();
+    int64 size = stream.GetSize();
+    if (size < int64(kFooterSize))
     {
-        std::lock_guard<std::mutex> guard(m_impl->lock);
-        Key key;
-        if (!m_impl->Open() || !m_impl->MakeKey(key, program, unitHash))
-            return false;
-        const Record* record = m_impl->Find(key);
-        if (!record || record->StageMask != expected || !m_impl->ReadStages(*record, chunk, spans))
-            return false;
+        if (size > 0)
+        {
+            why = Printf("%lld bytes, shorter than a footer", (long long)size);
+            return HeaderState::Damaged;
+        }
+        return HeaderState::Empty;
     }
-    ShaderFactory* factory = ShaderFactory::Get();
-    if (!factory)
-        return false;
-    // Every stage made before any is set, so a failure leaves the program as
-    // it was.
-    Ptr<Shader> shaders[kStages];
-    for (const Impl::Span& span : spans)
+    if (uint64(size) > 0xFFFFFFFFull)
     {
-        void* code = malloc(span.size ? span.size : 1);
-        if (!code)
-            return false;
-        memcpy(code, chunk.data() + span.offset, span.size);
-        shaders[span.stage] = factory->CreateShader(ShaderType(span.stage), code, span.size);
-        if (!shaders[span.stage])
-            return false;
+        why = "larger than 4 GiB";
+        return HeaderState::Damaged;
     }
-    for (unsigned s = 0; s < kStages; ++s)
-        if (shaders[s])
-            program->SetShader(ShaderType(s), shaders[s]);
-    return true;
+    ParsedTail tail;
+    uint32 tableOffset = 0;
+    if (ParseAt(stream, uint64(size), tail, tableOffset, why))
+    {
+        Adopt(tail, tableOffset, uint64(size));
+        return HeaderState::Whole;
+    }
+    return HeaderState::Damaged;
 }
 
 bool ProgramCachedLibrary::LoadHeader(Stream& stream)
 {
-    const int64 size = stream.GetSize();
-    ReadAt read = [&stream](uint64 offset, uint32 count, void* out) {
-        if (count > 0x7FFFFFFFu)
-            return false;
-        stream.Seek(int64(offset), Stream::Begin);
-        return stream.Read(out, int(count));
-    };
-    Parsed parsed;
-    Problems problems;
-    if (size >= 0)
-        Parse(read, uint64(size), parsed, problems);
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    if (size < 0 || problems.Any())
+    CriticalSection::Scope scope(m_impl->Lock);
+    std::string why;
+    return m_impl->Load(stream, why) == HeaderState::Whole;
+}
+
+// Writes an empty file beside the damaged one and renames it over it.
+bool ProgramCachedLibrary::Impl::ReplaceWhole()
+{
+    if (File)
+        File->Close();
+    File = nullptr;
+    Clear();
+    std::string path = ToUtf8(Path);
+    std::string fresh = path + ".new";
+    int fd = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return false;
+    ::close(fd);
+    if (std::rename(fresh.c_str(), path.c_str()) != 0)
     {
-        m_impl->Clear();
+        ::unlink(fresh.c_str());
         return false;
     }
-    m_impl->Adopt(parsed);
+    Ptr<FileStream> file(new FileStream(Path));
+    file->SetReadWrite();
+    if (!file->Open())
+        return false;
+    File = file;
+    return true;
+}
+
+bool ProgramCachedLibrary::Impl::Open()
+{
+    if (File)
+        return true;
+    if (OpenFailed)
+        return false;
+    if (!PathSet)
+    {
+        WString dir = GetEngineCacheDirectory();
+        if (dir.IsEmpty())
+        {
+            OpenFailed = true;
+            return false;
+        }
+        Path = dir + u"shader.cache";
+    }
+    Ptr<FileStream> file(new FileStream(Path));
+    file->SetReadWrite();
+    if (!file->Open())
+    {
+        Log::Format(LOG_WARNING, u"Can't open shader cache %s.\n", Path());
+        OpenFailed = true;
+        return false;
+    }
+    File = file;
+    std::string why;
+    HeaderState state = Load(*File, why);
+    if (state == HeaderState::Damaged)
+    {
+        uint64 end = 0;
+        int64 size = File->GetSize();
+        if (size >= int64(kFooterSize) && Recover(*File, uint64(size), end))
+        {
+            Log::Format(LOG_WARNING, u"Shader cache %s: its last write was cut short; %u programs kept.\n", Path(),
+                        unsigned(Records.size()));
+            ::ftruncate(int(intptr_t(File->GetHandle())), off_t(end));
+        }
+        else
+        {
+            Log::Format(LOG_WARNING, u"Shader cache %s is damaged (%hs); a new one replaces it.\n", Path(),
+                        why.c_str());
+            if (!ReplaceWhole())
+            {
+                Log::Format(LOG_WARNING, u"Can't replace shader cache %s.\n", Path());
+                Clear();
+                File = nullptr;
+                OpenFailed = true;
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// --- Writing -----------------------------------------------------------------------
+
+bool ProgramCachedLibrary::Impl::Save(Stream& stream)
+{
+    std::vector<uint8> tail;
+    for (const NameTable& t : Tables)
+        t.Append(tail);
+    for (const auto& [key, entry] : Records)
+    {
+        const Record& r = *entry.Rec;
+        for (uint32 w : r.ProgramKey.Words)
+            PutU32(tail, w);
+        PutU32(tail, r.Offset);
+        PutU32(tail, r.Size);
+        PutU32(tail, r.StageMask);
+        PutU32(tail, r.Hash);
+    }
+    uint64 end = TailPos + tail.size() + kFooterSize;
+    if (end > 0xFFFFFFFFull || tail.size() > kMaxTail)
+    {
+        Log::Print(LOG_WARNING, u"Shader cache is full.\n");
+        return false;
+    }
+    std::vector<uint8> footer(kFooterMagic, kFooterMagic + 4);
+    PutU32(footer, uint32(Records.size()));
+    PutU32(footer, uint32(TailPos));
+    // The footer last: until it stands, the file's end is not a library.
+    if (!WriteAt(stream, TailPos, tail.data(), tail.size()) ||
+        !WriteAt(stream, TailPos + tail.size(), footer.data(), footer.size()))
+    {
+        Log::Print(LOG_WARNING, u"Can't write shader cache.\n");
+        return false;
+    }
+    if (stream.IsFileStream() && uint64(stream.GetSize()) > end)
+        ::ftruncate(int(intptr_t(static_cast<FileStream&>(stream).GetHandle())), off_t(end));
+    FileEnd = end;
     return true;
 }
 
 bool ProgramCachedLibrary::SaveHeader(Stream& stream)
 {
-    std::lock_guard<std::mutex> guard(m_impl->lock);
-    std::string header = BuildHeader(m_impl->tables, m_impl->records);
-    std::string footer = BuildFooter(uint32(m_impl->records.size()), m_impl->writePos);
-    stream.Seek(m_impl->writePos, Stream::Begin);
-    return stream.Write(header.data(), int(header.size())) && stream.Write(footer.data(), int(footer.size()));
+    CriticalSection::Scope scope(m_impl->Lock);
+    m_impl->TailPos = std::max(m_impl->ChunkEnd, m_impl->TailPos);
+    return m_impl->Save(stream);
 }
+
+// --- Keys --------------------------------------------------------------------------
 
 AString ProgramCachedLibrary::MakeConfigText(const PGCodeConf* conf, uint64 hash)
 {
-    if (!conf || !conf->GetParent() || conf->GetParent()->GetPath().IsEmpty())
+    if (!conf)
         return AString();
-    WString path = conf->GetParent()->GetPath();
-    if (!StreamManager::Ins()->MakeRelativePath(path, nullptr))
+    WString path;
+    if (const PGCode* code = conf->GetParent())
+        path = code->GetPath();
+    if (!path.IsEmpty())
     {
-        // Loose templates: the path from the root when below it, else as
-        // given (the text's hash keeps it honest either way).
-        path = conf->GetParent()->GetPath();
-        const unsigned rootLength = g_kovexRootPath.Length();
-        if (rootLength != 0 && path.Length() > rootLength && path.SubString(0, rootLength) == g_kovexRootPath)
-            path = path.SubString(rootLength);
+        WString relative(path);
+        if (!StreamManager::Ins()->MakeRelativePath(relative, nullptr))
+        {
+            // A template outside every package: relative to the root.
+            if (g_kovexRootPath.IsEmpty() || !path.StartsWith(g_kovexRootPath()))
+                return AString();
+            relative = path.SubString(g_kovexRootPath.Length());
+        }
+        path = relative;
     }
-    return AString(MakeKeyText(conf, path, hash).c_str());
+    char hex[24];
+    std::snprintf(hex, sizeof hex, "#%016llx", (unsigned long long)hash);
+    std::string text = ToUtf8(conf->GetName().Get()) + "@" + ToUtf8(path) + hex;
+    return AString(text.c_str(), unsigned(text.size()));
 }
 
 AString ProgramCachedLibrary::MakeMacroString()
 {
     const Ptr<Renderer>& renderer = Renderer::Get();
-    if (!renderer)
-        return AString("[PLATFORM=none];");
-    std::string text = Printf("[PLATFORM=%d];", int(renderer->GetPlatform()));
-    if (renderer->GetHWCapability())
+    AString out;
+    out.Format("[PLATFORM=%d];", renderer ? int(renderer->GetPlatform()) : -1);
+    if (renderer && renderer->GetHWCapability())
     {
         AString macros;
         renderer->GetHWCapability()->GetMacroString(macros);
-        text.append(macros.c_str(), macros.Length());
+        out += macros;
     }
-    return AString(text.c_str());
+    return out;
 }
 
-namespace {
-
-void FillInspection(const ReadAt& read, uint64 size, ProgramCachedLibrary::Inspection& out)
+static uint64 HashText(const AString& text)
 {
-    out = ProgramCachedLibrary::Inspection();
-    out.FileSize = size;
-    if (size == 0)
+    uint64 h = 1469598103934665603ull;
+    for (unsigned i = 0; i < text.Length(); ++i)
+        h = (h ^ uint8(text()[i])) * 1099511628211ull;
+    return h;
+}
+
+bool ProgramCachedLibrary::GetKey(Key& key, BaseProgram* program, uint64 unitHash)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    return m_impl->KeyOf(key, program, unitHash);
+}
+
+bool ProgramCachedLibrary::Impl::KeyOf(Key& key, BaseProgram* program, uint64 unitHash)
+{
+    if (!program)
+        return false;
+    const PGCodeConf* configs[3] = {nullptr, nullptr, nullptr};
+    unsigned count = 0;
+    program->GetConfigs(configs, count);
+    if (count == 0)
     {
-        out.Empty = true;
+        Log::Print(LOG_WARNING, u"Shader cache: a program without configurations has no key.\n");
+        return false;
+    }
+    const PGCodeConf* fw = configs[0];
+    const PGCodeConf* ab = nullptr;
+    const PGCodeConf* mt = nullptr;
+    if (!program->IsCompute())
+    {
+        const Program* drawing = dynamic_cast<const Program*>(program);
+        if (!drawing)
+        {
+            Log::Print(LOG_WARNING, u"Shader cache: a program without configurations has no key.\n");
+            return false;
+        }
+        fw = drawing->GetConfFW();
+        ab = drawing->GetConfAB();
+        mt = drawing->GetConfMT();
+    }
+    auto id = [&](unsigned table, const PGCodeConf* conf, uint64 hash, uint32& out) {
+        if (!conf)
+        {
+            out = 0;
+            return true;
+        }
+        AString text = MakeConfigText(conf, hash);
+        if (text.IsEmpty())
+        {
+            Log::Format(LOG_WARNING, u"Shader cache: the template path of configuration %s can't be made relative.\n",
+                        conf->GetName().Get()());
+            return false;
+        }
+        out = Tables[table].Get(std::string(text(), text.Length()));
+        return true;
+    };
+    Key k;
+    AString macros = MakeMacroString();
+    k.Words[3] = Tables[0].Get(std::string(macros(), macros.Length()));
+    if (!id(1, fw, unitHash, k.Words[1]) || !id(2, ab, ab ? HashText(ab->GetCode()) : 0, k.Words[0]) ||
+        !id(3, mt, mt ? HashText(mt->GetCode()) : 0, k.Words[2]))
+        return false;
+    key = k;
+    return true;
+}
+
+const ProgramCachedLibrary::Record* ProgramCachedLibrary::Find(const Key& key)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    return m_impl->Open() ? m_impl->FindKey(key) : nullptr;
+}
+
+const ProgramCachedLibrary::Record* ProgramCachedLibrary::Find(BaseProgram* program, uint64 unitHash)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    Key key;
+    if (!m_impl->Open() || !m_impl->KeyOf(key, program, unitHash))
+        return nullptr;
+    return m_impl->FindKey(key);
+}
+
+unsigned ProgramCachedLibrary::GetCount()
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    return m_impl->Open() ? unsigned(m_impl->Records.size()) : 0u;
+}
+
+// --- Programs ----------------------------------------------------------------------
+
+const ProgramCachedLibrary::Record* ProgramCachedLibrary::Cache(BaseProgram* program, uint64 unitHash)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    if (!program || program->GetState() == GraphicsObject::Failed)
+        return nullptr;
+    Shader* stages[BaseProgram::kStages] = {};
+    uint32 mask = 0;
+    if (program->IsCompute())
+    {
+        Shader* shader = program->GetShader(ShaderType::Compute);
+        if (shader && shader->GetShaderCode() && shader->GetShaderCodeSize())
+        {
+            stages[ShaderType::Compute] = shader;
+            mask = kComputeMask;
+        }
+    }
+    else
+    {
+        for (unsigned s = 0; s < ShaderType::Compute; ++s)
+        {
+            Shader* shader = program->GetShader(ShaderType(int(s)));
+            if (shader && shader->GetShaderCode() && shader->GetShaderCodeSize())
+            {
+                stages[s] = shader;
+                mask |= 1u << s;
+            }
+        }
+        if ((mask & 3u) != 3u)
+            mask = 0;
+    }
+    if (!mask)
+    {
+        Log::Print(LOG_NOTICE, u"Shader cache: a program without its first stages is not cached.\n");
+        return nullptr;
+    }
+    Key key;
+    if (!m_impl->Open() || !m_impl->KeyOf(key, program, unitHash))
+        return nullptr;
+    auto found = m_impl->Records.find(key);
+    if (found != m_impl->Records.end() && !found->second.Damaged)
+        return found->second.Rec.get();
+
+    const void* codes[BaseProgram::kStages] = {};
+    uint32 sizes[BaseProgram::kStages] = {};
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+        if (stages[s])
+        {
+            codes[s] = stages[s]->GetShaderCode();
+            sizes[s] = stages[s]->GetShaderCodeSize();
+        }
+    return m_impl->Append(key, codes, sizes, mask);
+}
+
+// Writes a chunk of the given stages under `key` (a damaged entry of that
+// key is replaced) and the header behind it.
+const ProgramCachedLibrary::Record* ProgramCachedLibrary::Impl::Append(const Key& key, const void* const codes[],
+                                                                       const uint32 sizes[], uint32 mask)
+{
+    auto found = Records.find(key);
+    std::vector<uint8> chunk;
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+    {
+        if (!(mask & (1u << s)))
+            continue;
+        chunk.insert(chunk.end(), {uint8(kStageTags[s][0]), uint8(kStageTags[s][1]), 0, 0});
+        PutU32(chunk, sizes[s]);
+        const uint8* code = static_cast<const uint8*>(codes[s]);
+        chunk.insert(chunk.end(), code, code + sizes[s]);
+    }
+    Impl& im = *this;
+    uint64 chunkPos = im.ChunkEnd;
+    if (chunkPos + chunk.size() > 0xFFFFFFFFull)
+    {
+        Log::Print(LOG_WARNING, u"Shader cache is full.\n");
+        return nullptr;
+    }
+    std::unique_ptr<Record> rec(new Record);
+    rec->ProgramKey = key;
+    rec->Offset = uint32(chunkPos);
+    rec->Size = uint32(chunk.size());
+    rec->StageMask = mask;
+    rec->Hash = HashBytes(chunk.data(), chunk.size());
+    const Record* result = rec.get();
+    if (found != im.Records.end())
+    {
+        im.Replaced.push_back(std::move(found->second.Rec));
+        found->second.Rec = std::move(rec);
+        found->second.Damaged = false;
+    }
+    else
+    {
+        Entry entry;
+        entry.Rec = std::move(rec);
+        found = im.Records.emplace(key, std::move(entry)).first;
+    }
+    // The tables go behind both the new chunk and the file as it stands, so
+    // the old library stays whole until the new footer is written; the
+    // chunk is written after, over the old tables, checked by its hash.
+    uint64 oldChunkEnd = im.ChunkEnd;
+    im.ChunkEnd = chunkPos + chunk.size();
+    im.TailPos = std::max(im.ChunkEnd, im.FileEnd);
+    if (!im.Save(*im.File) || !WriteAt(*im.File, chunkPos, chunk.data(), chunk.size()))
+    {
+        Log::Print(LOG_WARNING, u"Can't write shader cache.\n");
+        im.Records.erase(found);
+        im.ChunkEnd = oldChunkEnd;
+        return nullptr;
+    }
+    im.CompactIfSparse();
+    return result;
+}
+
+// Appends leave the old tables behind as dead bytes when the new chunk is
+// smaller than they are. When those outweigh what is alive, the library is
+// written whole beside the file and renamed over it (a crash leaves one or
+// the other). Damaged entries are dropped on the way.
+void ProgramCachedLibrary::Impl::CompactIfSparse()
+{
+    uint64 live = FileEnd - TailPos;
+    for (const auto& [key, entry] : Records)
+        live += entry.Damaged ? 0 : entry.Rec->Size;
+    if (FileEnd - live <= std::max<uint64>(kCompactSlack, live))
+        return;
+    std::vector<uint8> chunks;
+    std::map<Key, uint32> offsets;
+    for (const auto& [key, entry] : Records)
+    {
+        if (entry.Damaged)
+            continue;
+        size_t at = chunks.size();
+        chunks.resize(at + entry.Rec->Size);
+        if (!ReadAt(*File, entry.Rec->Offset, chunks.data() + at, entry.Rec->Size))
+            return;
+        offsets[key] = uint32(at);
+    }
+    std::string path = ToUtf8(Path);
+    WString freshPath = Path + u".new";
+    Ptr<FileStream> fresh(new FileStream(freshPath));
+    fresh->SetWriteOnly();
+    if (!fresh->Open())
+        return;
+    // Save writes the records as they stand: give them their new places
+    // first, and take them back when the file cannot be made.
+    std::map<Key, uint32> before;
+    for (auto& [key, entry] : Records)
+        before[key] = entry.Rec->Offset;
+    for (auto it = Records.begin(); it != Records.end();)
+    {
+        if (it->second.Damaged)
+        {
+            Replaced.push_back(std::move(it->second.Rec));
+            it = Records.erase(it);
+            continue;
+        }
+        it->second.Rec->Offset = offsets[it->first];
+        ++it;
+    }
+    uint64 oldTail = TailPos, oldEnd = FileEnd;
+    TailPos = chunks.size();
+    bool written = WriteAt(*fresh, 0, chunks.data(), chunks.size()) && Save(*fresh);
+    fresh->Close();
+    if (!written || std::rename(ToUtf8(freshPath).c_str(), path.c_str()) != 0)
+    {
+        ::unlink(ToUtf8(freshPath).c_str());
+        for (auto& [key, entry] : Records)
+            entry.Rec->Offset = before[key];
+        TailPos = oldTail;
+        FileEnd = oldEnd;
         return;
     }
-    Parsed parsed;
-    Problems problems;
-    Parse(read, size, parsed, problems);
-    out.Count = parsed.count;
-    out.TableOffset = parsed.tableOffset;
-    for (unsigned t = 0; t < kTables; ++t)
-        for (const auto& e : parsed.tables[t].entries)
-            out.TableNames[t].Add(AString(Printf("%u\t", e.first).c_str()) + AString(e.second.c_str()));
-    auto text = [&](unsigned table, uint32 id) {
-        const std::string* s = id ? parsed.tables[table].Text(id) : nullptr;
-        return s ? AString(s->c_str()) : AString();
-    };
-    for (size_t i = 0; i < parsed.records.size(); ++i)
+    Ptr<FileStream> file(new FileStream(Path));
+    file->SetReadWrite();
+    File->Close();
+    File = file->Open() ? file : Ptr<FileStream>();
+    ChunkEnd = chunks.size();
+    if (!File)
     {
-        ProgramCachedLibrary::InspectedRecord rec;
-        rec.Entry = parsed.records[i];
-        const uint32* k = rec.Entry.ProgramKey.Words;
-        rec.MacroString = text(0, k[3]);
-        rec.Framework = text(1, k[1]);
-        rec.Attribute = text(2, k[0]);
-        rec.Material = text(3, k[2]);
-        for (const auto& stage : parsed.stages[i])
-        {
-            rec.StageTags.Add(AString(stage.first.c_str()));
-            rec.StageSizes.Add(stage.second);
-        }
-        out.Records.Add(rec);
+        Log::Format(LOG_WARNING, u"Can't open shader cache %s.\n", Path());
+        Clear();
+        OpenFailed = true;
     }
-    for (const std::string& line : problems.lines)
-        out.Problems.Add(AString(line.c_str()));
-    if (problems.total > problems.lines.size())
-        out.Problems.Add(AString(Printf("%zu more", problems.total - problems.lines.size()).c_str()));
 }
 
-} // namespace
+static uint32 ExpectedMask(BaseProgram* program)
+{
+    if (program->IsCompute())
+        return kComputeMask;
+    uint32 mask = 3u;
+    const Program* drawing = dynamic_cast<const Program*>(program);
+    const PGConfFW* fw = drawing ? drawing->GetConfFW() : nullptr;
+    if (fw && fw->UsesGeometryStage())
+        mask |= 1u << ShaderType::Geometry;
+    const Ptr<Renderer>& renderer = Renderer::Get();
+    bool tessellation = renderer && renderer->GetHWCapability() && renderer->GetHWCapability()->SupportTessellation;
+    if (fw && drawing->GetConfMT() && drawing->GetConfMT()->IsTessellation() && tessellation &&
+        fw->IsTessellationAware())
+        mask |= (1u << ShaderType::Hull) | (1u << ShaderType::Domain);
+    return mask;
+}
+
+bool ProgramCachedLibrary::LoadFromCache(BaseProgram* program, uint64 unitHash)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    if (!program)
+        return false;
+    Key key;
+    if (!m_impl->Open() || !m_impl->KeyOf(key, program, unitHash))
+        return false;
+    auto found = m_impl->Records.find(key);
+    if (found == m_impl->Records.end() || found->second.Damaged)
+        return false;
+    const Record& rec = *found->second.Rec;
+    if (rec.StageMask != ExpectedMask(program))
+        return false;
+    std::vector<uint8> chunk(rec.Size);
+    std::string why;
+    if (!ReadAt(*m_impl->File, rec.Offset, chunk.data(), rec.Size))
+        why = "it cannot be read";
+    else
+        why = CheckChunk(chunk.data(), rec, nullptr);
+    if (!why.empty())
+    {
+        Log::Format(LOG_WARNING, u"Shader cache: the entry at %u is damaged (%hs); the program compiles.\n", rec.Offset,
+                    why.c_str());
+        found->second.Damaged = true;
+        return false;
+    }
+    ShaderFactory* factory = ShaderFactory::Get();
+    if (!factory)
+        return false;
+    Ptr<Shader> shaders[BaseProgram::kStages];
+    uint64 at = 0;
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+    {
+        if (!(rec.StageMask & (1u << s)))
+            continue;
+        uint32 size = GetU32(chunk.data() + at + 4);
+        void* code = std::malloc(size);
+        if (!code)
+            return false;
+        std::memcpy(code, chunk.data() + at + 8, size);
+        shaders[s] = factory->CreateShader(ShaderType(int(s)), code, size);
+        if (!shaders[s])
+            return false;
+        at += 8 + uint64(size);
+    }
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+        if (shaders[s])
+            program->SetShader(ShaderType(int(s)), shaders[s]);
+    return true;
+}
+
+uint32 ProgramCachedLibrary::GetNameId(unsigned table, const AString& text)
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    if (table >= kTables || !m_impl->Open())
+        return 0;
+    return m_impl->Tables[table].Get(std::string(text(), text.Length()));
+}
+
+const ProgramCachedLibrary::Record* ProgramCachedLibrary::CacheStages(const Key& key, const void* const codes[6],
+                                                                      const uint32 sizes[6])
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    uint32 mask = 0;
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+        if (codes[s] && sizes[s])
+        {
+            if (sizes[s] % 4 != 0)
+                return nullptr;
+            mask |= 1u << s;
+        }
+    bool compute = mask == kComputeMask;
+    if (!compute && ((mask & 3u) != 3u || (mask & kComputeMask)))
+        return nullptr;
+    if (!m_impl->Open())
+        return nullptr;
+    if (const Record* listed = m_impl->FindKey(key))
+        return listed;
+    return m_impl->Append(key, codes, sizes, mask);
+}
+
+bool ProgramCachedLibrary::ReadStages(const Record& record, TArray<uint8> codes[6])
+{
+    CriticalSection::Scope scope(m_impl->Lock);
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+        codes[s].Clear();
+    if (!m_impl->Open() || record.Size == 0)
+        return false;
+    std::vector<uint8> chunk(record.Size);
+    if (!ReadAt(*m_impl->File, record.Offset, chunk.data(), record.Size) ||
+        !CheckChunk(chunk.data(), record, nullptr).empty())
+        return false;
+    uint64 at = 0;
+    for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+    {
+        if (!(record.StageMask & (1u << s)))
+            continue;
+        uint32 size = GetU32(chunk.data() + at + 4);
+        if (!codes[s].SetCount(size))
+            return false;
+        std::memcpy(codes[s].begin(), chunk.data() + at + 8, size);
+        at += 8 + uint64(size);
+    }
+    return true;
+}
+
+// --- Inspection --------------------------------------------------------------------
 
 void ProgramCachedLibrary::InspectBytes(const uint8* data, uint64 size, Inspection& out)
 {
-    ReadAt read = [data, size](uint64 offset, uint32 count, void* dst) {
-        if (offset > size || count > size - offset)
-            return false;
-        memcpy(dst, data + offset, count);
-        return true;
+    out = Inspection();
+    out.FileSize = size;
+    auto problem = [&](const std::string& text) { out.Problems.Add(AString(text.c_str(), unsigned(text.size()))); };
+    if (size < kFooterSize)
+    {
+        out.Empty = size == 0;
+        if (size)
+            problem(Printf("%llu bytes, shorter than a footer", (unsigned long long)size));
+        return;
+    }
+    const uint8* footer = data + size - kFooterSize;
+    if (std::memcmp(footer, kFooterMagic, 4) != 0)
+    {
+        problem("no \"CCPC\" footer");
+        return;
+    }
+    out.Count = GetU32(footer + 4);
+    out.TableOffset = GetU32(footer + 8);
+    uint64 body = size - kFooterSize;
+    if (out.TableOffset > body)
+    {
+        problem(Printf("its tables would start at %u, past the footer at %llu", out.TableOffset,
+                       (unsigned long long)body));
+        return;
+    }
+    ParsedTail tail;
+    std::vector<std::string> problems;
+    ParseTail(data + out.TableOffset, body - out.TableOffset, out.Count, out.TableOffset, tail, problems);
+    for (const std::string& p : problems)
+        problem(p);
+    auto nameOf = [&](unsigned t, uint32 id) {
+        const NameEntry* e = tail.Name(t, id);
+        return e ? AString(e->Name.c_str(), unsigned(e->Name.size())) : AString();
     };
-    FillInspection(read, size, out);
+    for (unsigned t = 0; t < kTables; ++t)
+    {
+        for (const NameEntry& e : tail.Tables[t])
+        {
+            AString line;
+            line.Format("%u ", e.Id);
+            line += AString(e.Name.c_str(), unsigned(e.Name.size()));
+            out.TableNames[t].Add(line);
+        }
+    }
+    uint64 checked = 0;
+    for (unsigned r = 0; r < tail.Records.size(); ++r)
+    {
+        const Record& rec = tail.Records[r];
+        InspectedRecord ir;
+        ir.Entry = rec;
+        ir.MacroString = nameOf(0, rec.ProgramKey.MacroString());
+        ir.Framework = nameOf(1, rec.ProgramKey.Framework());
+        ir.Attribute = nameOf(2, rec.ProgramKey.Attribute());
+        ir.Material = nameOf(3, rec.ProgramKey.Material());
+        // Overlapping chunks could make the checks read the file many times
+        // over: they stop once they have read as much as it holds.
+        if (rec.Offset <= out.TableOffset && rec.Size <= out.TableOffset - rec.Offset &&
+            (rec.StageMask & ~kAllStages) == 0 && (checked += rec.Size) <= size)
+        {
+            std::vector<uint32> sizes;
+            std::string why = CheckChunk(data + rec.Offset, rec, &sizes);
+            if (!why.empty())
+                problem(Printf("record %u: chunk at %u: %s", r, rec.Offset, why.c_str()));
+            unsigned i = 0;
+            for (unsigned s = 0; s < BaseProgram::kStages; ++s)
+                if ((rec.StageMask & (1u << s)) && i < sizes.size())
+                {
+                    ir.StageTags.Add(AString(kStageTags[s]));
+                    ir.StageSizes.Add(sizes[i++]);
+                }
+        }
+        out.Records.Add(std::move(ir));
+    }
 }
 
 bool ProgramCachedLibrary::InspectFile(const WString& path, Inspection& out)
 {
     out = Inspection();
-    int fd = open(ToUtf8(path).c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat st;
-    if (fd < 0 || fstat(fd, &st) != 0)
+    std::string native = ToUtf8(path);
+    std::FILE* file = std::fopen(native.c_str(), "rb");
+    if (!file)
     {
-        if (fd >= 0)
-            close(fd);
+        Log::Format(LOG_WARNING, u"Can't open shader cache %s.\n", path());
         return false;
     }
-    // Only the tables, records and stage headers are read.
-    FillInspection(FdReader(fd), uint64(st.st_size), out);
-    close(fd);
+    std::vector<uint8> bytes;
+    uint8 buffer[1 << 16];
+    size_t got;
+    while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0)
+    {
+        if (bytes.size() + got > 0xFFFFFFFFull)
+            break;
+        bytes.insert(bytes.end(), buffer, buffer + got);
+    }
+    bool failed = std::ferror(file) != 0;
+    std::fclose(file);
+    if (failed)
+    {
+        Log::Format(LOG_WARNING, u"Can't read shader cache %s.\n", path());
+        return false;
+    }
+    InspectBytes(bytes.data(), bytes.size(), out);
     return true;
 }
 

@@ -1,52 +1,58 @@
 #pragma once
 
-// "shader.cache": the byte code of compiled programs, kept across runs so a
-// later run skips the compiler. The compiler asks LoadFromCache before it
-// compiles and Cache after a successful compile.
+// "shader.cache": the byte code of compiled programs, kept across runs so
+// that a later run skips the compiler. The compiler asks LoadFromCache
+// before it compiles and Cache after a successful compile; nothing else is
+// needed of it.
 //
 // The file (all integers little-endian u32):
-//   0            program chunks, one after the other; per stage of the
+//   0            program chunks, one after the other (an append may leave
+//                dead bytes between them); per stage of the
 //                record's mask, ascending: tag "SV","SP","SG","SH","SD","SC"
 //                padded with two zero bytes, code size, code bytes
-//   tableOffset  four name tables: hardware macro strings, framework,
-//                attribute, material configurations; each "TCPC", entry
-//                count, blob size, then the blob: UTF-8 names from its
-//                start, 24-byte entries (0, 0, id, spare, name offset, name
-//                length) at its end
+//   tableOffset  four name tables: hardware macro strings (platform
+//                first), framework, attribute, material configurations;
+//                each "TCPC", entry count, blob size, then the blob: UTF-8
+//                names from its start, 24-byte entries (0, 0, id, spare,
+//                name offset, name length) at its end
 //   then         `count` records of 32 bytes sorted by their first 16 bytes:
 //                attribute id, framework id, material id, macro-string id,
 //                chunk offset, chunk size, stage mask (bit n = ShaderType
-//                n), reserved (0)
+//                n), HashBytes of the chunk (the spare word)
 //   end - 12     "CCPC", count, tableOffset
-// A new program's chunk goes where the tables stood; tables, records and
-// footer are written again behind it, the footer last, so a torn append
-// leaves a file that is refused whole (at worst the last program is lost),
-// never misread.
+// A new program's chunk goes behind the last chunk, where the old tables
+// stood; the tables, records and footer are written again behind both the
+// chunk and the file as it stood, the footer last, and only then the chunk
+// (its hash tells a chunk cut short). So a crash in an append loses at most
+// that program: the previous footer is still whole and is found again. The
+// bytes an append leaves dead (old tables under a small chunk) are bounded:
+// when they outweigh the live ones the file is written anew beside itself
+// and renamed over.
 //
-// Keys: a configuration's name text is "name@relative-template-path#hash"
-// (the path with its package alias, else from the root, else as given);
-// the framework's hash is the compiler's hash of the whole preprocessed unit
-// and its macros (unitHash), the attribute's and material's a hash of their
-// own code text, so an edited template never reuses a stale program. The
-// macro-string table keys the device: "[PLATFORM=n];" then the capability
-// macros, so devices and platforms live side by side.
-//
-// When: the compiler tries the cache first when g_kovexLoadShadersFromCache
-// is set and writes to it when g_kovexCacheShaders is, both only where
-// Renderer::AllowCacheShaders holds: Vulkan, and the null renderer too (it
-// reports platform D3D11 and compiles to the same SPIR-V), so tests and
-// tools cache without a device; the platform number in the macro string
-// keeps its programs apart from Vulkan's.
+// Keys: a configuration's name text is "name@relative-template-path#hash";
+// the framework's hash is the compiler's hash of the whole preprocessed
+// unit and its macros (unitHash), the attribute's and the material's a hash
+// of their own code text, so an edited template never reuses a stale
+// program. The macro-string table keys the device: "[PLATFORM=n];" and the
+// capability macros, so devices and platforms live side by side.
 //
 // A file that does not hold together (footer, counts, offsets, sizes,
-// tables, tags) is ignored with one log line and replaced whole by an empty
-// one, written beside it and renamed over it.
+// tables, tags) and has no whole earlier footer is ignored with one log
+// line and replaced whole by an empty one, written beside it and renamed
+// over it. A damaged chunk misses (logged) and is written again by the
+// next Cache of its program.
+//
+// Platforms: the compiler asks the library where Renderer::AllowCacheShaders
+// holds and the switches g_kovexLoadShadersFromCache / g_kovexCacheShaders
+// say so. The null renderer reports the platform it was set up with (D3D11
+// unless told otherwise) and compiles to SPIR-V like Vulkan, so it caches
+// too; that is what the tests use.
 //
 // Threads: every member is safe from any thread; all run under the
-// library's lock, so compile workers share one file. Ins() and Destroy()
-// belong to the thread that starts and ends the engine (Destroy while
-// another thread still calls in is a use after free). Record pointers stay
-// valid until Destroy or SetFilePath.
+// library's lock, so compile workers share one file. A Record handed out
+// stays valid until Destroy; its Offset changes when the file is rewritten.
+// Ins() and Destroy() belong to the thread that starts and ends the engine (Destroy while
+// another thread still calls in is a use after free).
 
 #include "kernel/Containers.h"
 #include "kernel/Strings.h"
@@ -65,6 +71,10 @@ public:
     struct Key
     {
         uint32 Words[4] = {0, 0, 0, 0};
+        uint32 Attribute() const { return Words[0]; }
+        uint32 Framework() const { return Words[1]; }
+        uint32 Material() const { return Words[2]; }
+        uint32 MacroString() const { return Words[3]; }
         bool operator<(const Key& other) const;
         bool operator==(const Key& other) const;
     };
@@ -76,16 +86,16 @@ public:
         uint32 Offset = 0;
         uint32 Size = 0;
         uint32 StageMask = 0;
-        uint32 Reserved = 0;
+        uint32 Hash = 0;
     };
 
-    // What InspectBytes finds in a file, without a renderer.
+    // What InspectFile finds in a file, without a renderer.
     struct InspectedRecord
     {
         Record Entry;
         // The name texts behind the key's ids ("" for 0 or an unknown id).
         AString MacroString, Framework, Attribute, Material;
-        // Per stage of the mask, ascending: tag as read, size of its code.
+        // Per stage of the mask, ascending: tag, size of its code.
         TArray<AString> StageTags;
         TArray<uint32> StageSizes;
     };
@@ -96,10 +106,11 @@ public:
         uint32 TableOffset = 0;
         uint64 FileSize = 0;
         // Names by table (macro strings, framework, attribute, material),
-        // "id<TAB>text" each.
+        // "id text" each.
         TArray<AString> TableNames[4];
         TArray<InspectedRecord> Records;
-        // Every inconsistency found, one line each; empty when sound.
+        // Every inconsistency found, one line each; empty when the file is
+        // sound.
         TArray<AString> Problems;
     };
 
@@ -117,13 +128,13 @@ public:
     // program: true. False on a miss (the compile goes on as normal).
     bool LoadFromCache(BaseProgram* program, uint64 unitHash);
     // Writes a compiled program's stages; the record, or the one already
-    // listed under its key. Null for a null or Failed program, one without
-    // Vertex and Pixel first (compute: without Compute), a file that cannot
-    // be opened or a key that cannot be made.
+    // listed under its key. Null for a null or Failed program, a program
+    // without Vertex and Pixel first (compute: without Compute), a file
+    // that cannot be opened or a key that cannot be made.
     const Record* Cache(BaseProgram* program, uint64 unitHash);
     // The program's ids, new names entered in the tables. False (with a log
-    // line) when a configuration has no template path or the program has no
-    // framework configuration.
+    // line) when a configuration's template path cannot be made relative or
+    // the program has no configuration.
     bool GetKey(Key& key, BaseProgram* program, uint64 unitHash);
     const Record* Find(BaseProgram* program, uint64 unitHash);
     const Record* Find(const Key& key);
@@ -132,33 +143,38 @@ public:
     // footer or does not hold together.
     bool LoadHeader(Stream& stream);
     // Writes tables, records and footer at the write position (behind the
-    // last chunk), footer last.
+    // last chunk) and cuts the stream there.
     bool SaveHeader(Stream& stream);
 
     // Number of programs listed (opens the file when needed).
     unsigned GetCount();
 
-    // Lower-level keys for tools and tests: the id of a text in a table
+    // Lower-level access for tools and tests: the id of a text in a table
     // (0 hardware macro strings, 1 framework, 2 attribute, 3 material),
-    // entered when new.
+    // entered when new (0 for no such table).
     uint32 GetNameId(unsigned table, const AString& text);
-    // Writes stages (code per ShaderType, null/0 where absent) under a key.
+    // Writes stages (code per ShaderType, null/0 where absent; whole words)
+    // under a key, with the stage rules of Cache; the record listed already
+    // under the key when there is one.
     const Record* CacheStages(const Key& key, const void* const codes[6], const uint32 sizes[6]);
-    // Reads a record's stages back (sizes 0 where absent). False on a
-    // short read or a wrong tag.
+    // Reads a record's stages back (empty where absent). False on a short
+    // read, a wrong tag or bytes that do not match their hash.
     bool ReadStages(const Record& record, TArray<uint8> codes[6]);
-
-    // The name text a configuration gets in its table:
-    // "name@relative-template-path#hash"; "" when none can be made.
+    // The name text a configuration gets in its table, "" when none can be
+    // made: "name@relative-template-path#hash".
     static AString MakeConfigText(const PGCodeConf* conf, uint64 hash);
     // "[PLATFORM=n];" and the capability macros of the current renderer.
     static AString MakeMacroString();
 
-    // Checks a cache file's bytes: the records with their keys' texts,
-    // stage tags and sizes, and every inconsistency.
-    static void InspectBytes(const uint8* data, uint64 size, Inspection& out);
-    // The same over a file; false when it cannot be read at all.
+    // Reads a cache file and checks it: the records with their keys' texts,
+    // stage tags and sizes, and every inconsistency. False when the file
+    // cannot be read at all.
     static bool InspectFile(const WString& path, Inspection& out);
+    static void InspectBytes(const uint8* data, uint64 size, Inspection& out);
+
+    // The record's hash word: a multiplicative hash over little-endian
+    // 64-bit words, folded to 32 bits.
+    static uint32 HashBytes(const void* data, uint64 size, uint32 seed = 2166136261u);
 
 private:
     ProgramCachedLibrary();

@@ -22,6 +22,30 @@
 // date resets the renderer at the window's size, which fires the reset
 // delegates; the back buffer is recreated at that size.
 //
+// Multisampling: GraphicsParameters::Extra0 is the number of samples per
+// pixel of the back and depth buffer (0 and 1: one). A count the device
+// cannot render logs a line and takes the highest one below it that it can.
+// The back buffer then draws into a multisampled twin that every draw
+// resolves into it, so reading it back, copying it and presenting it see
+// the resolved pixels; the depth buffer itself is multisampled (it cannot be
+// read back). Other targets have one sample.
+//
+// Colour: GraphicsFormat has no sRGB members, so every 8-bit colour format
+// is UNORM everywhere: render targets, textures and the window's swap
+// chain. A shader writes the bytes it means (0.5 is stored as 128) and
+// sampling returns the stored value; encoding and decoding gamma is the
+// shaders' business. The window shows the back buffer's bytes unconverted.
+//
+// Scissor: while the current rasterizer state has ScissorEnable, draws are
+// cut to Renderer::GetScissorRect (clamped to the targets).
+//
+// Device loss: a submission or wait that reports VK_ERROR_DEVICE_LOST puts
+// the renderer in a lost state, logs one line and runs the device-lost
+// delegates once. From then on recording, submitting and reading back fail,
+// each kind logging one line until the next Reset. Reset clears the state
+// when the device answers again (it fails, with a line, when it does not);
+// destroying the renderer is always safe.
+//
 // Threads: every device operation takes the device lock, so the graphics
 // thread may create objects while the main thread records; the renderer's
 // frame state (Renderer's own) belongs to the thread that draws, as for any
@@ -103,6 +127,17 @@ public:
                       GraphicsTopology topology, IndexBuffer* indices = nullptr);
     // A shader module of SPIR-V words; null, with a log line, when refused.
     VkShaderModule CreateShaderModule(const uint32* code, size_t bytes);
+    // Samples per pixel of the back and depth buffer, as the device gave them.
+    uint32 GetSampleCount() const { return m_samples; }
+    // The highest count the device can render colour and depth with that
+    // is not above `wanted` (at least 1).
+    uint32 SupportedSampleCount(uint32 wanted) const;
+
+    // Test-only: the next frame submission reports VK_ERROR_DEVICE_LOST, as
+    // a lost device would (the commands still run, so the device stays
+    // consistent for the tests that go on after a Reset).
+    void SimulateDeviceLostForTest() { m_simulateLost = true; }
+    bool IsDeviceLost() const { return m_lost; }
     void DestroyShaderModule(VkShaderModule module);
     VulkanPipelineCache& GetPipelines() { return m_pipelines; }
 
@@ -129,6 +164,9 @@ public:
     // Moves the whole image to `layout`, recording the barrier in `cmd`; into
     // TRANSFER_DST always, so that transfer writes in a row are ordered.
     void Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkImageLayout layout);
+    // The same for any image whose layout the caller tracks in `current`.
+    static void TransitionImage(VkCommandBuffer cmd, VkImage image, VkImageAspectFlags aspects,
+                                VkImageLayout& current, VkImageLayout layout);
     // A host-visible buffer of `size` bytes for one transfer; destroyed with
     // DestroyTransferBuffer.
     bool CreateTransferBuffer(uint64 size, VkBuffer& buffer, VulkanAllocation& memory);
@@ -153,6 +191,20 @@ private:
     void CollectGarbage();
     void DrawWithoutProgram();
     void CloseDevice();
+    enum class LostKind
+    {
+        Recording,
+        Submission,
+        ReadBack,
+        Count
+    };
+    // After a VK_ERROR_DEVICE_LOST: the lost state, its line, the delegates.
+    void EnterDeviceLost();
+    // True, logging once per kind, while the device is lost.
+    bool RefuseWhileLost(LostKind kind);
+    void ClearGroup(const RenderTargetGroup& group);
+    void ChooseSamples(uint32 wanted);
+    bool FillScissor(VkRect2D& scissor, VkExtent2D extent) const;
 
     VulkanDevice m_device;
     std::unique_ptr<VulkanSwapChain> m_swapChain;
@@ -179,6 +231,10 @@ private:
     };
     std::vector<Garbage> m_garbage;
     RenderTargetGroup m_bound;
+    uint32 m_samples = 1;
+    bool m_simulateLost = false;
+    bool m_lost = false;
+    bool m_toldLost[int(LostKind::Count)] = {};
     std::atomic<bool> m_toldNoPrograms{false};
 };
 

@@ -92,6 +92,18 @@ bool VulkanSwapChain::QueryWindowSize(uint32& width, uint32& height)
     return true;
 }
 
+bool VulkanSwapChain::IsViewable()
+{
+    xcb_connection_t* connection = Connection(m_connection);
+    xcb_get_window_attributes_reply_t* reply =
+        xcb_get_window_attributes_reply(connection, xcb_get_window_attributes(connection, m_window), nullptr);
+    if (!reply)
+        return false;
+    const bool viewable = reply->map_state == XCB_MAP_STATE_VIEWABLE;
+    free(reply);
+    return viewable;
+}
+
 bool VulkanSwapChain::CreateSwapChain()
 {
     VulkanDevice& device = m_renderer->GetDevice();
@@ -105,10 +117,19 @@ bool VulkanSwapChain::CreateSwapChain()
     vkGetPhysicalDeviceSurfaceFormatsKHR(physical, m_surface, &count, formats.data());
     if (formats.empty())
         return false;
+    // UNORM, so that the window holds the back buffer's bytes (the engine
+    // has no sRGB formats; an sRGB surface would encode them a second time).
     VkSurfaceFormatKHR format = formats[0];
+    bool unorm = false;
     for (const VkSurfaceFormatKHR& f : formats)
-        if (f.format == VK_FORMAT_B8G8R8A8_UNORM)
+        if (!unorm && (f.format == VK_FORMAT_B8G8R8A8_UNORM || f.format == VK_FORMAT_R8G8B8A8_UNORM))
+        {
             format = f;
+            unorm = true;
+        }
+    if (!unorm)
+        Log::Format(LOG_WARNING, u"Vulkan: the window offers no UNORM format; its colours are encoded (format %d).\n",
+                    int(format.format));
     vkGetPhysicalDeviceSurfacePresentModesKHR(physical, m_surface, &count, nullptr);
     std::vector<VkPresentModeKHR> modes(count);
     vkGetPhysicalDeviceSurfacePresentModesKHR(physical, m_surface, &count, modes.data());
@@ -238,6 +259,11 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
         Close();
         return Result::Gone;
     }
+    if (width == 0 || height == 0 || !IsViewable())
+    {
+        renderer.SubmitFrame(false);
+        return Result::Skipped;
+    }
     if (width != m_width || height != m_height)
     {
         renderer.SubmitFrame(false);
@@ -307,6 +333,7 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
         Log::Format(LOG_WARNING, u"Vulkan: presenting failed (%d).\n", int(result));
         return Result::Failed;
     }
+    ++m_presented;
     return Result::Presented;
 }
 
@@ -323,6 +350,7 @@ void VulkanSwapChain::Close() {}
 bool VulkanSwapChain::QueryWindowSize(uint32&, uint32&) { return false; }
 VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture&) { return Result::Failed; }
 bool VulkanSwapChain::CreateSwapChain() { return false; }
+bool VulkanSwapChain::IsViewable() { return false; }
 void VulkanSwapChain::DestroySwapChain() {}
 
 #endif

@@ -35,6 +35,7 @@ public:
     enum class Result
     {
         Presented,
+        Skipped,
         OutOfDate,
         Gone,
         Failed
@@ -62,6 +63,9 @@ public:
     uint32 GetWidth() const { return m_width; }
     uint32 GetHeight() const { return m_height; }
     VkPresentModeKHR GetPresentMode() const { return m_mode; }
+    VkFormat GetFormat() const { return m_format; }
+    // Images presented since it opened.
+    uint32 GetPresentedCount() const { return m_presented; }
 
     // Copies `backBuffer` into the next image, submits the frame and presents.
     Result Present(VulkanTexture& backBuffer);
@@ -72,6 +76,7 @@ public:
 private:
     bool CreateSwapChain();
     void DestroySwapChain();
+    bool IsViewable();
 
     VulkanRenderer* m_renderer = nullptr;
     void* m_connection = nullptr; // xcb_connection_t
@@ -87,6 +92,7 @@ private:
     VkSemaphore m_rendered[8] = {};
     VkSemaphore m_acquired[4] = {};
     bool m_forceOutOfDate = false;
+    uint32 m_presented = 0;
 };
 
 } // namespace KovexEngine

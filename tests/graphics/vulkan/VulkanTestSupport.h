@@ -32,7 +32,7 @@ class VulkanEngine
 {
 public:
     explicit VulkanEngine(unsigned width = 64, unsigned height = 32, bool graphicsThread = false,
-                          KovexEngine::uint64 windowHandle = 0)
+                          KovexEngine::uint64 windowHandle = 0, KovexEngine::uint32 samples = 0)
     {
         using namespace KovexEngine;
         VulkanDevice::SetValidationRequested(true);
@@ -47,6 +47,7 @@ public:
         parameters.Width = width;
         parameters.Height = height;
         parameters.WindowHandle = windowHandle;
+        parameters.Extra0 = samples;
         if (m_ok)
             Kovex_InitRenderer(parameters);
         m_ok = m_ok && VulkanRenderer::Get() && VulkanRenderer::Get()->GetDevice().IsOpen();

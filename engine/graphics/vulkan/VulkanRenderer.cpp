@@ -189,6 +189,7 @@ void VulkanRenderer::CloseDevice()
         m_timestampsPending[i] = false;
     }
     m_perfDepth = 0;
+    m_openEvents.clear();
     m_nowCommands = VK_NULL_HANDLE;
     m_bound.Clear();
     m_device.Close();
@@ -275,8 +276,7 @@ bool VulkanRenderer::SubmitFrame(bool wait, VkSemaphore waitOn, VkSemaphore sign
     {
         VkCommandBuffer cmd = m_frameCommands[m_slot];
         m_recording = false;
-        for (; m_perfDepth > 0; --m_perfDepth)
-            m_device.GetDebug().EndLabel(cmd);
+        CloseOpenEvents(cmd);
         if (VkQueryPool pool = m_timestampPools[m_slot])
             vkCmdWriteTimestamp(cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, pool, 1);
         VkResult result = vkEndCommandBuffer(cmd);

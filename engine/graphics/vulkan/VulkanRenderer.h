@@ -54,6 +54,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "graphics/Renderer.h"
@@ -109,6 +110,18 @@ public:
     // to g_TimeAnalyzer as section kGpuFrameSection. Safe from any thread.
     double GetGpuFrameTime() const { return m_gpuFrameMs.load(std::memory_order_relaxed); }
     static constexpr int kGpuFrameSection = 20;
+    // Perf events are timed on the GPU too (up to kMaxTimedEvents a frame,
+    // nested or not; events still open at submission end there). Once the
+    // frame's fence has signalled each one is added to g_TimeAnalyzer, as
+    // "GPU <name>", in a section of its own per name: kGpuEventSectionBase
+    // plus the order in which names first appeared, for up to
+    // kMaxEventNames names (later names get labels only).
+    static constexpr int kGpuEventSectionBase = 1000;
+    static constexpr uint32 kMaxTimedEvents = 32;
+    static constexpr uint32 kMaxEventNames = 64;
+    // The section of events of this name; -1 before the first one. Safe
+    // from any thread.
+    int GetGpuEventSection(const char16_t* name);
 
     // Copies one subresource into `out` with tightly packed rows (of pixels,
     // or of 4x4 blocks), as TextureDesc::GetRowPitch gives them. False, with
@@ -185,6 +198,8 @@ private:
                     uint32 stencil, int layer);
     bool WaitFrame(uint32 slot);
     VkCommandBuffer PerfCommands();
+    void CloseOpenEvents(VkCommandBuffer cmd);
+    int EventSection(const std::string& name);
     void BeginFrameTimestamps(VkCommandBuffer cmd);
     void ReadFrameTimestamps(uint32 slot);
     void CreateTimestampPools();
@@ -218,7 +233,15 @@ private:
     VkQueryPool m_timestampPools[kFramesInFlight] = {};
     bool m_timestampsPending[kFramesInFlight] = {};
     std::atomic<double> m_gpuFrameMs{0.0};
-    uint32 m_perfDepth = 0; // labels open in the frame's commands
+    uint32 m_perfDepth = 0; // events open in the frame's commands
+    struct TimedEvent
+    {
+        int section;
+        std::string name;
+    };
+    std::vector<TimedEvent> m_timedEvents[kFramesInFlight]; // by query pair, per slot
+    std::vector<int32> m_openEvents;   // index into the slot's events; -1 for one not timed
+    std::vector<std::string> m_eventNames; // section kGpuEventSectionBase + index
     bool m_perfEnabled = true;
     uint32 m_slot = 0;
     bool m_recording = false;

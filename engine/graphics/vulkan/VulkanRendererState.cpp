@@ -149,6 +149,7 @@ void VulkanRenderer::EnterDeviceLost()
     m_lost = true;
     m_recording = false;
     m_perfDepth = 0;
+    m_openEvents.clear();
     Log::Print(LOG_ERROR, u"Vulkan: the device is lost; nothing is drawn until the renderer is reset.\n");
     NotifyDeviceLost();
 }

@@ -264,7 +264,7 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
         renderer.SubmitFrame(false);
         return Result::Skipped;
     }
-    if (width != m_width || height != m_height)
+    if (m_checkSize && (width != m_width || height != m_height))
     {
         renderer.SubmitFrame(false);
         return Result::OutOfDate;
@@ -276,15 +276,21 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
     uint32 index = 0;
     VkResult result = VK_ERROR_OUT_OF_DATE_KHR;
     if (!m_forceOutOfDate)
+    {
         result = vkAcquireNextImageKHR(renderer.GetDevice().GetDevice(), m_swapChain, UINT64_MAX, acquired,
                                        VK_NULL_HANDLE, &index);
+        m_driverReports += result == VK_ERROR_OUT_OF_DATE_KHR || result == VK_SUBOPTIMAL_KHR;
+    }
     m_forceOutOfDate = false;
     if (result == VK_ERROR_OUT_OF_DATE_KHR)
     {
         renderer.SubmitFrame(false);
         return Result::OutOfDate;
     }
-    if (result != VK_SUCCESS && result != VK_SUBOPTIMAL_KHR)
+    // Suboptimal (what a resized window gives here) still presents this
+    // frame; the chain is remade after it.
+    const bool suboptimal = result == VK_SUBOPTIMAL_KHR;
+    if (result != VK_SUCCESS && !suboptimal)
     {
         Log::Format(LOG_WARNING, u"Vulkan: acquiring a window image failed (%d).\n", int(result));
         renderer.SubmitFrame(false);
@@ -326,6 +332,9 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
     present.pSwapchains = &m_swapChain;
     present.pImageIndices = &index;
     result = vkQueuePresentKHR(renderer.GetDevice().GetQueue(), &present);
+    if (result == VK_SUBOPTIMAL_KHR)
+        ++m_presented;
+    m_driverReports += result == VK_ERROR_OUT_OF_DATE_KHR || result == VK_SUBOPTIMAL_KHR;
     if (result == VK_ERROR_OUT_OF_DATE_KHR || result == VK_SUBOPTIMAL_KHR)
         return Result::OutOfDate;
     if (result != VK_SUCCESS)
@@ -334,7 +343,7 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
         return Result::Failed;
     }
     ++m_presented;
-    return Result::Presented;
+    return suboptimal ? Result::OutOfDate : Result::Presented;
 }
 
 #else // no xcb: offscreen only

@@ -14,7 +14,8 @@
 // into) into the acquired image within the frame's commands; the submit waits
 // for the acquire and signals the image's semaphore that the present waits
 // for. A window that changed size, or a surface that reports out of date or
-// suboptimal, answers OutOfDate: the owner recreates the swap chain at the
+// suboptimal (at acquire, after presenting that frame; or at present),
+// answers OutOfDate: the owner recreates the swap chain at the
 // window's size. A window destroyed under it answers Gone and the swap chain
 // closes; later presents only submit.
 //
@@ -66,12 +67,17 @@ public:
     VkFormat GetFormat() const { return m_format; }
     // Images presented since it opened.
     uint32 GetPresentedCount() const { return m_presented; }
+    // Suboptimal or out-of-date answers the driver gave (forced ones aside).
+    uint32 GetDriverReports() const { return m_driverReports; }
 
     // Copies `backBuffer` into the next image, submits the frame and presents.
     Result Present(VulkanTexture& backBuffer);
 
     // For tests: the next acquire reports out of date.
     void ForceOutOfDate() { m_forceOutOfDate = true; }
+    // For tests: without the window-size check before acquiring, only the
+    // driver's own reports (suboptimal, out of date) find a resize.
+    void SetWindowSizeCheck(bool check) { m_checkSize = check; }
 
 private:
     bool CreateSwapChain();
@@ -93,6 +99,8 @@ private:
     VkSemaphore m_acquired[4] = {};
     bool m_forceOutOfDate = false;
     uint32 m_presented = 0;
+    uint32 m_driverReports = 0;
+    bool m_checkSize = true;
 };
 
 } // namespace KovexEngine

@@ -568,13 +568,7 @@ TEST(VulkanFrames, FramesSubmitAndObjectsReleasedMidFrameOutliveTheirUse)
     ExpectCleared(r.GetRenderTarget(0).Get(), *FindEncoding(encodings, GraphicsFormat::R8G8B8A8_UNORM), last);
 }
 
-namespace {
-struct FrameCommand : ThreadCommand
-{
-    std::function<void()> work;
-    void Process() override { work(); }
-};
-} // namespace
+using KovexTest::FrameCommand;
 
 // The graphics thread does the device work: textures are created there
 // while workers ask for them, and frames are cleared and submitted there.

@@ -6,9 +6,14 @@
 
 #include <string.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "graphics/GraphicsThread.h"
 #include "graphics/RWBuffer.h"
 #include "graphics/VertexBuffer.h"
 #include "graphics/vulkan/VulkanTestSupport.h"
@@ -477,4 +482,93 @@ TEST(VulkanDeviceLost, ALostRendererIsDestroyedCleanly)
         engine.Renderer().ClearSingle(extra.Get(), Vector4(0, 0, 0, 1));
     }
     EXPECT_EQ(CountLines(log, u"Vulkan: recording refused: the device is lost.\n"), 1u);
+}
+
+// With the graphics thread running the frames (perf events, a dynamic map,
+// a read-write clear, a simulated loss and the reset after it), a worker
+// makes and drops dynamic textures and read-write buffers and asks for the
+// events' profiler section meanwhile. Bounded: 16 frames, 60 s at most.
+TEST(VulkanThreads, TimedEventsMapsAndALossOnTheGraphicsThread)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    VulkanEngine engine(16, 8, true);
+    ASSERT_TRUE(engine.IsOpen());
+    GraphicsThread* thread = GraphicsThread::Ins();
+    ASSERT_TRUE(thread->IsStarted());
+    VulkanRenderer& r = engine.Renderer();
+    TextureDesc desc = TextureFactory::Make2DDesc(4, 4, GraphicsFormat::R8G8B8A8_UNORM,
+                                                  TextureViewFlags::SHADER_RESOURCE);
+    Ptr<Texture> mapped = Texture::Create(desc, GraphicsResourceUsage::Dynamic);
+    Ptr<RWBuffer> rw =
+        RWBufferFactory::Get()->Create(GraphicsFormat::R32_UINT, 16, 8, 0, GraphicsResourceUsage::Default, true);
+    Kovex_FrameBegin(); // their device side
+    Kovex_FrameEnd();
+    ASSERT_TRUE(mapped->IsCreated() && rw->IsCreated());
+    std::atomic<bool> stop{false};
+    std::atomic<int> made{0}, sectionSeen{-1}, lostCalls{0};
+    r.RegisterDeviceLostDelegate(&lostCalls, [&lostCalls] { lostCalls.fetch_add(1); });
+    std::thread worker([&] {
+        std::vector<Ptr<GraphicsResource>> held;
+        while (!stop.load())
+        {
+            held.push_back(Ptr<GraphicsResource>(Texture::Create(desc, GraphicsResourceUsage::Dynamic).Get()));
+            held.push_back(Ptr<GraphicsResource>(RWBufferFactory::Get()
+                                                     ->Create(GraphicsFormat::R32_UINT, 8, 8, 0,
+                                                              GraphicsResourceUsage::Default, true)
+                                                     .Get()));
+            if (held.size() > 8)
+                held.erase(held.begin(), held.begin() + 2);
+            const int section = r.GetGpuEventSection(u"Frame");
+            if (section >= 0)
+                sectionSeen = section;
+            made.fetch_add(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    std::atomic<int> wrong{0};
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (int frame = 0; frame < 16 && std::chrono::steady_clock::now() < deadline; ++frame)
+    {
+        Kovex_FrameBegin();
+        Ptr<KovexTest::FrameCommand> command(new KovexTest::FrameCommand());
+        command->work = [&, frame] {
+            if (frame == 8)
+                r.SimulateDeviceLostForTest();
+            if (frame == 10)
+                r.Reset(r.GetParamters());
+            r.BeginFrame();
+            r.BeginPerfEvent(0, u"Frame");
+            MappedSubresource out;
+            if (mapped->Map(out, MapType::WriteDiscard, 0))
+            {
+                memset(out.pData, frame, 4 * 4 * 4);
+                mapped->Unmap(0);
+            }
+            r.ClearUAV(rw.Get(), 0, uint32(frame));
+            r.EndPerfEvent();
+            r.EndFrame();
+            r.Present();
+            // Outside the lost frames what was written reads back.
+            if (frame < 8 || frame >= 10)
+            {
+                std::vector<uint8> bytes;
+                if (!r.ReadTexture(mapped.Get(), 0, 0, bytes) || bytes[5] != uint8(frame))
+                    wrong.fetch_add(1);
+                if (!r.ReadBuffer(rw.Get(), bytes) || bytes[4] != uint8(frame))
+                    wrong.fetch_add(1);
+            }
+        };
+        thread->MT_PostCommand(command.Get());
+        Kovex_FrameEnd();
+    }
+    Kovex_FrameBegin();
+    Kovex_FrameEnd();
+    stop = true;
+    worker.join();
+    r.UnregisterDeviceLostDelegate(&lostCalls);
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(lostCalls.load(), 2) << "the loss and the reset";
+    EXPECT_FALSE(r.IsDeviceLost());
+    EXPECT_GT(made.load(), 0);
+    EXPECT_EQ(sectionSeen.load(), VulkanRenderer::kGpuEventSectionBase);
 }

@@ -8,6 +8,7 @@
 
 #include <stdlib.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -84,6 +85,13 @@ KovexEngine::Ptr<KovexEngine::Image> ReadBack(KovexEngine::Texture* texture, Kov
 // answers the directory for the failure message.
 std::string WriteSideBySide(const std::string& name, const KovexEngine::Ptr<KovexEngine::Image>& actual,
                             const KovexEngine::Ptr<KovexEngine::Image>& expected);
+
+// Work posted to the graphics thread as one command.
+struct FrameCommand : KovexEngine::ThreadCommand
+{
+    std::function<void()> work;
+    void Process() override { work(); }
+};
 
 // Sets an environment variable for one scope and restores it after.
 class ScopedEnv

@@ -434,17 +434,8 @@ void VulkanRenderer::TransitionImage(VkCommandBuffer cmd, VkImage image, VkImage
 void VulkanRenderer::Present()
 {
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
-    VulkanTexture* back = AsVulkan(m_mainBackBuffer.Get());
-    if (!m_swapChain || !m_swapChain->IsOpen() || !back)
-    {
-        SubmitFrame(false);
-        return;
-    }
-    if (m_swapChain->Present(*back) != VulkanSwapChain::Result::OutOfDate)
-        return;
     uint32 width = 0, height = 0;
-    // A window of no size (minimised) keeps the old chain until it has one.
-    if (!m_swapChain->QueryWindowSize(width, height) || width == 0 || height == 0)
+    if (!VulkanSwapChain::PresentFrame(*this, m_swapChain.get(), AsVulkan(m_mainBackBuffer.Get()), width, height))
         return;
     GraphicsParameters parameters = m_parameters;
     parameters.Width = width;

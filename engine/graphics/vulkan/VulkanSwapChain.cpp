@@ -364,4 +364,17 @@ void VulkanSwapChain::DestroySwapChain() {}
 
 #endif
 
+bool VulkanSwapChain::PresentFrame(VulkanRenderer& renderer, VulkanSwapChain* chain, VulkanTexture* backBuffer,
+                                   uint32& width, uint32& height)
+{
+    if (!chain || !chain->IsOpen() || !backBuffer)
+    {
+        renderer.SubmitFrame(false);
+        return false;
+    }
+    if (chain->Present(*backBuffer) != Result::OutOfDate)
+        return false;
+    return chain->QueryWindowSize(width, height) && width != 0 && height != 0;
+}
+
 } // namespace KovexEngine

@@ -72,6 +72,12 @@ public:
 
     // Copies `backBuffer` into the next image, submits the frame and presents.
     Result Present(VulkanTexture& backBuffer);
+    // An owner's present: the frame is submitted whatever happens (only
+    // submitted without an open `chain`); true, with the window's size, when
+    // the owner must reset at that size. A window of no size keeps the old
+    // chain until it has one.
+    static bool PresentFrame(VulkanRenderer& renderer, VulkanSwapChain* chain, VulkanTexture* backBuffer,
+                             uint32& width, uint32& height);
 
     // For tests: the next acquire reports out of date.
     void ForceOutOfDate() { m_forceOutOfDate = true; }

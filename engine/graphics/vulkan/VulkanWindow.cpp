@@ -108,18 +108,11 @@ void VulkanGraphicsWindow::EndWindow()
     GraphicsWindow::EndWindow();
     VulkanRenderer* renderer = VulkanRenderer::Get();
     auto* back = dynamic_cast<VulkanTexture*>(m_back.Get());
-    if (!renderer || !back)
+    if (!renderer)
         return;
     std::lock_guard<std::recursive_mutex> lock(renderer->GetDevice().GetLock());
-    if (!m_swapChain || !m_swapChain->IsOpen())
-    {
-        renderer->SubmitFrame(false);
-        return;
-    }
-    if (m_swapChain->Present(*back) != VulkanSwapChain::Result::OutOfDate)
-        return;
     uint32 width = 0, height = 0;
-    if (!m_swapChain->QueryWindowSize(width, height) || width == 0 || height == 0)
+    if (!VulkanSwapChain::PresentFrame(*renderer, m_swapChain.get(), back, width, height))
         return;
     GraphicsParameters parameters = GetParameters();
     parameters.Width = width;

@@ -296,9 +296,8 @@ bool VulkanRenderer::SubmitFrame(bool wait, VkSemaphore waitOn, VkSemaphore sign
             m_frameSerial[m_slot] = ++m_submitted;
             m_timestampsPending[m_slot] = m_timestampPools[m_slot] != VK_NULL_HANDLE;
             m_slot = (m_slot + 1) % kFramesInFlight;
-            if (m_simulateLost)
+            if (m_simulateLost.exchange(false))
                 result = VK_ERROR_DEVICE_LOST;
-            m_simulateLost = false;
         }
         if (result == VK_ERROR_DEVICE_LOST)
         {

@@ -148,9 +148,10 @@ public:
 
     // Test-only: the next frame submission reports VK_ERROR_DEVICE_LOST, as
     // a lost device would (the commands still run, so the device stays
-    // consistent for the tests that go on after a Reset).
+    // consistent for the tests that go on after a Reset). Any thread.
     void SimulateDeviceLostForTest() { m_simulateLost = true; }
-    bool IsDeviceLost() const { return m_lost; }
+    // Safe from any thread.
+    bool IsDeviceLost() const { return m_lost.load(std::memory_order_acquire); }
     void DestroyShaderModule(VkShaderModule module);
     VulkanPipelineCache& GetPipelines() { return m_pipelines; }
 
@@ -255,8 +256,8 @@ private:
     std::vector<Garbage> m_garbage;
     RenderTargetGroup m_bound;
     uint32 m_samples = 1;
-    bool m_simulateLost = false;
-    bool m_lost = false;
+    std::atomic<bool> m_simulateLost{false};
+    std::atomic<bool> m_lost{false};
     bool m_toldLost[int(LostKind::Count)] = {};
     std::atomic<bool> m_toldNoPrograms{false};
 };

@@ -7,7 +7,8 @@
 // the window with VulkanSwapChain's rules: VSync picks FIFO; a window that
 // is minimised, unmapped or of no size is skipped without a line; a resized
 // one (or an out-of-date swap chain) resets the window at its new size; a
-// destroyed one logs once and its frames go on offscreen.
+// destroyed one logs once and its frames go on offscreen. Its buffers have
+// one sample whatever the parameters' Extra0 asks.
 //
 // Threads: as GraphicsWindow: created through its factory (any thread; the
 // device side on the graphics side), BeginWindow/EndWindow on the thread

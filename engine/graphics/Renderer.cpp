@@ -514,6 +514,18 @@ void Renderer::SetViewportRect(const Rect& rect)
     SetViewport(uint32(left), uint32(top), uint32(width > 0 ? width : 0), uint32(height > 0 ? height : 0));
 }
 
+void Renderer::SetScissorRect(const Rect& rect)
+{
+    m_scissor = rect;
+    ApplyScissorRect(rect);
+}
+
+void Renderer::NotifyDeviceLost()
+{
+    for (const DeviceDelegateEntry& entry : m_deviceLost)
+        entry.callback();
+}
+
 Rect Renderer::GetViewportRect() const
 {
     const Viewport& v = m_currentViewport;

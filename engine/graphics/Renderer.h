@@ -87,6 +87,7 @@ struct KOVEX_API GraphicsParameters
     X(void, ClearUAV, (GraphicsResource * resource, uint32 index, uint32 value), void())                              \
     X(void, Present, (), void())                                                                                      \
     X(void, ApplyViewport, (const Viewport& viewport), void())                                                        \
+    X(void, ApplyScissorRect, (const Rect& rect), void())                                                             \
     X(void, ApplyRTGroup, (const RenderTargetGroup& group), void())                                                   \
     X(void, ApplyBlendState, (BlendState * state, BlendState * previous), void())                                     \
     X(void, ApplyRasterizerState, (RasterizerState * state, RasterizerState * previous), void())                      \
@@ -175,6 +176,12 @@ public:
     // The size of render target 0 of the current group, depth 0 to 1.
     void SetViewportByRT0();
     const Viewport& GetViewport() const { return m_currentViewport; }
+    // The scissor box (target pixels, top-left origin, right and bottom
+    // exclusive) that draws are cut to while the current rasterizer state
+    // has ScissorEnable; without one set it is empty, so such draws draw
+    // nothing. The rasterizer state without ScissorEnable ignores it.
+    void SetScissorRect(const Rect& rect);
+    const Rect& GetScissorRect() const { return m_scissor; }
     void SetRTGroup(const RenderTargetGroup& group);
     void SetRenderTarget(const Ptr<Texture>& texture, uint32 slot, uint32 arrayIndex);
     void SetDepthBuffer(const Ptr<Texture>& texture, uint32 arrayIndex);
@@ -242,6 +249,9 @@ protected:
     virtual void OnDestroying();
     virtual void OnDestroyed();
     void SetPlatform(RendererPlatform platform) { m_platform = platform; }
+    // Runs the device-lost delegates, in order, for a backend that finds its
+    // device gone outside Reset.
+    void NotifyDeviceLost();
 
     GraphicsParameters m_parameters;
 
@@ -271,6 +281,7 @@ private:
     uint32 (*m_dwordToABGR)(uint32) = nullptr;
     Viewport m_currentViewport;
     Viewport m_defaultViewport;
+    Rect m_scissor;
     RenderTargetGroup m_defaultGroup;
     RenderTargetGroup m_currentGroup;
     Ptr<Texture> m_backBuffer;

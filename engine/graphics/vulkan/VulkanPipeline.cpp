@@ -35,6 +35,7 @@ uint64 VulkanPipelineKey::Hash() const
         h = Mix(h, uint64(Colors[i]));
     h = Mix(h, ColorCount);
     h = Mix(h, uint64(Depth));
+    h = Mix(h, uint64(Samples));
     return Mix(h, uint64(Topology.value));
 }
 
@@ -42,7 +43,7 @@ bool VulkanPipelineKey::operator==(const VulkanPipelineKey& o) const
 {
     if (Vertex != o.Vertex || Pixel != o.Pixel || Layout != o.Layout || Blend != o.Blend ||
         Rasterizer != o.Rasterizer || DepthStencil != o.DepthStencil || ColorCount != o.ColorCount ||
-        Depth != o.Depth || Topology.value != o.Topology.value)
+        Depth != o.Depth || Samples != o.Samples || Topology.value != o.Topology.value)
         return false;
     for (uint32 i = 0; i < ColorCount && i < 8; ++i)
         if (Colors[i] != o.Colors[i])
@@ -279,7 +280,7 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
     raster.lineWidth = 1.0f;
 
     VkPipelineMultisampleStateCreateInfo multisample = {VK_STRUCTURE_TYPE_PIPELINE_MULTISAMPLE_STATE_CREATE_INFO};
-    multisample.rasterizationSamples = VK_SAMPLE_COUNT_1_BIT;
+    multisample.rasterizationSamples = VkSampleCountFlagBits(key.Samples ? key.Samples : 1);
     multisample.alphaToCoverageEnable = key.Blend->GetDesc().AlphaToCoverageEnable;
 
     const DepthStencilStateDesc& d = key.DepthStencil->GetDesc();

@@ -37,6 +37,7 @@ struct KOVEX_API VulkanPipelineKey
     uint32 ColorCount = 0;
     VkFormat Depth = VK_FORMAT_UNDEFINED;
     GraphicsTopology Topology = GraphicsTopology::TriangleList;
+    uint32 Samples = 1;
 
     uint64 Hash() const;
     bool operator==(const VulkanPipelineKey& other) const;

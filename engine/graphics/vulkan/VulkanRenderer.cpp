@@ -24,25 +24,6 @@ bool VulkanAvailable() { return VulkanDevice::Probe(); }
 const bool s_registered = RegisterRendererBackend(
     RendererBackend{RendererPlatform::Vulkan, 100, &VulkanAvailable, &MakeVulkanRenderer});
 
-// Windows are not this backend's yet: a window fails to open, with its line.
-class VulkanGraphicsWindow : public GraphicsWindow
-{
-protected:
-    bool OnCreateSwapChain() override
-    {
-        Log::Print(LOG_WARNING, u"Vulkan: windows are not supported yet; render offscreen.\n");
-        return false;
-    }
-    Ptr<Texture> OnCreateBackBuffer() override { return Ptr<Texture>(); }
-    Ptr<Texture> OnCreateDepthBuffer() override { return Ptr<Texture>(); }
-};
-
-class VulkanGraphicsWindowFactory : public GraphicsWindowFactory
-{
-protected:
-    GraphicsWindow* NewWindow() override { return new VulkanGraphicsWindow(); }
-};
-
 VulkanTexture* AsVulkan(Texture* texture)
 {
     return texture && texture->GetNativeClass() == VulkanTexture::StaticGetClass()
@@ -139,6 +120,7 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
                                : GraphicsFormat::D32_FLOAT;
     SetDefaultFormat(GraphicsFormat::R8G8B8A8_UNORM, depth);
     SetGPUVendor(m_device.GetProperties().deviceName);
+    ChooseSamples(parameters.Extra0);
     if (parameters.WindowHandle)
     {
         m_swapChain = std::make_unique<VulkanSwapChain>();
@@ -153,6 +135,20 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
 
 bool VulkanRenderer::OnResetDevice(const GraphicsParameters& parameters)
 {
+    if (m_lost)
+    {
+        // A device that answers again goes on; one that stays lost is only
+        // good for destroying.
+        if (!m_device.IsOpen() || vkDeviceWaitIdle(m_device.GetDevice()) != VK_SUCCESS)
+        {
+            Log::Print(LOG_WARNING, u"Vulkan: the device is still lost; destroy the renderer.\n");
+            return false;
+        }
+        m_lost = false;
+        for (bool& told : m_toldLost)
+            told = false;
+    }
+    ChooseSamples(parameters.Extra0);
     // A swap chain that cannot be remade (a window of no size) leaves frames offscreen until the next reset.
     if (m_swapChain && m_swapChain->IsOpen() && !m_swapChain->Recreate())
         Log::Print(LOG_WARNING, u"Vulkan: the window's swap chain could not be remade; frames are not shown.\n");
@@ -193,6 +189,7 @@ void VulkanRenderer::CloseDevice()
         m_timestampsPending[i] = false;
     }
     m_perfDepth = 0;
+    m_openEvents.clear();
     m_nowCommands = VK_NULL_HANDLE;
     m_bound.Clear();
     m_device.Close();
@@ -218,6 +215,8 @@ bool VulkanRenderer::WaitFrame(uint32 slot)
     if (!m_frameSerial[slot])
         return true;
     VkResult result = vkWaitForFences(m_device.GetDevice(), 1, &m_frameFences[slot], VK_TRUE, UINT64_MAX);
+    if (result == VK_ERROR_DEVICE_LOST)
+        EnterDeviceLost();
     if (result != VK_SUCCESS)
     {
         Log::Format(LOG_WARNING, u"Vulkan: waiting for a frame failed (%d).\n", int(result));
@@ -248,7 +247,7 @@ void VulkanRenderer::CollectGarbage()
 VkCommandBuffer VulkanRenderer::GetFrameCommands()
 {
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
-    if (!m_device.IsOpen())
+    if (!m_device.IsOpen() || RefuseWhileLost(LostKind::Recording))
         return VK_NULL_HANDLE;
     VkCommandBuffer cmd = m_frameCommands[m_slot];
     if (m_recording)
@@ -270,15 +269,14 @@ VkCommandBuffer VulkanRenderer::GetFrameCommands()
 bool VulkanRenderer::SubmitFrame(bool wait, VkSemaphore waitOn, VkSemaphore signal)
 {
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
-    if (!m_device.IsOpen())
+    if (!m_device.IsOpen() || RefuseWhileLost(LostKind::Submission))
         return false;
     bool ok = true;
     if (m_recording)
     {
         VkCommandBuffer cmd = m_frameCommands[m_slot];
         m_recording = false;
-        for (; m_perfDepth > 0; --m_perfDepth)
-            m_device.GetDebug().EndLabel(cmd);
+        CloseOpenEvents(cmd);
         if (VkQueryPool pool = m_timestampPools[m_slot])
             vkCmdWriteTimestamp(cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, pool, 1);
         VkResult result = vkEndCommandBuffer(cmd);
@@ -293,21 +291,31 @@ bool VulkanRenderer::SubmitFrame(bool wait, VkSemaphore waitOn, VkSemaphore sign
         submit.pSignalSemaphores = &signal;
         if (result == VK_SUCCESS)
             result = vkQueueSubmit(m_device.GetQueue(), 1, &submit, m_frameFences[m_slot]);
+        if (result == VK_SUCCESS)
+        {
+            m_frameSerial[m_slot] = ++m_submitted;
+            m_timestampsPending[m_slot] = m_timestampPools[m_slot] != VK_NULL_HANDLE;
+            m_slot = (m_slot + 1) % kFramesInFlight;
+            if (m_simulateLost.exchange(false))
+                result = VK_ERROR_DEVICE_LOST;
+        }
+        if (result == VK_ERROR_DEVICE_LOST)
+        {
+            EnterDeviceLost();
+            return false;
+        }
         if (result != VK_SUCCESS)
         {
             Log::Format(LOG_WARNING, u"Vulkan: submitting a frame failed (%d).\n", int(result));
             ok = false;
         }
-        else
-        {
-            m_frameSerial[m_slot] = ++m_submitted;
-            m_timestampsPending[m_slot] = m_timestampPools[m_slot] != VK_NULL_HANDLE;
-            m_slot = (m_slot + 1) % kFramesInFlight;
-        }
     }
     if (wait)
     {
-        if (vkQueueWaitIdle(m_device.GetQueue()) != VK_SUCCESS)
+        VkResult result = vkQueueWaitIdle(m_device.GetQueue());
+        if (result == VK_ERROR_DEVICE_LOST)
+            EnterDeviceLost();
+        if (result != VK_SUCCESS)
             ok = false;
         else
         {
@@ -326,7 +334,7 @@ bool VulkanRenderer::SubmitFrame(bool wait, VkSemaphore waitOn, VkSemaphore sign
 bool VulkanRenderer::RunNow(const std::function<void(VkCommandBuffer)>& record)
 {
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
-    if (!m_device.IsOpen() || !SubmitFrame(false))
+    if (!m_device.IsOpen() || RefuseWhileLost(LostKind::ReadBack) || !SubmitFrame(false))
         return false;
     VkCommandBuffer cmd = m_nowCommands;
     VkCommandBufferBeginInfo begin = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
@@ -347,6 +355,8 @@ bool VulkanRenderer::RunNow(const std::function<void(VkCommandBuffer)>& record)
         ++m_submitted;
         result = vkQueueWaitIdle(m_device.GetQueue());
     }
+    if (result == VK_ERROR_DEVICE_LOST)
+        EnterDeviceLost();
     if (result != VK_SUCCESS)
     {
         Log::Format(LOG_WARNING, u"Vulkan: immediate commands failed (%d).\n", int(result));
@@ -390,42 +400,41 @@ void VulkanRenderer::DeferDestroy(std::function<void()> destroy)
 
 void VulkanRenderer::Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkImageLayout layout)
 {
+    VkImageLayout current = texture.GetLayout();
+    TransitionImage(cmd, texture.GetImage(), VulkanFormats::AspectOf(texture.GetVkFormat()), current, layout);
+    texture.SetLayout(current);
+}
+
+void VulkanRenderer::TransitionImage(VkCommandBuffer cmd, VkImage image, VkImageAspectFlags aspects,
+                                     VkImageLayout& current, VkImageLayout layout)
+{
     // Transfer writes (clears, copies) in a row still need a barrier between
     // them; other uses of an unchanged layout order themselves.
-    if (!texture.GetImage() || (texture.GetLayout() == layout && layout != VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL))
+    if (!image || (current == layout && layout != VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL))
         return;
     VkImageMemoryBarrier barrier = {VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER};
     // Whole-pipeline barriers: correct for every use; the pipelines to come
     // narrow them where drawing makes it worth it.
     barrier.srcAccessMask = VK_ACCESS_MEMORY_WRITE_BIT;
     barrier.dstAccessMask = VK_ACCESS_MEMORY_READ_BIT | VK_ACCESS_MEMORY_WRITE_BIT;
-    barrier.oldLayout = texture.GetLayout();
+    barrier.oldLayout = current;
     barrier.newLayout = layout;
     barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
     barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
-    barrier.image = texture.GetImage();
-    barrier.subresourceRange.aspectMask = VulkanFormats::AspectOf(texture.GetVkFormat());
+    barrier.image = image;
+    barrier.subresourceRange.aspectMask = aspects;
     barrier.subresourceRange.levelCount = VK_REMAINING_MIP_LEVELS;
     barrier.subresourceRange.layerCount = VK_REMAINING_ARRAY_LAYERS;
     vkCmdPipelineBarrier(cmd, VK_PIPELINE_STAGE_ALL_COMMANDS_BIT, VK_PIPELINE_STAGE_ALL_COMMANDS_BIT, 0, 0, nullptr,
                          0, nullptr, 1, &barrier);
-    texture.SetLayout(layout);
+    current = layout;
 }
 
 void VulkanRenderer::Present()
 {
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
-    VulkanTexture* back = AsVulkan(m_mainBackBuffer.Get());
-    if (!m_swapChain || !m_swapChain->IsOpen() || !back)
-    {
-        SubmitFrame(false);
-        return;
-    }
-    if (m_swapChain->Present(*back) != VulkanSwapChain::Result::OutOfDate)
-        return;
     uint32 width = 0, height = 0;
-    // A window of no size (minimised) keeps the old chain until it has one.
-    if (!m_swapChain->QueryWindowSize(width, height) || width == 0 || height == 0)
+    if (!VulkanSwapChain::PresentFrame(*this, m_swapChain.get(), AsVulkan(m_mainBackBuffer.Get()), width, height))
         return;
     GraphicsParameters parameters = m_parameters;
     parameters.Width = width;
@@ -485,6 +494,14 @@ void VulkanRenderer::ClearColor(VkCommandBuffer cmd, VulkanTexture& texture, con
     VkImageSubresourceRange range = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, layer < 0 ? 0u : uint32(layer),
                                      layer < 0 ? VK_REMAINING_ARRAY_LAYERS : 1u};
     vkCmdClearColorImage(cmd, texture.GetImage(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, &value, 1, &range);
+    // The samples the next draw loads must hold the clear too.
+    if (VkImage twin = texture.GetMultisampleImage())
+    {
+        TransitionImage(cmd, twin, VK_IMAGE_ASPECT_COLOR_BIT, texture.MultisampleLayout(),
+                        VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
+        const VkImageSubresourceRange whole = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+        vkCmdClearColorImage(cmd, twin, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, &value, 1, &whole);
+    }
 }
 
 void VulkanRenderer::ClearDepth(VkCommandBuffer cmd, VulkanTexture& texture, VkImageAspectFlags aspects, float depth,
@@ -566,34 +583,9 @@ void VulkanRenderer::DrawWithoutProgram()
         Log::Print(LOG_WARNING, u"Vulkan: Draw needs programs, which are not compiled for Vulkan yet.\n");
 }
 
-void VulkanRenderer::ClearUAV(GraphicsResource* resource, uint32 index, uint32 value)
-{
-    VulkanTexture* target = AsVulkan(dynamic_cast<Texture*>(resource));
-    if (!target || !target->IsUnorderedAccessView())
-        return;
-    // The value reaches every channel as its bits: exact for 32-bit channels;
-    // a narrower float or normalised channel gets those bits read as a float.
-    float bits = 0;
-    memcpy(&bits, &value, 4);
-    std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
-    if (VkCommandBuffer cmd = GetFrameCommands())
-    {
-        Transition(cmd, *target, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
-        VkClearColorValue clear = {};
-        for (uint32& channel : clear.uint32)
-            channel = value;
-        if (VulkanFormats::GetClearKind(target->GetDesc().Format) == VulkanFormats::ClearKind::Float)
-            for (float& channel : clear.float32)
-                channel = bits;
-        VkImageSubresourceRange range = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, index, 1};
-        vkCmdClearColorImage(cmd, target->GetImage(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, &clear, 1, &range);
-    }
-}
-
 // --- State ------------------------------------------------------------------------------------
 
 void VulkanRenderer::ApplyViewport(const Viewport& viewport) { m_viewport = viewport; }
-void VulkanRenderer::ApplyRTGroup(const RenderTargetGroup& group) { m_bound = group; }
 void VulkanRenderer::ApplyBlendState(BlendState*, BlendState*) {}
 void VulkanRenderer::ApplyRasterizerState(RasterizerState*, RasterizerState*) {}
 void VulkanRenderer::ApplyDepthStencilState(DepthStencilState*, DepthStencilState*) {}
@@ -644,10 +636,11 @@ Ptr<Texture> VulkanRenderer::NewBuffer(GraphicsFormat format, uint32 viewFlags)
 {
     // Without a window the back buffer is an offscreen target of the size
     // asked for (at least one pixel).
-    Ptr<Texture> texture(new VulkanTexture());
+    Ptr<VulkanTexture> texture(new VulkanTexture());
     TextureDesc desc = TextureFactory::Make2DDesc(m_parameters.Width ? m_parameters.Width : 1,
                                                   m_parameters.Height ? m_parameters.Height : 1, format, viewFlags);
     texture->SetDesc(desc);
+    texture->SetSampleCount(m_samples);
     return InitializeATexture(texture.Get());
 }
 
@@ -673,7 +666,7 @@ GraphicsFactory* VulkanRenderer::CreateIndexBufferFactory() { return new VulkanI
 GraphicsFactory* VulkanRenderer::CreateConstantBufferFactory() { return new VulkanConstantBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateRWBufferFactory() { return new VulkanRWBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateShaderFactory() { return new ShaderFactory(); }
-GraphicsFactory* VulkanRenderer::CreateWindowFactory() { return new VulkanGraphicsWindowFactory(); }
+GraphicsFactory* VulkanRenderer::CreateWindowFactory() { return NewWindowFactory(); }
 // Vulkan has no input-layout objects: the layout is part of each pipeline.
 GraphicsFactory* VulkanRenderer::CreateInputLayoutFactory() { return new InputLayoutFactory(); }
 GraphicsFactory* VulkanRenderer::CreateProgramCompiler() { return MakeProgramCompiler(); }
@@ -790,6 +783,19 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         Log::Print(LOG_WARNING, u"Vulkan: a draw with no target bound.\n");
         return false;
     }
+    // Every attachment has the samples of the first; a multisampled colour
+    // target draws into its twin.
+    key.Samples = key.ColorCount ? colors[0]->GetSampleCount() : depth->GetSampleCount();
+    for (uint32 i = 0; i <= key.ColorCount; ++i)
+    {
+        VulkanTexture* t = i < key.ColorCount ? colors[i] : depth;
+        if (t && t->GetSampleCount() != key.Samples)
+        {
+            Log::Format(LOG_WARNING, u"Vulkan: a draw into targets of %u and %u samples.\n", key.Samples,
+                        t->GetSampleCount());
+            return false;
+        }
+    }
     VkPipeline pipeline = m_pipelines.Get(key);
     VkCommandBuffer cmd = pipeline ? GetFrameCommands() : VK_NULL_HANDLE;
     if (!cmd)
@@ -804,6 +810,15 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
         attachments[i].imageLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
         attachments[i].loadOp = VK_ATTACHMENT_LOAD_OP_LOAD;
         attachments[i].storeOp = VK_ATTACHMENT_STORE_OP_STORE;
+        if (VkImage twin = colors[i]->GetMultisampleImage())
+        {
+            TransitionImage(cmd, twin, VK_IMAGE_ASPECT_COLOR_BIT, colors[i]->MultisampleLayout(),
+                            VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+            attachments[i].imageView = colors[i]->GetMultisampleView();
+            attachments[i].resolveMode = VK_RESOLVE_MODE_AVERAGE_BIT;
+            attachments[i].resolveImageView = views[i];
+            attachments[i].resolveImageLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+        }
     }
     VkRenderingAttachmentInfoKHR depthAttachment = {VK_STRUCTURE_TYPE_RENDERING_ATTACHMENT_INFO_KHR};
     if (depth)
@@ -830,6 +845,12 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
                            -float(height), m_viewport.MinDepth, m_viewport.MaxDepth};
     vkCmdSetViewport(cmd, 0, 1, &viewport);
     VkRect2D scissor = {{0, 0}, extent};
+    if (!FillScissor(scissor, extent))
+    {
+        // Cut to nothing: the pass still ran its layout changes; nothing is drawn.
+        m_device.GetEndRendering()(cmd);
+        return true;
+    }
     vkCmdSetScissor(cmd, 0, 1, &scissor);
     vkCmdSetStencilReference(cmd, VK_STENCIL_FACE_FRONT_AND_BACK, GetCurStencilRef());
     const Vector4& factor = GetCurBlendState()->Factor;
@@ -862,6 +883,11 @@ bool VulkanRenderer::ReadTexture(Texture* texture, uint32 arrayIndex, uint32 mip
     if (!source || !source->GetImage() || !source->IsCreated())
     {
         Log::Print(LOG_WARNING, u"Vulkan: read-back of a texture that has no Vulkan image.\n");
+        return false;
+    }
+    if (source->GetSampleCount() > 1 && !source->GetMultisampleImage())
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: a multisampled depth buffer cannot be read back.\n");
         return false;
     }
     const TextureDesc& desc = source->GetDesc();

@@ -22,6 +22,30 @@
 // date resets the renderer at the window's size, which fires the reset
 // delegates; the back buffer is recreated at that size.
 //
+// Multisampling: GraphicsParameters::Extra0 is the number of samples per
+// pixel of the back and depth buffer (0 and 1: one). A count the device
+// cannot render logs a line and takes the highest one below it that it can.
+// The back buffer then draws into a multisampled twin that every draw
+// resolves into it, so reading it back, copying it and presenting it see
+// the resolved pixels; the depth buffer itself is multisampled (it cannot be
+// read back). Other targets have one sample.
+//
+// Colour: GraphicsFormat has no sRGB members, so every 8-bit colour format
+// is UNORM everywhere: render targets, textures and the window's swap
+// chain. A shader writes the bytes it means (0.5 is stored as 128) and
+// sampling returns the stored value; encoding and decoding gamma is the
+// shaders' business. The window shows the back buffer's bytes unconverted.
+//
+// Scissor: while the current rasterizer state has ScissorEnable, draws are
+// cut to Renderer::GetScissorRect (clamped to the targets).
+//
+// Device loss: a submission or wait that reports VK_ERROR_DEVICE_LOST puts
+// the renderer in a lost state, logs one line and runs the device-lost
+// delegates once. From then on recording, submitting and reading back fail,
+// each kind logging one line until the next Reset. Reset clears the state
+// when the device answers again (it fails, with a line, when it does not);
+// destroying the renderer is always safe.
+//
 // Threads: every device operation takes the device lock, so the graphics
 // thread may create objects while the main thread records; the renderer's
 // frame state (Renderer's own) belongs to the thread that draws, as for any
@@ -30,6 +54,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "graphics/Renderer.h"
@@ -85,6 +110,18 @@ public:
     // to g_TimeAnalyzer as section kGpuFrameSection. Safe from any thread.
     double GetGpuFrameTime() const { return m_gpuFrameMs.load(std::memory_order_relaxed); }
     static constexpr int kGpuFrameSection = 20;
+    // Perf events are timed on the GPU too (up to kMaxTimedEvents a frame,
+    // nested or not; events still open at submission end there). Once the
+    // frame's fence has signalled each one is added to g_TimeAnalyzer, as
+    // "GPU <name>", in a section of its own per name: kGpuEventSectionBase
+    // plus the order in which names first appeared, for up to
+    // kMaxEventNames names (later names get labels only).
+    static constexpr int kGpuEventSectionBase = 1000;
+    static constexpr uint32 kMaxTimedEvents = 32;
+    static constexpr uint32 kMaxEventNames = 64;
+    // The section of events of this name; -1 before the first one. Safe
+    // from any thread.
+    int GetGpuEventSection(const char16_t* name);
 
     // Copies one subresource into `out` with tightly packed rows (of pixels,
     // or of 4x4 blocks), as TextureDesc::GetRowPitch gives them. False, with
@@ -103,6 +140,18 @@ public:
                       GraphicsTopology topology, IndexBuffer* indices = nullptr);
     // A shader module of SPIR-V words; null, with a log line, when refused.
     VkShaderModule CreateShaderModule(const uint32* code, size_t bytes);
+    // Samples per pixel of the back and depth buffer, as the device gave them.
+    uint32 GetSampleCount() const { return m_samples; }
+    // The highest count the device can render colour and depth with that
+    // is not above `wanted` (at least 1).
+    uint32 SupportedSampleCount(uint32 wanted) const;
+
+    // Test-only: the next frame submission reports VK_ERROR_DEVICE_LOST, as
+    // a lost device would (the commands still run, so the device stays
+    // consistent for the tests that go on after a Reset). Any thread.
+    void SimulateDeviceLostForTest() { m_simulateLost = true; }
+    // Safe from any thread.
+    bool IsDeviceLost() const { return m_lost.load(std::memory_order_acquire); }
     void DestroyShaderModule(VkShaderModule module);
     VulkanPipelineCache& GetPipelines() { return m_pipelines; }
 
@@ -129,6 +178,9 @@ public:
     // Moves the whole image to `layout`, recording the barrier in `cmd`; into
     // TRANSFER_DST always, so that transfer writes in a row are ordered.
     void Transition(VkCommandBuffer cmd, VulkanTexture& texture, VkImageLayout layout);
+    // The same for any image whose layout the caller tracks in `current`.
+    static void TransitionImage(VkCommandBuffer cmd, VkImage image, VkImageAspectFlags aspects,
+                                VkImageLayout& current, VkImageLayout layout);
     // A host-visible buffer of `size` bytes for one transfer; destroyed with
     // DestroyTransferBuffer.
     bool CreateTransferBuffer(uint64 size, VkBuffer& buffer, VulkanAllocation& memory);
@@ -147,12 +199,28 @@ private:
                     uint32 stencil, int layer);
     bool WaitFrame(uint32 slot);
     VkCommandBuffer PerfCommands();
+    void CloseOpenEvents(VkCommandBuffer cmd);
+    int EventSection(const std::string& name);
     void BeginFrameTimestamps(VkCommandBuffer cmd);
     void ReadFrameTimestamps(uint32 slot);
     void CreateTimestampPools();
     void CollectGarbage();
     void DrawWithoutProgram();
     void CloseDevice();
+    enum class LostKind
+    {
+        Recording,
+        Submission,
+        ReadBack,
+        Count
+    };
+    // After a VK_ERROR_DEVICE_LOST: the lost state, its line, the delegates.
+    void EnterDeviceLost();
+    // True, logging once per kind, while the device is lost.
+    bool RefuseWhileLost(LostKind kind);
+    void ClearGroup(const RenderTargetGroup& group);
+    void ChooseSamples(uint32 wanted);
+    bool FillScissor(VkRect2D& scissor, VkExtent2D extent) const;
 
     VulkanDevice m_device;
     std::unique_ptr<VulkanSwapChain> m_swapChain;
@@ -166,7 +234,15 @@ private:
     VkQueryPool m_timestampPools[kFramesInFlight] = {};
     bool m_timestampsPending[kFramesInFlight] = {};
     std::atomic<double> m_gpuFrameMs{0.0};
-    uint32 m_perfDepth = 0; // labels open in the frame's commands
+    uint32 m_perfDepth = 0; // events open in the frame's commands
+    struct TimedEvent
+    {
+        int section;
+        std::string name;
+    };
+    std::vector<TimedEvent> m_timedEvents[kFramesInFlight]; // by query pair, per slot
+    std::vector<int32> m_openEvents;   // index into the slot's events; -1 for one not timed
+    std::vector<std::string> m_eventNames; // section kGpuEventSectionBase + index
     bool m_perfEnabled = true;
     uint32 m_slot = 0;
     bool m_recording = false;
@@ -179,6 +255,10 @@ private:
     };
     std::vector<Garbage> m_garbage;
     RenderTargetGroup m_bound;
+    uint32 m_samples = 1;
+    std::atomic<bool> m_simulateLost{false};
+    std::atomic<bool> m_lost{false};
+    bool m_toldLost[int(LostKind::Count)] = {};
     std::atomic<bool> m_toldNoPrograms{false};
 };
 

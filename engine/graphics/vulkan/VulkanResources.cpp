@@ -185,7 +185,10 @@ bool VulkanTexture::CreateImage()
     info.extent = {desc.Width, desc.Height, desc.Dimension == TextureDimension::_3D ? desc.Depth : 1};
     info.mipLevels = Mips(desc);
     info.arrayLayers = desc.Dimension == TextureDimension::_3D ? 1 : desc.ArraySize;
-    info.samples = VK_SAMPLE_COUNT_1_BIT;
+    // A multisampled depth buffer is the image itself; colour keeps one
+    // sample here and gets a twin.
+    const bool depthTarget = (desc.ViewFlags & TextureViewFlags::DEPTH_STENCIL) != 0;
+    info.samples = depthTarget ? VkSampleCountFlagBits(m_samples) : VK_SAMPLE_COUNT_1_BIT;
     info.tiling = VK_IMAGE_TILING_OPTIMAL;
     info.usage = VK_IMAGE_USAGE_TRANSFER_SRC_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT;
     if (desc.ViewFlags & TextureViewFlags::SHADER_RESOURCE)
@@ -249,6 +252,8 @@ bool VulkanTexture::CreateImage()
         m_targetViews.assign(desc.Dimension == TextureDimension::_3D ? 1 : desc.ArraySize, VK_NULL_HANDLE);
         if (!GetTargetView(0))
             return false;
+        if (m_samples > 1 && !depthTarget && !CreateMultisampleTwin())
+            return false;
     }
 
     if (!GetInitialData())
@@ -270,6 +275,50 @@ bool VulkanTexture::CreateImage()
         if (desc.ViewFlags & TextureViewFlags::SHADER_RESOURCE)
             renderer->Transition(cmd, *this, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
     });
+}
+
+bool VulkanTexture::CreateMultisampleTwin()
+{
+    VulkanDevice& device = VulkanRenderer::Get()->GetDevice();
+    const TextureDesc& desc = GetDesc();
+    VkImageCreateInfo info = {VK_STRUCTURE_TYPE_IMAGE_CREATE_INFO};
+    info.imageType = VK_IMAGE_TYPE_2D;
+    info.format = m_targetFormat;
+    info.extent = {desc.Width, desc.Height, 1};
+    info.mipLevels = 1;
+    info.arrayLayers = 1;
+    info.samples = VkSampleCountFlagBits(m_samples);
+    info.tiling = VK_IMAGE_TILING_OPTIMAL;
+    info.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT;
+    info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
+    info.initialLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+    VkResult result = vkCreateImage(device.GetDevice(), &info, nullptr, &m_msaaImage);
+    if (result != VK_SUCCESS)
+    {
+        m_msaaImage = VK_NULL_HANDLE;
+        Log::Format(LOG_WARNING, u"Vulkan: a target of %u samples could not be made (%d).\n", m_samples, int(result));
+        return false;
+    }
+    m_msaaLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+    VkMemoryRequirements requirements;
+    vkGetImageMemoryRequirements(device.GetDevice(), m_msaaImage, &requirements);
+    if (!device.GetMemory().Allocate(requirements, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT, false, m_msaaMemory) ||
+        vkBindImageMemory(device.GetDevice(), m_msaaImage, m_msaaMemory.Memory, m_msaaMemory.Offset) != VK_SUCCESS)
+    {
+        Log::Format(LOG_WARNING, u"Vulkan: no memory for a target of %u samples.\n", m_samples);
+        return false;
+    }
+    VkImageViewCreateInfo view = {VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO};
+    view.image = m_msaaImage;
+    view.viewType = VK_IMAGE_VIEW_TYPE_2D;
+    view.format = m_targetFormat;
+    view.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+    if (vkCreateImageView(device.GetDevice(), &view, nullptr, &m_msaaView) != VK_SUCCESS)
+    {
+        m_msaaView = VK_NULL_HANDLE;
+        return false;
+    }
+    return true;
 }
 
 VkImageView VulkanTexture::GetTargetView(uint32 slice)
@@ -351,7 +400,8 @@ void VulkanTexture::GenerateMips()
 
 void VulkanTexture::ReleaseDeviceHandle()
 {
-    if (!m_image && !m_buffer && !m_sampledView && m_targetViews.empty() && !m_memory.IsValid())
+    if (!m_image && !m_buffer && !m_sampledView && m_targetViews.empty() && !m_memory.IsValid() && !m_msaaImage &&
+        !m_msaaMemory.IsValid() && !m_mapBuffer)
         return;
     VulkanRenderer* renderer = VulkanRenderer::Get();
     if (!renderer || !renderer->GetDevice().IsOpen())
@@ -362,8 +412,15 @@ void VulkanTexture::ReleaseDeviceHandle()
         m_sampledView = VK_NULL_HANDLE;
         m_targetViews.clear();
         m_memory = VulkanAllocation();
+        m_msaaImage = VK_NULL_HANDLE;
+        m_msaaView = VK_NULL_HANDLE;
+        m_msaaMemory = VulkanAllocation();
+        m_mapBuffer = VK_NULL_HANDLE;
+        m_mapMemory = VulkanAllocation();
         return;
     }
+    if (m_mapBuffer)
+        renderer->DestroyTransferBuffer(m_mapBuffer, m_mapMemory);
     VkDevice device = renderer->GetDevice().GetDevice();
     VkImage image = m_image;
     VkBuffer buffer = m_buffer;
@@ -371,12 +428,24 @@ void VulkanTexture::ReleaseDeviceHandle()
     std::vector<VkImageView> targets;
     targets.swap(m_targetViews);
     VulkanAllocation memory = m_memory;
+    VkImage twin = m_msaaImage;
+    VkImageView twinView = m_msaaView;
+    VulkanAllocation twinMemory = m_msaaMemory;
+    m_msaaImage = VK_NULL_HANDLE;
+    m_msaaView = VK_NULL_HANDLE;
+    m_msaaMemory = VulkanAllocation();
+    m_msaaLayout = VK_IMAGE_LAYOUT_UNDEFINED;
     m_image = VK_NULL_HANDLE;
     m_buffer = VK_NULL_HANDLE;
     m_sampledView = VK_NULL_HANDLE;
     m_memory = VulkanAllocation();
     m_layout = VK_IMAGE_LAYOUT_UNDEFINED;
-    renderer->DeferDestroy([renderer, device, image, buffer, view, targets, memory]() mutable {
+    renderer->DeferDestroy([=]() mutable {
+        if (twinView)
+            vkDestroyImageView(device, twinView, nullptr);
+        if (twin)
+            vkDestroyImage(device, twin, nullptr);
+        renderer->GetDevice().GetMemory().Free(twinMemory);
         if (view)
             vkDestroyImageView(device, view, nullptr);
         for (VkImageView target : targets)
@@ -390,11 +459,19 @@ void VulkanTexture::ReleaseDeviceHandle()
     });
 }
 
-bool VulkanTexture::DeviceMap(MappedSubresource& out, MapType, uint32 subresource)
+bool VulkanTexture::DeviceMap(MappedSubresource& out, MapType type, uint32 subresource)
 {
-    // Only staging textures live where the CPU reaches them.
     VulkanRenderer* renderer = VulkanRenderer::Get();
-    if (!renderer || !m_buffer || subresource >= GetNumSubresources())
+    if (!renderer || subresource >= GetNumSubresources())
+        return false;
+    if (m_image)
+    {
+        if (type == MapType::WriteDiscard && IsDynamicResource())
+            return MapForDiscard(out, subresource);
+        Log::Print(LOG_WARNING, u"Vulkan: a texture in device memory maps only as a dynamic one, with WriteDiscard.\n");
+        return false;
+    }
+    if (!m_buffer)
         return false;
     // What the device wrote must be complete before the CPU reads it, and
     // what it is still to read before the CPU writes over it.
@@ -411,7 +488,57 @@ bool VulkanTexture::DeviceMap(MappedSubresource& out, MapType, uint32 subresourc
     return true;
 }
 
-void VulkanTexture::DeviceUnmap(uint32) {}
+bool VulkanTexture::MapForDiscard(MappedSubresource& out, uint32 subresource)
+{
+    VulkanRenderer* renderer = VulkanRenderer::Get();
+    std::lock_guard<std::recursive_mutex> lock(renderer->GetDevice().GetLock());
+    if (m_mapBuffer)
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: a dynamic texture is mapped twice.\n");
+        return false;
+    }
+    const TextureDesc& desc = GetDesc();
+    const uint32 mip = subresource % Mips(desc);
+    uint32 rowBytes = 0, rows = 0;
+    desc.GetRowPitch(rowBytes, rows, mip, desc.Format);
+    const uint64 slicePitch = uint64(rowBytes) * rows;
+    if (!renderer->CreateTransferBuffer(slicePitch * desc.GetMipDepth(mip), m_mapBuffer, m_mapMemory))
+        return false;
+    m_mapSubresource = subresource;
+    out.pData = m_mapMemory.Mapped;
+    out.RowPitch = rowBytes;
+    out.DepthPitch = uint32(slicePitch);
+    return true;
+}
+
+void VulkanTexture::DeviceUnmap(uint32)
+{
+    VulkanRenderer* renderer = VulkanRenderer::Get();
+    if (!renderer || !m_mapBuffer)
+        return;
+    std::lock_guard<std::recursive_mutex> lock(renderer->GetDevice().GetLock());
+    VkBuffer buffer = m_mapBuffer;
+    VulkanAllocation memory = m_mapMemory;
+    m_mapBuffer = VK_NULL_HANDLE;
+    m_mapMemory = VulkanAllocation();
+    VkCommandBuffer cmd = m_image ? renderer->GetFrameCommands() : VK_NULL_HANDLE;
+    if (!cmd)
+    {
+        renderer->DestroyTransferBuffer(buffer, memory);
+        return;
+    }
+    const TextureDesc& desc = GetDesc();
+    const uint32 mip = m_mapSubresource % Mips(desc), slice = m_mapSubresource / Mips(desc);
+    const bool volume = desc.Dimension == TextureDimension::_3D;
+    VkBufferImageCopy region = {};
+    region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, mip, volume ? 0 : slice, 1};
+    region.imageExtent = {desc.GetMipWidth(mip), desc.GetMipHeight(mip), volume ? desc.GetMipDepth(mip) : 1};
+    renderer->Transition(cmd, *this, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
+    vkCmdCopyBufferToImage(cmd, buffer, m_image, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &region);
+    if (desc.ViewFlags & TextureViewFlags::SHADER_RESOURCE)
+        renderer->Transition(cmd, *this, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
+    renderer->DeferDestroy([renderer, buffer, memory]() mutable { renderer->DestroyTransferBuffer(buffer, memory); });
+}
 
 bool VulkanTexture::DeviceUpdateSubresource(uint32 subresource, const MappedSubresource& data, const MappedBox* box)
 {

@@ -12,6 +12,12 @@
 // side, as for every graphics object; they take the device lock, so the
 // main thread may record frame commands meanwhile. Map/Unmap belong to the
 // thread that records frames.
+//
+// Mapping: a staging texture maps its own memory (after waiting for the
+// device). A dynamic texture maps with WriteDiscard only: each map hands out
+// a fresh host buffer for that subresource (rows packed as GetRowPitch
+// gives them) and Unmap records its copy into the frame's commands; the
+// buffer goes once that frame is complete, so nothing waits for the device.
 
 #include <string>
 #include <vector>
@@ -62,6 +68,17 @@ public:
     VkBuffer GetStagingBuffer() const { return m_buffer; }
     uint32 GetNumSubresources() const;
 
+    // Samples per pixel, set before the device handle is made (the renderer
+    // does it for the back and depth buffer). A multisampled depth target
+    // is itself multisampled; a multisampled colour target draws into a
+    // twin image of that many samples, which each draw resolves into this
+    // one, so copies and read-backs see resolved pixels.
+    void SetSampleCount(uint32 samples) { m_samples = samples ? samples : 1; }
+    uint32 GetSampleCount() const { return m_samples; }
+    VkImage GetMultisampleImage() const { return m_msaaImage; }
+    VkImageView GetMultisampleView() const { return m_msaaView; }
+    VkImageLayout& MultisampleLayout() { return m_msaaLayout; }
+
 protected:
     bool DeviceMap(MappedSubresource& out, MapType type, uint32 subresource) override;
     void DeviceUnmap(uint32 subresource) override;
@@ -72,7 +89,9 @@ protected:
 
 private:
     bool CreateImage();
+    bool CreateMultisampleTwin();
     bool CreateStaging();
+    bool MapForDiscard(MappedSubresource& out, uint32 subresource);
     void ApplyDebugName();
     std::string m_debugName;
     VkImage m_image = VK_NULL_HANDLE;
@@ -83,6 +102,15 @@ private:
     VkFormat m_targetFormat = VK_FORMAT_UNDEFINED;
     VkImageLayout m_layout = VK_IMAGE_LAYOUT_UNDEFINED;
     VulkanAllocation m_memory;
+    uint32 m_samples = 1;
+    VkImage m_msaaImage = VK_NULL_HANDLE;
+    VkImageView m_msaaView = VK_NULL_HANDLE;
+    VkImageLayout m_msaaLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+    VulkanAllocation m_msaaMemory;
+    // The open write-discard map of a dynamic texture.
+    VkBuffer m_mapBuffer = VK_NULL_HANDLE;
+    VulkanAllocation m_mapMemory;
+    uint32 m_mapSubresource = 0;
 };
 
 class KOVEX_API VulkanTextureFactory : public TextureFactory

@@ -92,6 +92,18 @@ bool VulkanSwapChain::QueryWindowSize(uint32& width, uint32& height)
     return true;
 }
 
+bool VulkanSwapChain::IsViewable()
+{
+    xcb_connection_t* connection = Connection(m_connection);
+    xcb_get_window_attributes_reply_t* reply =
+        xcb_get_window_attributes_reply(connection, xcb_get_window_attributes(connection, m_window), nullptr);
+    if (!reply)
+        return false;
+    const bool viewable = reply->map_state == XCB_MAP_STATE_VIEWABLE;
+    free(reply);
+    return viewable;
+}
+
 bool VulkanSwapChain::CreateSwapChain()
 {
     VulkanDevice& device = m_renderer->GetDevice();
@@ -105,10 +117,19 @@ bool VulkanSwapChain::CreateSwapChain()
     vkGetPhysicalDeviceSurfaceFormatsKHR(physical, m_surface, &count, formats.data());
     if (formats.empty())
         return false;
+    // UNORM, so that the window holds the back buffer's bytes (the engine
+    // has no sRGB formats; an sRGB surface would encode them a second time).
     VkSurfaceFormatKHR format = formats[0];
+    bool unorm = false;
     for (const VkSurfaceFormatKHR& f : formats)
-        if (f.format == VK_FORMAT_B8G8R8A8_UNORM)
+        if (!unorm && (f.format == VK_FORMAT_B8G8R8A8_UNORM || f.format == VK_FORMAT_R8G8B8A8_UNORM))
+        {
             format = f;
+            unorm = true;
+        }
+    if (!unorm)
+        Log::Format(LOG_WARNING, u"Vulkan: the window offers no UNORM format; its colours are encoded (format %d).\n",
+                    int(format.format));
     vkGetPhysicalDeviceSurfacePresentModesKHR(physical, m_surface, &count, nullptr);
     std::vector<VkPresentModeKHR> modes(count);
     vkGetPhysicalDeviceSurfacePresentModesKHR(physical, m_surface, &count, modes.data());
@@ -238,7 +259,12 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
         Close();
         return Result::Gone;
     }
-    if (width != m_width || height != m_height)
+    if (width == 0 || height == 0 || !IsViewable())
+    {
+        renderer.SubmitFrame(false);
+        return Result::Skipped;
+    }
+    if (m_checkSize && (width != m_width || height != m_height))
     {
         renderer.SubmitFrame(false);
         return Result::OutOfDate;
@@ -250,15 +276,21 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
     uint32 index = 0;
     VkResult result = VK_ERROR_OUT_OF_DATE_KHR;
     if (!m_forceOutOfDate)
+    {
         result = vkAcquireNextImageKHR(renderer.GetDevice().GetDevice(), m_swapChain, UINT64_MAX, acquired,
                                        VK_NULL_HANDLE, &index);
+        m_driverReports += result == VK_ERROR_OUT_OF_DATE_KHR || result == VK_SUBOPTIMAL_KHR;
+    }
     m_forceOutOfDate = false;
     if (result == VK_ERROR_OUT_OF_DATE_KHR)
     {
         renderer.SubmitFrame(false);
         return Result::OutOfDate;
     }
-    if (result != VK_SUCCESS && result != VK_SUBOPTIMAL_KHR)
+    // Suboptimal (what a resized window gives here) still presents this
+    // frame; the chain is remade after it.
+    const bool suboptimal = result == VK_SUBOPTIMAL_KHR;
+    if (result != VK_SUCCESS && !suboptimal)
     {
         Log::Format(LOG_WARNING, u"Vulkan: acquiring a window image failed (%d).\n", int(result));
         renderer.SubmitFrame(false);
@@ -300,6 +332,9 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
     present.pSwapchains = &m_swapChain;
     present.pImageIndices = &index;
     result = vkQueuePresentKHR(renderer.GetDevice().GetQueue(), &present);
+    if (result == VK_SUBOPTIMAL_KHR)
+        ++m_presented;
+    m_driverReports += result == VK_ERROR_OUT_OF_DATE_KHR || result == VK_SUBOPTIMAL_KHR;
     if (result == VK_ERROR_OUT_OF_DATE_KHR || result == VK_SUBOPTIMAL_KHR)
         return Result::OutOfDate;
     if (result != VK_SUCCESS)
@@ -307,7 +342,8 @@ VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture& backBuffer)
         Log::Format(LOG_WARNING, u"Vulkan: presenting failed (%d).\n", int(result));
         return Result::Failed;
     }
-    return Result::Presented;
+    ++m_presented;
+    return suboptimal ? Result::OutOfDate : Result::Presented;
 }
 
 #else // no xcb: offscreen only
@@ -323,8 +359,22 @@ void VulkanSwapChain::Close() {}
 bool VulkanSwapChain::QueryWindowSize(uint32&, uint32&) { return false; }
 VulkanSwapChain::Result VulkanSwapChain::Present(VulkanTexture&) { return Result::Failed; }
 bool VulkanSwapChain::CreateSwapChain() { return false; }
+bool VulkanSwapChain::IsViewable() { return false; }
 void VulkanSwapChain::DestroySwapChain() {}
 
 #endif
+
+bool VulkanSwapChain::PresentFrame(VulkanRenderer& renderer, VulkanSwapChain* chain, VulkanTexture* backBuffer,
+                                   uint32& width, uint32& height)
+{
+    if (!chain || !chain->IsOpen() || !backBuffer)
+    {
+        renderer.SubmitFrame(false);
+        return false;
+    }
+    if (chain->Present(*backBuffer) != Result::OutOfDate)
+        return false;
+    return chain->QueryWindowSize(width, height) && width != 0 && height != 0;
+}
 
 } // namespace KovexEngine

@@ -14,7 +14,8 @@
 // into) into the acquired image within the frame's commands; the submit waits
 // for the acquire and signals the image's semaphore that the present waits
 // for. A window that changed size, or a surface that reports out of date or
-// suboptimal, answers OutOfDate: the owner recreates the swap chain at the
+// suboptimal (at acquire, after presenting that frame; or at present),
+// answers OutOfDate: the owner recreates the swap chain at the
 // window's size. A window destroyed under it answers Gone and the swap chain
 // closes; later presents only submit.
 //
@@ -35,6 +36,7 @@ public:
     enum class Result
     {
         Presented,
+        Skipped,
         OutOfDate,
         Gone,
         Failed
@@ -62,16 +64,31 @@ public:
     uint32 GetWidth() const { return m_width; }
     uint32 GetHeight() const { return m_height; }
     VkPresentModeKHR GetPresentMode() const { return m_mode; }
+    VkFormat GetFormat() const { return m_format; }
+    // Images presented since it opened.
+    uint32 GetPresentedCount() const { return m_presented; }
+    // Suboptimal or out-of-date answers the driver gave (forced ones aside).
+    uint32 GetDriverReports() const { return m_driverReports; }
 
     // Copies `backBuffer` into the next image, submits the frame and presents.
     Result Present(VulkanTexture& backBuffer);
+    // An owner's present: the frame is submitted whatever happens (only
+    // submitted without an open `chain`); true, with the window's size, when
+    // the owner must reset at that size. A window of no size keeps the old
+    // chain until it has one.
+    static bool PresentFrame(VulkanRenderer& renderer, VulkanSwapChain* chain, VulkanTexture* backBuffer,
+                             uint32& width, uint32& height);
 
     // For tests: the next acquire reports out of date.
     void ForceOutOfDate() { m_forceOutOfDate = true; }
+    // For tests: without the window-size check before acquiring, only the
+    // driver's own reports (suboptimal, out of date) find a resize.
+    void SetWindowSizeCheck(bool check) { m_checkSize = check; }
 
 private:
     bool CreateSwapChain();
     void DestroySwapChain();
+    bool IsViewable();
 
     VulkanRenderer* m_renderer = nullptr;
     void* m_connection = nullptr; // xcb_connection_t
@@ -87,6 +104,9 @@ private:
     VkSemaphore m_rendered[8] = {};
     VkSemaphore m_acquired[4] = {};
     bool m_forceOutOfDate = false;
+    uint32 m_presented = 0;
+    uint32 m_driverReports = 0;
+    bool m_checkSize = true;
 };
 
 } // namespace KovexEngine

@@ -163,3 +163,60 @@ TEST(VulkanGpuTimestamps, FrameTimeIsPositiveAndReachesTheProfiler)
     EXPECT_TRUE(entry.name == "GPU Frame");
     g_TimeAnalyzer.Clear();
 }
+
+// Each perf event's GPU span reaches the profiler under "GPU <name>", one
+// section per name, nested and left-open events included; a frame times at
+// most kMaxTimedEvents of them, and none while perf is switched off.
+TEST(VulkanGpuTimestamps, PerfEventsReachTheProfilerByName)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    VulkanEngine engine(32, 16);
+    ASSERT_TRUE(engine.IsOpen());
+    VulkanRenderer& r = engine.Renderer();
+    if (r.GetDevice().GetTimestampBits() == 0)
+        GTEST_SKIP() << "the queue has no timestamps";
+    g_TimeAnalyzer.Clear();
+    EXPECT_EQ(r.GetGpuEventSection(u"Shadows"), -1);
+    for (int frame = 0; frame < 4; ++frame)
+    {
+        r.BeginFrame();
+        r.BeginPerfEvent(0, u"Shadows");
+        r.Clear(GraphicsClearMode::TargetDepthStencil, Vector4(0, 0, 0, 1), 1.0f, 0);
+        r.EndPerfEvent();
+        r.BeginPerfEvent(0, u"Post");
+        r.BeginPerfEvent(0, u"Blur"); // both closed by the submission
+        r.Clear(GraphicsClearMode::Target, Vector4(1, 0, 0, 1), 1.0f, 0);
+        r.EndFrame();
+        r.Present();
+    }
+    r.EnablePerf(false);
+    r.BeginPerfEvent(0, u"Shadows");
+    r.Clear(GraphicsClearMode::Target, Vector4(1, 0, 0, 1), 1.0f, 0);
+    r.EndPerfEvent();
+    r.Present();
+    r.EnablePerf(true);
+    for (uint32 i = 0; i < VulkanRenderer::kMaxTimedEvents + 8; ++i)
+    {
+        r.BeginPerfEvent(0, u"Many");
+        r.EndPerfEvent();
+    }
+    ASSERT_TRUE(r.SubmitFrame(true));
+
+    const int shadows = r.GetGpuEventSection(u"Shadows");
+    const int post = r.GetGpuEventSection(u"Post");
+    const int blur = r.GetGpuEventSection(u"Blur");
+    EXPECT_EQ(shadows, VulkanRenderer::kGpuEventSectionBase);
+    EXPECT_EQ(post, shadows + 1);
+    EXPECT_EQ(blur, shadows + 2);
+    TimeAnalyzer::Entry entry;
+    for (int section : {shadows, post, blur})
+    {
+        ASSERT_TRUE(g_TimeAnalyzer.GetEntry(section, entry)) << section;
+        EXPECT_EQ(entry.calls, 4u) << entry.name.c_str();
+        EXPECT_GE(entry.totalTicks, 0);
+    }
+    EXPECT_TRUE(entry.name == "GPU Blur");
+    ASSERT_TRUE(g_TimeAnalyzer.GetEntry(r.GetGpuEventSection(u"Many"), entry));
+    EXPECT_EQ(entry.calls, VulkanRenderer::kMaxTimedEvents);
+    g_TimeAnalyzer.Clear();
+}

@@ -8,6 +8,7 @@
 
 #include <stdlib.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,7 @@ class VulkanEngine
 {
 public:
     explicit VulkanEngine(unsigned width = 64, unsigned height = 32, bool graphicsThread = false,
-                          KovexEngine::uint64 windowHandle = 0)
+                          KovexEngine::uint64 windowHandle = 0, KovexEngine::uint32 samples = 0)
     {
         using namespace KovexEngine;
         VulkanDevice::SetValidationRequested(true);
@@ -47,6 +48,7 @@ public:
         parameters.Width = width;
         parameters.Height = height;
         parameters.WindowHandle = windowHandle;
+        parameters.Extra0 = samples;
         if (m_ok)
             Kovex_InitRenderer(parameters);
         m_ok = m_ok && VulkanRenderer::Get() && VulkanRenderer::Get()->GetDevice().IsOpen();
@@ -83,6 +85,13 @@ KovexEngine::Ptr<KovexEngine::Image> ReadBack(KovexEngine::Texture* texture, Kov
 // answers the directory for the failure message.
 std::string WriteSideBySide(const std::string& name, const KovexEngine::Ptr<KovexEngine::Image>& actual,
                             const KovexEngine::Ptr<KovexEngine::Image>& expected);
+
+// Work posted to the graphics thread as one command.
+struct FrameCommand : KovexEngine::ThreadCommand
+{
+    std::function<void()> work;
+    void Process() override { work(); }
+};
 
 // Sets an environment variable for one scope and restores it after.
 class ScopedEnv

@@ -13,6 +13,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -589,6 +590,105 @@ TEST_F(VulkanProgram, WhatCannotBeDrawnIsRefusedWithItsLine)
     ASSERT_TRUE(shader);
     EXPECT_TRUE(shader->IsFailed());
     EXPECT_TRUE(log->Contains(u"Vulkan: the Pixel shader's code is no SPIR-V module with an entry point.\n"));
+}
+
+
+struct FrameCommand : ThreadCommand
+{
+    std::function<void()> work;
+    void Process() override { work(); }
+};
+
+// Programs are built and dropped on a worker while the graphics thread
+// makes their layouts, destroys the dropped ones and draws frames with
+// the newest one that is ready.
+TEST(VulkanProgramThreads, ProgramsComeAndGoWhileFramesDraw)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    KovexTest::VulkanEngine engine(kWidth, kHeight, true);
+    ASSERT_TRUE(engine.IsOpen());
+    if (!engine.Renderer().GetDevice().GetBeginRendering())
+        GTEST_SKIP() << "the device has no dynamic rendering";
+    GraphicsThread* thread = GraphicsThread::Ins();
+    ASSERT_TRUE(thread->IsStarted());
+    Renderer& r = *g_ptrRenderer;
+    const Square square{0.0f, 0.0f, 0.5f};
+    Ptr<VertexBuffer> buffer = MakePositions(square.Triangles());
+    std::mutex lock;
+    Ptr<BaseProgram> newest; // under `lock`
+    Ptr<BaseProgram> ready;  // the graphics thread's: the newest one created
+    std::atomic<bool> stop{false};
+    std::atomic<int> made{0}, frames{0}, drawn{0};
+    std::thread worker([&] {
+        std::vector<Ptr<BaseProgram>> held;
+        while (!stop.load() && made.load() < 40)
+        {
+            // Two programs a frame at most: the frames must keep up.
+            if (made.load() >= 2 * (frames.load() + 1))
+            {
+                std::this_thread::yield();
+                continue;
+            }
+            Ptr<BaseProgram> program = MakeProgram(kFlatVS, sizeof(kFlatVS), FlatReflection(true), kFlatPS,
+                                                   sizeof(kFlatPS), FlatReflection(false));
+            if (!program)
+                break;
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                newest = program;
+            }
+            held.push_back(program);
+            if (held.size() > 3)
+                held.erase(held.begin()); // released here, destroyed on the graphics side
+            made.fetch_add(1);
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const int kFrames = 16;
+    for (int frame = 0; frame < kFrames && std::chrono::steady_clock::now() < deadline; ++frame)
+    {
+        while (made.load() < 2 * frame && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        Kovex_FrameBegin();
+        Ptr<FrameCommand> command(new FrameCommand());
+        const float green = frame == kFrames - 1 ? 1.0f : 0.5f;
+        command->work = [&r, &lock, &newest, &ready, &buffer, &drawn, green] {
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                if (newest && newest->IsCreated())
+                    ready = newest;
+            }
+            Ptr<BaseProgram> program = ready;
+            r.BeginFrame();
+            r.Clear(GraphicsClearMode::TargetDepthStencil, Vector4(0, 0, 0, 1), 1.0f, 0);
+            if (program)
+            {
+                VertexBuffer* buffers[1] = {buffer.Get()};
+                program->ApplyProgram();
+                SetFloats(*program, u"Color", {0.0f, green, 0.0f, 1.0f});
+                SetFloats(*program, u"Offset", {0.0f, 0.0f});
+                drawn.fetch_add(r.DrawWithProgram(Draw(buffers, 6)) ? 1 : 0);
+            }
+            r.EndFrame();
+            r.Present();
+        };
+        thread->MT_PostCommand(command.Get());
+        Kovex_FrameEnd();
+        frames.fetch_add(1);
+    }
+    // What was posted during the last frame runs in the next one.
+    Kovex_FrameBegin();
+    Kovex_FrameEnd();
+    stop = true;
+    worker.join();
+    EXPECT_GE(made.load(), 2 * (kFrames - 1));
+    EXPECT_GE(drawn.load(), kFrames / 2) << "frames drew with programs made on the other thread";
+    EXPECT_EQ(CompareSquares(KovexTest::ReadBack(r.GetRenderTarget(0).Get()), {{square, {0, 255, 0, 255}}},
+                             "program-threads"),
+              0);
+    std::lock_guard<std::mutex> guard(lock);
+    newest = Ptr<BaseProgram>();
+    ready = Ptr<BaseProgram>();
 }
 
 #endif

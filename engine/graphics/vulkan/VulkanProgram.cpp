@@ -655,7 +655,8 @@ bool VulkanProgramBinder::PrepareBindings(VkCommandBuffer cmd, BaseProgram& prog
         {
             auto* resource = static_cast<ShaderBuffer*>(b.Resource.Get());
             auto* buffer = DynamicCast<VulkanRWBuffer>(static_cast<Object*>(resource->Value.Get()));
-            if (!buffer || !buffer->GetDeviceMemory().GetBuffer())
+            // A dynamic buffer whose stream changed takes it into its next copy.
+            if (!buffer || !buffer->GetDeviceMemory().GetBuffer() || !buffer->GetDeviceMemory().Refresh(*buffer))
             {
                 if (!state.m_toldBuffer)
                     Log::Format(LOG_WARNING, u"Vulkan: the program's read-write buffer [%s] is not set; its draws "

@@ -20,6 +20,7 @@
 #include "graphics/BaseProgram.h"
 #include "graphics/GraphicsThread.h"
 #include "graphics/IndexBuffer.h"
+#include "graphics/RWBuffer.h"
 #include "graphics/RenderStates.h"
 #include "graphics/ShaderReflection.h"
 #include "graphics/ShaderResource.h"
@@ -37,6 +38,8 @@
 #ifdef KOVEX_TEST_HLSL_SHADERS
 #include "flat.hlsl.PS.h"
 #include "flat.hlsl.VS.h"
+#include "palette.hlsl.PS.h"
+#include "palette.hlsl.VS.h"
 #include "textured.hlsl.PS.h"
 #include "textured.hlsl.VS.h"
 #endif
@@ -541,6 +544,65 @@ TEST_F(VulkanProgram, AnUncommittedTextureDrawsTheDefaultAndSaysSoOnce)
     for (const auto& entry : log->entries)
         said += entry.text == u"Vulkan: the program's texture [Albedo] is not set; a default texture is bound.\n";
     EXPECT_EQ(said, 1u);
+}
+
+// A read-write buffer reaches the stage as a storage buffer: the colour is
+// the element a constant picks, and the buffer's new content is read by the
+// next frame. Without a buffer the draw is refused, said once.
+TEST_F(VulkanProgram, AStorageBufferIsReadAtItsSlot)
+{
+    VulkanRenderer& r = Renderer();
+    // palette.hlsl: Pick { uint Index; } at b0, Palette at binding 1 (the
+    // texture shift does not move structured buffers).
+    ShaderReflection vs, ps;
+    vs.Inputs = {Input("position", "POSITION0", 0, 3)};
+    ShaderReflection::ConstantBuffer block;
+    block.Name = "Pick";
+    block.Size = 4;
+    block.Members = {Member("Index", 0, 4, 1)};
+    ps.ConstantBuffers = {block};
+    ps.RWBuffers = {Resource("Palette", 1, 0)};
+    Ptr<BaseProgram> palette = MakeProgram(kPaletteVS, sizeof(kPaletteVS), vs, kPalettePS, sizeof(kPalettePS), ps);
+    ASSERT_TRUE(palette && palette->IsCreated());
+    const Square square{0.0f, 0.0f, 0.5f};
+    Ptr<VertexBuffer> positions = MakePositions(square.Triangles());
+    VertexBuffer* buffers[1] = {positions.Get()};
+    const uint32 index = 2;
+    KovexTest::LogCapture log;
+    r.BeginFrame();
+    palette->ApplyProgram();
+    ASSERT_TRUE(palette->CommitConstantByName(u"Index", &index, 4, 16));
+    EXPECT_FALSE(r.DrawWithProgram(Draw(buffers, 6)));
+    EXPECT_FALSE(r.DrawWithProgram(Draw(buffers, 6)));
+    unsigned said = 0;
+    for (const auto& entry : log->entries)
+        said += entry.text == u"Vulkan: the program's read-write buffer [Palette] is not set; its draws are skipped.\n";
+    EXPECT_EQ(said, 1u);
+    r.EndFrame();
+    r.Present();
+
+    Ptr<RWBuffer> colours = RWBufferFactory::Get()->Create(GraphicsFormat::R32G32B32A32_FLOAT, 4, 8,
+                                                           uint32(GraphicsResourceCpuAccess::Write),
+                                                           GraphicsResourceUsage::Dynamic, true);
+    ASSERT_TRUE(colours && colours->IsCreated());
+    for (int frame = 0; frame < 2; ++frame)
+    {
+        // Element 2 is red, then green; the others never show.
+        const float values[16] = {1, 1, 1, 1, 0, 0, 1, 1, frame ? 0.0f : 1.0f, frame ? 1.0f : 0.0f, 0, 1, 1, 0, 1, 1};
+        GraphicsStream* stream = colours->GetStream().Get();
+        memcpy(stream->GetPointer(0), values, sizeof(values));
+        stream->MakeDirty(0, sizeof(values));
+        ASSERT_TRUE(palette->CommitBuffer(u"Palette", colours));
+        BeginFrame();
+        palette->ApplyProgram();
+        ASSERT_TRUE(palette->CommitConstantByName(u"Index", &index, 4, 16));
+        ASSERT_TRUE(r.DrawWithProgram(Draw(buffers, 6)));
+        EndFrame();
+        EXPECT_EQ(CompareSquares(Frame(), {{square, {uint8(frame ? 0 : 255), uint8(frame ? 255 : 0), 0, 255}}},
+                                 "program-storage"),
+                  0)
+            << "frame " << frame;
+    }
 }
 
 // What cannot be drawn is refused with its line and records nothing.

@@ -53,6 +53,8 @@ struct VulkanEngine
             Kovex_InitRenderer(parameters);
         ok = VulkanRenderer::Get() && VulkanRenderer::Get()->GetDevice().IsOpen();
     }
+    // Open, and on a device that draws (dynamic rendering).
+    bool CanDraw() const { return ok && VulkanRenderer::Get()->GetDevice().GetBeginRendering(); }
     ~VulkanEngine()
     {
         Kovex_Main_Terminate();
@@ -97,7 +99,7 @@ BENCHMARK(BM_Vulkan_ClearAndReadBack640x360)->Unit(benchmark::kMillisecond)->Use
 void BM_Vulkan_ClearDrawAndReadBack640x360(benchmark::State& state)
 {
     VulkanEngine engine;
-    if (!engine.ok || !VulkanRenderer::Get()->GetDevice().GetBeginRendering())
+    if (!engine.CanDraw())
     {
         state.SkipWithError("no Vulkan device that draws");
         return;
@@ -213,6 +215,16 @@ struct DrawScene
         sampler = SamplerStateFactory::Get()->Create(point);
         ok = program->IsCreated() && target && textures[0] && textures[1] && triangle && sampler;
     }
+    // One draw of the triangle; `buffers` holds the one vertex buffer.
+    DrawBuffersDesc MakeDraw(VertexBuffer* (&buffers)[1])
+    {
+        buffers[0] = triangle.Get();
+        DrawBuffersDesc draw;
+        draw.VertexBuffers = buffers;
+        draw.VertexBufferCount = 1;
+        draw.Count = 3;
+        return draw;
+    }
     void Bind(Renderer& r)
     {
         RenderTargetGroup group;
@@ -237,7 +249,7 @@ void SubmitUntimed(benchmark::State& state, VulkanRenderer& r)
 void BM_Vulkan_ProgramDraws10000(benchmark::State& state)
 {
     VulkanEngine engine;
-    if (!engine.ok || !VulkanRenderer::Get()->GetDevice().GetBeginRendering())
+    if (!engine.CanDraw())
     {
         state.SkipWithError("no Vulkan device that draws");
         return;
@@ -249,11 +261,8 @@ void BM_Vulkan_ProgramDraws10000(benchmark::State& state)
         state.SkipWithError("the program could not be made");
         return;
     }
-    VertexBuffer* buffers[1] = {scene.triangle.Get()};
-    DrawBuffersDesc draw;
-    draw.VertexBuffers = buffers;
-    draw.VertexBufferCount = 1;
-    draw.Count = 3;
+    VertexBuffer* buffers[1];
+    const DrawBuffersDesc draw = scene.MakeDraw(buffers);
     for (auto _ : state)
     {
         r.BeginFrame();
@@ -284,7 +293,7 @@ void BM_Vulkan_Baseline_RawDraws10000(benchmark::State& state)
 {
     VulkanEngine engine;
     VulkanRenderer* renderer = VulkanRenderer::Get();
-    if (!engine.ok || !renderer->GetDevice().GetBeginRendering() || !renderer->GetDevice().GetPushDescriptor())
+    if (!engine.CanDraw() || !renderer->GetDevice().GetPushDescriptor())
     {
         state.SkipWithError("no Vulkan device that draws and pushes descriptors");
         return;
@@ -298,11 +307,8 @@ void BM_Vulkan_Baseline_RawDraws10000(benchmark::State& state)
         return;
     }
     // One engine draw makes the pipeline and moves every image to its layout.
-    VertexBuffer* buffers[1] = {scene.triangle.Get()};
-    DrawBuffersDesc draw;
-    draw.VertexBuffers = buffers;
-    draw.VertexBufferCount = 1;
-    draw.Count = 3;
+    VertexBuffer* buffers[1];
+    const DrawBuffersDesc draw = scene.MakeDraw(buffers);
     r.BeginFrame();
     scene.Bind(r);
     scene.program->CommitTexture(u"Albedo", scene.textures[0]);

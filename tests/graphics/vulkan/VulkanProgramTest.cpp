@@ -369,6 +369,30 @@ TEST_F(VulkanProgram, EveryDrawOfAFrameKeepsItsOwnConstants)
     }
 }
 
+// Constants of one frame that outgrow one block of the ring go on in a
+// new one: twenty draws of a 60,000-byte constant buffer, each square in
+// its own colour.
+TEST_F(VulkanProgram, AFrameOfLargeConstantsSpansSeveralRingBlocks)
+{
+    ShaderReflection vs = FlatReflection(true), ps = FlatReflection(false);
+    vs.ConstantBuffers[0].Size = ps.ConstantBuffers[0].Size = 60000;
+    flat = MakeProgram(kFlatVS, sizeof(kFlatVS), vs, kFlatPS, sizeof(kFlatPS), ps);
+    ASSERT_TRUE(flat && flat->IsCreated());
+    const uint64 before = Renderer().GetPrograms()->GetRingBytes();
+    std::vector<std::pair<Square, std::array<uint8, 4>>> expected;
+    BeginFrame();
+    for (int i = 0; i < 20; ++i)
+    {
+        const Square square{-0.8f + 0.4f * (i % 5), -0.75f + 0.5f * (i / 5), 0.15f};
+        const std::array<uint8, 4> colour = {uint8(i * 12), uint8(255 - i * 12), uint8(i % 2 ? 255 : 0), 255};
+        ASSERT_TRUE(DrawFlat(square, {colour[0] / 255.0f, colour[1] / 255.0f, colour[2] / 255.0f, 1.0f}));
+        expected.push_back({square, colour});
+    }
+    EndFrame();
+    EXPECT_EQ(Renderer().GetPrograms()->GetRingBytes() - before, 20u * 60000u);
+    EXPECT_EQ(CompareSquares(Frame(), expected, "program-ring-blocks"), 0);
+}
+
 // A textured quad: a texture decoded from PNG by the image loaders, sampled
 // by a point sampler of the factory, tinted by a constant, matches the CPU's
 // product within 1/255 per channel. The vertex elements come in another

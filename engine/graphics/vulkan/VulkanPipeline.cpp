@@ -309,6 +309,13 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
     // binding with the slot's stride.
     std::vector<VkVertexInputAttributeDescription> attributes;
     std::vector<VkVertexInputBindingDescription> bindings;
+    if (!key.Layout && key.VertexInputs && !key.VertexInputs->Inputs.empty())
+    {
+        const ShaderReflection::Input& input = key.VertexInputs->Inputs[0];
+        Log::Format(LOG_WARNING, u"Vulkan: the vertex layout has no element for the input [%S] (%S).\n",
+                    input.Name.c_str(), input.Semantic.c_str());
+        return VK_NULL_HANDLE;
+    }
     if (key.Layout)
     {
         const TArray<VertexElement>& elements = key.Layout->GetElements();

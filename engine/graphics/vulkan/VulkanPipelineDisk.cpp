@@ -104,7 +104,8 @@ void VulkanPipelineCache::LoadDisk(const VkPhysicalDeviceProperties& device)
     fclose(file);
     if (!read || !HeaderMatches(bytes.data(), bytes.size(), device))
     {
-        Log::Format(LOG_WARNING, u"Vulkan: the pipeline cache [%S] is not this device's or is damaged; it is ignored.\n",
+        Log::Format(LOG_WARNING,
+                    u"Vulkan: the pipeline cache [%S] is not this device's or is damaged; it is ignored.\n",
                     path.c_str());
         bytes.clear();
     }

@@ -274,8 +274,9 @@ bool VulkanProgramBinder::CreateProgram(BaseProgram* program)
     }
     if (clash)
         return false;
-    std::sort(bindings.begin(), bindings.end(),
-              [](const VulkanProgramState::Binding& a, const VulkanProgramState::Binding& b) { return a.Slot < b.Slot; });
+    std::sort(
+        bindings.begin(), bindings.end(),
+        [](const VulkanProgramState::Binding& a, const VulkanProgramState::Binding& b) { return a.Slot < b.Slot; });
 
     auto state = std::make_unique<VulkanProgramState>();
     state->m_device = device.GetDevice();
@@ -587,7 +588,8 @@ bool VulkanProgramBinder::PrepareBindings(VkCommandBuffer cmd, BaseProgram& prog
         {
         case VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER:
         {
-            auto* buffer = DynamicCast<VulkanConstantBuffer>(static_cast<Object*>(program.GetConstantBuffer(b.CBufferIndex)));
+            auto* buffer =
+                DynamicCast<VulkanConstantBuffer>(static_cast<Object*>(program.GetConstantBuffer(b.CBufferIndex)));
             GraphicsStream* stream = buffer ? buffer->GetStream().Get() : nullptr;
             GraphicsStream* read = stream ? stream->GetGpuReadStream() : nullptr;
             if (read && !read->GetPointer(0))

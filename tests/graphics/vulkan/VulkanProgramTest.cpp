@@ -40,6 +40,7 @@
 #include "flat.hlsl.VS.h"
 #include "palette.hlsl.PS.h"
 #include "palette.hlsl.VS.h"
+#include "shift.hlsl.GS.h"
 #include "textured.hlsl.PS.h"
 #include "textured.hlsl.VS.h"
 #endif
@@ -442,11 +443,13 @@ TEST_F(VulkanProgram, ATexturedQuadMatchesTheCpuReference)
                        0);
     Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(elements, 2, 4, true);
     memcpy(stream->GetPointer(0), corners, sizeof(corners));
-    Ptr<VertexBuffer> vertices = VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
+    Ptr<VertexBuffer> vertices =
+        VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
     Ptr<IndexBuffer::Stream> indexStream = IndexBuffer::Stream::Create(6, IndexBuffer::Index16, true);
     const uint16 order[6] = {0, 1, 2, 0, 2, 3};
     memcpy(indexStream->GetPointer(0), order, sizeof(order));
-    Ptr<IndexBuffer> indices = IndexBufferFactory::Get()->Create(indexStream, 0, GraphicsResourceUsage::Immutable, nullptr);
+    Ptr<IndexBuffer> indices =
+        IndexBufferFactory::Get()->Create(indexStream, 0, GraphicsResourceUsage::Immutable, nullptr);
     ASSERT_TRUE(vertices && vertices->IsCreated() && indices && indices->IsCreated());
 
     BeginFrame();
@@ -629,6 +632,39 @@ TEST_F(VulkanProgram, AStorageBufferIsReadAtItsSlot)
     }
 }
 
+// A geometry stage joins the pipeline: the program's square is drawn where
+// its geometry shader moves it.
+TEST_F(VulkanProgram, AGeometryStageRunsBetweenTheOthers)
+{
+    VulkanRenderer& r = Renderer();
+    if (!r.GetHWCapability()->SupportGeometryShader)
+        GTEST_SKIP() << "the device has no geometry stage";
+    Ptr<BaseProgram> shifted(new BaseProgram());
+    shifted->SetShader(ShaderType::Vertex,
+                       MakeShader(ShaderType::Vertex, kFlatVS, sizeof(kFlatVS), FlatReflection(true)));
+    shifted->SetShader(ShaderType::Geometry,
+                       MakeShader(ShaderType::Geometry, kShiftGS, sizeof(kShiftGS), ShaderReflection()));
+    shifted->SetShader(ShaderType::Pixel,
+                       MakeShader(ShaderType::Pixel, kFlatPS, sizeof(kFlatPS), FlatReflection(false)));
+    ASSERT_TRUE(shifted->AddReflection(ShaderType::Vertex, FlatReflection(true)) &&
+                shifted->AddReflection(ShaderType::Pixel, FlatReflection(false)) && shifted->CreateConstantBuffers());
+    ShaderFactory::Get()->M_PostObject(Ptr<GraphicsObject>(shifted.Get()), nullptr);
+    ASSERT_TRUE(shifted->IsCreated());
+    auto* gs = DynamicCast<VulkanShader>(static_cast<Object*>(shifted->GetShader(ShaderType::Geometry)));
+    ASSERT_TRUE(gs && gs->GetModule());
+    EXPECT_STREQ(gs->GetEntryPoint(), "GS");
+    const Square square{-0.5f, 0.0f, 0.25f};
+    Ptr<VertexBuffer> positions = MakePositions(square.Triangles());
+    VertexBuffer* buffers[1] = {positions.Get()};
+    BeginFrame();
+    shifted->ApplyProgram();
+    ASSERT_TRUE(SetFloats(*shifted, u"Color", {1.0f, 1.0f, 1.0f, 1.0f}));
+    ASSERT_TRUE(SetFloats(*shifted, u"Offset", {0.0f, 0.0f}));
+    ASSERT_TRUE(r.DrawWithProgram(Draw(buffers, 6)));
+    EndFrame();
+    EXPECT_EQ(CompareSquares(Frame(), {{Square{0.5f, 0.0f, 0.25f}, {255, 255, 255, 255}}}, "program-geometry"), 0);
+}
+
 // What cannot be drawn is refused with its line and records nothing.
 TEST_F(VulkanProgram, WhatCannotBeDrawnIsRefusedWithItsLine)
 {
@@ -647,7 +683,10 @@ TEST_F(VulkanProgram, WhatCannotBeDrawnIsRefusedWithItsLine)
     EXPECT_FALSE(r.DrawWithProgram(Draw(buffers, 6)));
     EXPECT_TRUE(log->Contains(u"Vulkan: the vertex layout has no element for the input [uv] (TEXCOORD0).\n"));
 
+    // No buffer at all for a program that reads an input.
     flat->ApplyProgram();
+    EXPECT_FALSE(r.DrawWithProgram(DrawBuffersDesc()));
+    EXPECT_TRUE(log->Contains(u"Vulkan: the vertex layout has no element for the input [position] (POSITION0).\n"));
     EXPECT_FALSE(r.DrawWithProgram(Draw(buffers, 7)));
     EXPECT_TRUE(log->Contains(u"Vulkan: a draw of 7 vertices from 0 reaches past a buffer of 6.\n"));
     DrawBuffersDesc late = Draw(buffers, 3);
@@ -849,7 +888,8 @@ TEST(VulkanPipelineDisk, TheNextDeviceStartsFromTheSavedCache)
     absurdHeader[1] = 0xFF;
     for (const std::vector<uint8>* bad : {&foreign, &truncated, &absurdHeader})
     {
-        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bad->data()), std::streamsize(bad->size()));
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bad->data()), std::streamsize(bad->size()));
         useTemporaryRoot();
         KovexTest::LogCapture log;
         KovexTest::VulkanEngine engine;

@@ -841,6 +841,28 @@ TEST(VulkanProgramParts, TheEntryPointComesFromTheModule)
     EXPECT_FALSE(VulkanShader::FindEntryPoint(nullptr, 0, name));
 }
 
+// Two programs of the same modules but other layouts, or with and without a
+// geometry stage, never share a pipeline; entry names and inputs follow from
+// the modules and do not split the key.
+TEST(VulkanProgramParts, ALayoutAndAGeometryStageAreOfThePipelineKey)
+{
+    VulkanPipelineKey a, b;
+    a.Vertex = b.Vertex = reinterpret_cast<VkShaderModule>(uintptr_t(0x1000));
+    a.PipelineLayout = b.PipelineLayout = reinterpret_cast<VkPipelineLayout>(uintptr_t(0x2000));
+    b.Entries[0] = "VS";
+    ShaderReflection inputs;
+    b.VertexInputs = &inputs;
+    EXPECT_TRUE(a == b);
+    EXPECT_EQ(a.Hash(), b.Hash());
+    b.PipelineLayout = reinterpret_cast<VkPipelineLayout>(uintptr_t(0x2008));
+    EXPECT_FALSE(a == b);
+    EXPECT_NE(a.Hash(), b.Hash());
+    b = a;
+    b.Geometry = reinterpret_cast<VkShaderModule>(uintptr_t(0x3000));
+    EXPECT_FALSE(a == b);
+    EXPECT_NE(a.Hash(), b.Hash());
+}
+
 // The pipeline cache lives in the engine's cache directory: a device writes
 // it when it closes, and the next device of the same kind starts from it;
 // a file of another device, or a damaged one, is ignored with one line.

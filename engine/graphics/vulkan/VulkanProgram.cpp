@@ -245,6 +245,19 @@ bool VulkanProgramBinder::CreateProgram(BaseProgram* program)
     {
         const ShaderType type{int(stage)};
         Shader* shader = program->GetShader(type);
+        // One descriptor per resource: a resource holds one value.
+        const ShaderReflection empty;
+        const ShaderReflection& reflection = shader ? shader->GetReflection() : empty;
+        for (const std::vector<ShaderReflection::Resource>* list :
+             {&reflection.Textures, &reflection.Samplers, &reflection.RWBuffers})
+            for (const ShaderReflection::Resource& resource : *list)
+                if (resource.ArraySize > 1)
+                {
+                    Log::Format(LOG_WARNING, u"Vulkan: program resource [%S] is an array of %u; arrays of resources "
+                                             u"are not bound yet.\n",
+                                resource.Name.c_str(), resource.ArraySize);
+                    return false;
+                }
         for (unsigned i = 0; i < program->GetNumCBuffers(); ++i)
         {
             ShaderCBuffer* cbuffer = program->GetCBuffer(i);

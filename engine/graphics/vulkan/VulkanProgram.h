@@ -9,6 +9,8 @@
 // visible to the stages whose slot for it is set. Constant buffers are
 // uniform buffers, textures sampled images, samplers samplers, read-write
 // buffers storage buffers (storage images are laid out but not bound yet).
+// A resource declared as an array fails the program: a resource holds one
+// value, and the descriptors beyond it would be left unwritten.
 //
 // Binding: push descriptors (VK_KHR_push_descriptor) where the device has
 // them and the program's descriptors fit its limit, else one set per draw

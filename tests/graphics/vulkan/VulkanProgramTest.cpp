@@ -709,6 +709,16 @@ TEST_F(VulkanProgram, WhatCannotBeDrawnIsRefusedWithItsLine)
     EXPECT_FALSE(r.DrawWithProgram(Draw(buffers, 6)));
     EXPECT_TRUE(log->Contains(u"Vulkan: the current program has no Vulkan layout; nothing is drawn.\n"));
 
+    // A resource array would need more descriptors than a resource has values.
+    ShaderReflection arrays = TexturedReflection(false);
+    arrays.Textures[0].ArraySize = 4;
+    Ptr<BaseProgram> arrayed = MakeProgram(kTexturedVS, sizeof(kTexturedVS), TexturedReflection(true), kTexturedPS,
+                                           sizeof(kTexturedPS), arrays);
+    ASSERT_TRUE(arrayed);
+    EXPECT_TRUE(arrayed->IsFailed());
+    EXPECT_TRUE(log->Contains(
+        u"Vulkan: program resource [kovex_t_Albedo] is an array of 4; arrays of resources are not bound yet.\n"));
+
     // Words that are no SPIR-V module make no shader module.
     const uint32 garbage[8] = {0x12345678u, 1, 2, 3, 4, 5, 6, 7};
     Ptr<Shader> shader = MakeShader(ShaderType::Pixel, garbage, sizeof(garbage), ShaderReflection());

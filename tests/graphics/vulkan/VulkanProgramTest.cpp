@@ -271,6 +271,7 @@ protected:
     }
     void TearDown() override
     {
+        m_keep.clear();
         flat = Ptr<BaseProgram>();
         textured = Ptr<BaseProgram>();
         m_engine.reset();
@@ -296,6 +297,21 @@ protected:
         flat->ApplyProgram();
         return SetFloats(*flat, u"Color", colour) && SetFloats(*flat, u"Offset", {0.0f, 0.0f}) &&
                Renderer().DrawWithProgram(Draw(buffers, 6));
+    }
+
+    // Runs `body` with push descriptors where the device has them, then on
+    // the pool path, as devices without them take it (a new engine).
+    void ForBothBindingPaths(const std::function<void(const char* path)>& body)
+    {
+        if (Renderer().GetPrograms()->CanPush())
+            body("push descriptors");
+        TearDown();
+        KovexTest::ScopedEnv pools("KOVEX_VULKAN_PUSH_DESCRIPTORS", "0");
+        SetUp();
+        if (HasFatalFailure() || IsSkipped())
+            return;
+        ASSERT_FALSE(Renderer().GetPrograms()->CanPush());
+        body("descriptor pools");
     }
 
     Ptr<BaseProgram> flat, textured;
@@ -343,19 +359,7 @@ TEST_F(VulkanProgram, EveryDrawOfAFrameKeepsItsOwnConstants)
         {255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {255, 255, 0, 255}};
     const Square squares[4] = {{-0.75f, 0.5f, 0.2f}, {-0.25f, -0.5f, 0.2f}, {0.25f, 0.5f, 0.2f},
                                {0.75f, -0.5f, 0.2f}};
-    for (bool push : {true, false})
-    {
-        // The pool path, as devices without push descriptors take it.
-        std::unique_ptr<KovexTest::ScopedEnv> env;
-        if (!push)
-        {
-            TearDown();
-            env = std::make_unique<KovexTest::ScopedEnv>("KOVEX_VULKAN_PUSH_DESCRIPTORS", "0");
-            SetUp();
-            ASSERT_FALSE(Renderer().GetPrograms()->CanPush());
-        }
-        else if (!Renderer().GetPrograms()->CanPush())
-            continue;
+    ForBothBindingPaths([&](const char* path) {
         BeginFrame();
         std::vector<std::pair<Square, std::array<uint8, 4>>> expected;
         for (int i = 0; i < 4; ++i)
@@ -365,9 +369,20 @@ TEST_F(VulkanProgram, EveryDrawOfAFrameKeepsItsOwnConstants)
             expected.push_back({squares[i], colours[i]});
         }
         EndFrame();
-        EXPECT_EQ(CompareSquares(Frame(), expected, push ? "constants-pushed" : "constants-pooled"), 0)
-            << (push ? "push descriptors" : "descriptor pools");
-    }
+        EXPECT_EQ(CompareSquares(Frame(), expected, "program-constants"), 0) << path;
+        // More draws in a frame than one descriptor pool has sets.
+        Ptr<VertexBuffer> one = MakePositions(squares[0].Triangles());
+        VertexBuffer* buffers[1] = {one.Get()};
+        BeginFrame();
+        flat->ApplyProgram();
+        ASSERT_TRUE(SetFloats(*flat, u"Offset", {0.0f, 0.0f}));
+        for (int i = 0; i < 300; ++i)
+            ASSERT_TRUE(SetFloats(*flat, u"Color", {i / 299.0f, 0.0f, 1.0f, 1.0f}) &&
+                        Renderer().DrawWithProgram(Draw(buffers, 6)))
+                << path << ", draw " << i;
+        EndFrame();
+        EXPECT_EQ(CompareSquares(Frame(), {{squares[0], {255, 0, 255, 255}}}, "program-many-draws"), 0) << path;
+    });
 }
 
 // Constants of one frame that outgrow one block of the ring go on in a
@@ -483,54 +498,56 @@ TEST_F(VulkanProgram, ATexturedQuadMatchesTheCpuReference)
 // layout, constants and texture.
 TEST_F(VulkanProgram, TwoProgramsAlternateInOneFrame)
 {
-    VulkanRenderer& r = Renderer();
-    Ptr<Image> grey(new Image());
-    ASSERT_TRUE(grey->Create(TextureFactory::Make2DDesc(2, 2, GraphicsFormat::R8G8B8A8_UNORM, 1)));
-    grey->FillData(128);
-    Ptr<Texture> texture = TextureFactory::Get()->Create(Ptr<Object>(grey.Get()), GraphicsResourceUsage::Immutable,
-                                                         nullptr);
-    ASSERT_TRUE(texture && texture->IsCreated());
-    ASSERT_TRUE(textured->CommitTexture(u"Albedo", texture));
-    struct Vertex
-    {
-        float x, y, z;
-        float u, v;
-    };
-    const Square squares[4] = {{-0.75f, 0.5f, 0.2f}, {-0.25f, -0.5f, 0.2f}, {0.25f, 0.5f, 0.2f},
-                               {0.75f, -0.5f, 0.2f}};
-    VertexElement elements[2];
-    elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, GraphicsInputClass::PerVertex,
-                       0);
-    elements[1].Assign(GraphicsSemantic::TexCoord, 0, GraphicsLayoutFormat::Float2, 0, 12,
-                       GraphicsInputClass::PerVertex, 0);
-    std::vector<std::pair<Square, std::array<uint8, 4>>> expected;
-    std::vector<Ptr<VertexBuffer>> keep;
-    BeginFrame();
-    for (int i = 0; i < 4; ++i)
-    {
-        if (i % 2 == 0)
+    ForBothBindingPaths([&](const char* path) {
+        VulkanRenderer& r = Renderer();
+        Ptr<Image> grey(new Image());
+        ASSERT_TRUE(grey->Create(TextureFactory::Make2DDesc(2, 2, GraphicsFormat::R8G8B8A8_UNORM, 1)));
+        grey->FillData(128);
+        Ptr<Texture> texture = TextureFactory::Get()->Create(Ptr<Object>(grey.Get()), GraphicsResourceUsage::Immutable,
+                                                             nullptr);
+        ASSERT_TRUE(texture && texture->IsCreated());
+        ASSERT_TRUE(textured->CommitTexture(u"Albedo", texture));
+        struct Vertex
         {
-            ASSERT_TRUE(DrawFlat(squares[i], {0.0f, 1.0f, 0.0f, 1.0f}));
-            expected.push_back({squares[i], {0, 255, 0, 255}});
-            continue;
+            float x, y, z;
+            float u, v;
+        };
+        const Square squares[4] = {{-0.75f, 0.5f, 0.2f}, {-0.25f, -0.5f, 0.2f}, {0.25f, 0.5f, 0.2f},
+                                   {0.75f, -0.5f, 0.2f}};
+        VertexElement elements[2];
+        elements[0].Assign(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3, 0, 0, GraphicsInputClass::PerVertex,
+                           0);
+        elements[1].Assign(GraphicsSemantic::TexCoord, 0, GraphicsLayoutFormat::Float2, 0, 12,
+                           GraphicsInputClass::PerVertex, 0);
+        std::vector<std::pair<Square, std::array<uint8, 4>>> expected;
+        std::vector<Ptr<VertexBuffer>> keep;
+        BeginFrame();
+        for (int i = 0; i < 4; ++i)
+        {
+            if (i % 2 == 0)
+            {
+                ASSERT_TRUE(DrawFlat(squares[i], {0.0f, 1.0f, 0.0f, 1.0f}));
+                expected.push_back({squares[i], {0, 255, 0, 255}});
+                continue;
+            }
+            std::vector<Vertex> v;
+            for (const Position& p : squares[i].Triangles())
+                v.push_back({p.x, p.y, p.z, 0.5f, 0.5f});
+            Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(elements, 2, 6, true);
+            memcpy(stream->GetPointer(0), v.data(), v.size() * sizeof(Vertex));
+            keep.push_back(VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr));
+            VertexBuffer* buffers[1] = {keep.back().Get()};
+            textured->ApplyProgram();
+            // Odd draws: blue, then red, times the grey texel.
+            ASSERT_TRUE(SetFloats(*textured, u"Tint", {i == 3 ? 1.0f : 0.0f, 0.0f, i == 1 ? 1.0f : 0.0f, 1.0f}));
+            ASSERT_TRUE(r.DrawWithProgram(Draw(buffers, 6)));
+            // The texel's alpha is 128 too.
+            expected.push_back({squares[i], {uint8(i == 3 ? 128 : 0), 0, uint8(i == 1 ? 128 : 0), 128}});
         }
-        std::vector<Vertex> v;
-        for (const Position& p : squares[i].Triangles())
-            v.push_back({p.x, p.y, p.z, 0.5f, 0.5f});
-        Ptr<VertexBuffer::Stream> stream = VertexBuffer::Stream::Create(elements, 2, 6, true);
-        memcpy(stream->GetPointer(0), v.data(), v.size() * sizeof(Vertex));
-        keep.push_back(VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr));
-        VertexBuffer* buffers[1] = {keep.back().Get()};
-        textured->ApplyProgram();
-        // Odd draws: blue, then red, times the grey texel.
-        ASSERT_TRUE(SetFloats(*textured, u"Tint", {i == 3 ? 1.0f : 0.0f, 0.0f, i == 1 ? 1.0f : 0.0f, 1.0f}));
-        ASSERT_TRUE(r.DrawWithProgram(Draw(buffers, 6)));
-        // The texel's alpha is 128 too.
-        expected.push_back({squares[i], {uint8(i == 3 ? 128 : 0), 0, uint8(i == 1 ? 128 : 0), 128}});
-    }
-    EndFrame();
-    EXPECT_EQ(CompareSquares(Frame(), expected, "program-alternate"), 0);
-    EXPECT_EQ(r.GetPipelines().GetCount(), 2u);
+        EndFrame();
+        EXPECT_EQ(CompareSquares(Frame(), expected, "program-alternate"), 0) << path;
+        EXPECT_EQ(r.GetPipelines().GetCount(), 2u);
+    });
 }
 
 // A texture never committed draws as the 1x1 white default texture, and the

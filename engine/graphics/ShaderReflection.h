@@ -29,8 +29,8 @@ struct ShaderReflection
         uint32 ArrayCount = 0;  // 0 for a member that is no array
         uint32 ArrayStride = 0; // bytes between elements
         uint32 MatrixStride = 0;
-        uint32 Columns = 1; // vector width, or matrix columns
-        uint32 Rows = 1;    // 1 for scalars and vectors
+        uint32 Columns = 1; // vector width, or matrix columns; 0 for a struct
+        uint32 Rows = 1;    // 1 for scalars and vectors; 0 for a struct
         bool RowMajor = false;
     };
     struct ConstantBuffer
@@ -53,6 +53,8 @@ struct ShaderReflection
     };
     struct Input
     {
+        // The compiler names a final module's vertex inputs after their
+        // semantics, so byte code from a cache reflects them too.
         std::string Name;
         std::string Semantic; // upper case with its index, "TEXCOORD0"
         uint32 Location = 0;

@@ -44,6 +44,7 @@ ShaderCBuffer::ShaderCBuffer() = default;
 ShaderCBuffer::~ShaderCBuffer() = default;
 
 void ShaderConstant::SetAutoUpdateResolver(AutoUpdateResolver resolver) { g_resolver.store(resolver); }
+ShaderConstant::AutoUpdateResolver ShaderConstant::GetAutoUpdateResolver() { return g_resolver.load(); }
 
 ShaderConstant::~ShaderConstant() { delete[] m_default; }
 

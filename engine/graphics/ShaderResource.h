@@ -92,6 +92,8 @@ public:
     // name that is not one of them.
     using AutoUpdateResolver = bool (*)(const WString& name, AutoUpdateId& id, uint32& kind);
     static void SetAutoUpdateResolver(AutoUpdateResolver resolver);
+    // The resolver installed now (null when none), so that one can be put back.
+    static AutoUpdateResolver GetAutoUpdateResolver();
 
     ShaderConstant() = default;
     ~ShaderConstant() override;

@@ -34,6 +34,7 @@
 #include "resources/ResourceThread.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
+#include "shaders/ProgramManager.h"
 
 namespace KovexEngine {
 
@@ -203,7 +204,7 @@ void Kovex_Renderer_Initialize()
     // FXAARenderPhase, DeferredLightingRenderPhase, MotionBlurRenderPhase,
     // LightPrepassRenderPhase, SSAORenderPhase, ImageLoaderDDS,
     // ImageLoaderBMP, ImageLoaderJPG, ImageLoaderPNG, ImageLoaderTGA.
-    // ProgramManager::Ins();
+    ProgramManager::Ins();
     s_rendererInited = true;
 }
 
@@ -212,7 +213,8 @@ void Kovex_Renderer_Terminate()
     if (!s_rendererInited)
         return;
     // delete SinglePassLightingFWBuilder (if left), PrimitiveRDIUtility;
-    // PGResources::Destroy(); delete ProgramManager;
+    // PGResources::Destroy();
+    ProgramManager::Destroy();
     VertexDeclManager::Destroy();
     // TStaticRenderState::Destroy() is the state factories' OnExit, run by
     // Renderer::Destroy; delete ProgramCachedLibrary;

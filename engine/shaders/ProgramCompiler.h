@@ -16,11 +16,23 @@
 //
 // Threads: Compile and CompileCompute are safe from any thread (each
 // compile has its own front-end objects; the cache has its own lock); the
-// programs they make belong to their caller until posted.
+// programs they make belong to their caller until posted. The steps, and
+// PreprocessUnit and GetMacroSet, are safe from any thread for programs no
+// other thread touches; a step called outside Compile preprocesses the unit
+// itself. The device's capability macros must not change meanwhile.
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "graphics/GraphicsObject.h"
 
 namespace KovexEngine {
+
+class SpirvProcess;
+class SpirvUnit;
 
 class BaseProgram;
 class Program;
@@ -61,6 +73,25 @@ public:
 
     // Compilations run since the start (the cache's hits do not count).
     uint64 GetCompileCount() const;
+
+    // The program's unit preprocessed: its framework text with the include
+    // handler and the macro set. False, with the log line, when that fails.
+    // The unit's hash is the cache key of its byte code.
+    bool PreprocessUnit(BaseProgram* program, SpirvUnit& unit);
+    // The macro set of a program, in order: capabilities, the program's own,
+    // then "ALLOW_TESSELLATION" where it applies.
+    void GetMacroSet(BaseProgram* program, std::vector<std::pair<std::string, std::string>>& out) const;
+    // Tessellation is in force: the material asks for it, the device has it
+    // and the framework is flagged as aware of it.
+    static bool UsesTessellation(const BaseProgram* program);
+
+private:
+    bool CompileStages(BaseProgram* program, SpirvUnit& unit, const ShaderType* stages, unsigned count);
+    // The unit Compile preprocessed for this program, else `local` filled.
+    SpirvUnit* CurrentUnit(BaseProgram* program, SpirvUnit& local);
+
+    std::unique_ptr<SpirvProcess> m_process;
+    std::atomic<uint64> m_compileCount{0};
 };
 
 } // namespace KovexEngine

@@ -50,6 +50,16 @@ int main()
     Serializer::SetDefaultSerializer(false);
     resource = nullptr;
 
+    // shaders: a material configuration and the macros it owns
+    {
+        Ptr<PGMaterial> material(new PGMaterial(u"consumer", u"", "float4 Surface() { return 1; }"));
+        material->SetBlendMode(BlendMode::Mask);
+        AString value;
+        Check(material->FindMacro(value, "MTL_BLEND_MASK") &&
+                  ProgramManager::Ins()->FindCode(PGCode::Material, u"consumer") == material.Get(),
+              "the program generator");
+    }
+
     Kovex_Main_Terminate();
     Kovex_Renderer_Terminate();
     Kovex_System_Terminate();

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <atomic>
+
+#include "shaders/ProgramCompiler.h"
+
+// A program compiler that compiles nothing: it counts the programs it is
+// asked to compile and succeeds or fails as told, so lookups and caching can
+// be tested without a shader front end. Made, it takes the compiler's
+// factory slot; destroyed, it gives the slot up.
+namespace KovexTest {
+
+class CountingCompiler : public KovexEngine::ProgramCompiler
+{
+public:
+    std::atomic<int> compiles{0};
+    std::atomic<int> computeCompiles{0};
+    std::atomic<bool> fail{false};
+
+    bool CompileShaders(KovexEngine::BaseProgram*) override
+    {
+        compiles.fetch_add(1);
+        return !fail.load();
+    }
+    bool CompileComputeShader(KovexEngine::BaseProgram*) override
+    {
+        computeCompiles.fetch_add(1);
+        return !fail.load();
+    }
+    bool ReflectShaders(KovexEngine::BaseProgram*) override { return true; }
+    bool Link(KovexEngine::BaseProgram*) override { return true; }
+};
+
+} // namespace KovexTest

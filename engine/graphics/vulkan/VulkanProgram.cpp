@@ -91,6 +91,30 @@ VkSamplerAddressMode ToVkAddress(GraphicsAddress address)
 
 // --- Shaders ------------------------------------------------------------------------------------
 
+uint32 VulkanShader::StageBinding(ShaderType stage, int slot)
+{
+    return uint32(stage.value) * kStageBindings + uint32(slot);
+}
+
+bool VulkanShader::MoveBindings(uint32* words, size_t count, ShaderType stage)
+{
+    constexpr uint32 kOpDecorate = 71, kDecorationBinding = 33;
+    for (size_t at = 5; at < count;)
+    {
+        const uint32 length = words[at] >> 16;
+        if (length == 0 || at + length > count)
+            return false;
+        if ((words[at] & 0xFFFFu) == kOpDecorate && length == 4 && words[at + 2] == kDecorationBinding)
+        {
+            if (words[at + 3] >= kStageBindings)
+                return false;
+            words[at + 3] = StageBinding(stage, int(words[at + 3]));
+        }
+        at += length;
+    }
+    return true;
+}
+
 VulkanShader::~VulkanShader() { ReleaseDeviceHandle(); }
 
 bool VulkanShader::FindEntryPoint(const uint32* words, size_t count, std::string& name)
@@ -127,7 +151,16 @@ bool VulkanShader::CreateDeviceHandle()
     }
     if (!renderer)
         return false;
-    m_module = renderer->CreateShaderModule(words, count * 4);
+    // Each stage numbers its resources on its own, as its registers are
+    // counted: the stage's bindings move to a range of their own.
+    std::vector<uint32> patched(words, words + count);
+    if (!MoveBindings(patched.data(), count, GetType()))
+    {
+        Log::Format(LOG_WARNING, u"Vulkan: the %S shader has a binding beyond %u.\n", StageName(GetType()),
+                    kStageBindings - 1);
+        return false;
+    }
+    m_module = renderer->CreateShaderModule(patched.data(), count * 4);
     if (!m_module)
         return false;
     renderer->GetDevice().GetDebug().Name(VK_OBJECT_TYPE_SHADER_MODULE, m_module,
@@ -220,8 +253,15 @@ bool VulkanProgramBinder::CreateProgram(BaseProgram* program)
                    VkImageViewType view) {
         if (slot < 0)
             return;
+        if (slot >= int(VulkanShader::kStageBindings))
+        {
+            Log::Format(LOG_WARNING, u"Vulkan: program slot %d of [%s] is beyond %u.\n", slot,
+                        resource->GetName().c_str(), VulkanShader::kStageBindings - 1);
+            clash = true;
+            return;
+        }
         for (VulkanProgramState::Binding& b : bindings)
-            if (b.Slot == uint32(slot))
+            if (b.Slot == VulkanShader::StageBinding(ShaderType{int(stage)}, slot))
             {
                 if (b.Resource.Get() != resource || b.Type != type)
                 {
@@ -233,7 +273,7 @@ bool VulkanProgramBinder::CreateProgram(BaseProgram* program)
                 return;
             }
         VulkanProgramState::Binding b;
-        b.Slot = uint32(slot);
+        b.Slot = VulkanShader::StageBinding(ShaderType{int(stage)}, slot);
         b.Type = type;
         b.Stages = kStageBits[stage];
         b.Resource = Ptr<ShaderResource>(resource);

@@ -4,9 +4,11 @@
 // and pipeline layout per program, and the per-draw binding of its constant
 // buffers, textures, samplers and read-write buffers.
 //
-// Layout: every resource of the program lives in descriptor set 0 at its
-// slot (the compiler shifts registers: b to 0, t to 16, s to 32, u to 48),
-// visible to the stages whose slot for it is set. Constant buffers are
+// Layout: every resource of the program lives in descriptor set 0, once for
+// each stage that reads it, at its slot in that stage (the compiler shifts
+// registers: b to 0, t to 16, s to 32, u to 48) moved into the stage's range
+// of bindings (VulkanShader::StageBinding): each stage numbers its slots on
+// its own, as the compiler numbers each stage's buffers from 0. Constant buffers are
 // uniform buffers, textures sampled images, samplers samplers, read-write
 // buffers storage buffers (storage images are laid out but not bound yet).
 // A resource declared as an array fails the program: a resource holds one
@@ -71,6 +73,15 @@ public:
     // The name of the first OpEntryPoint of `words`; false for words that
     // are no SPIR-V module or have none.
     static bool FindEntryPoint(const uint32* words, size_t count, std::string& name);
+
+    // Stages count their slots each from 0 (a vertex and a pixel shader may
+    // both have a buffer at slot 0), so a module's bindings are moved into
+    // its stage's range when the module is made: binding = stage * 256 +
+    // slot. MoveBindings rewrites the Binding decorations of `words`; false
+    // for a slot beyond the range or a damaged module.
+    static constexpr uint32 kStageBindings = 256;
+    static uint32 StageBinding(ShaderType stage, int slot);
+    static bool MoveBindings(uint32* words, size_t count, ShaderType stage);
 
 private:
     VkShaderModule m_module = VK_NULL_HANDLE;

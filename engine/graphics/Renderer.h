@@ -32,6 +32,25 @@ class GraphicsWindowFactory;
 class GeometryRDI;
 class Program;
 class BaseProgram;
+class VertexBuffer;
+class IndexBuffer;
+class VertexDecl;
+
+// One draw of buffers with the current program (Renderer::DrawWithProgram).
+struct DrawBuffersDesc
+{
+    // One buffer per input slot the layout names, slot 0 first.
+    VertexBuffer* const* VertexBuffers = nullptr;
+    uint32 VertexBufferCount = 0;
+    // Null: the elements of the first buffer's stream.
+    const VertexDecl* Layout = nullptr;
+    IndexBuffer* Indices = nullptr; // optional
+    GraphicsTopology Topology = GraphicsTopology::TriangleList;
+    uint32 First = 0;  // first index, or first vertex without indices
+    uint32 Count = 0;  // indices, or vertices without indices
+    int32 BaseVertex = 0; // added to every index
+    uint32 InstanceCount = 1;
+};
 
 // A program as the renderer counts it. Made where the program's type is
 // known (a Program* or any BaseProgram* converts), so this layer needs only
@@ -112,6 +131,7 @@ struct KOVEX_API GraphicsParameters
     X(GraphicsFactory*, CreateInputLayoutFactory, (), new InputLayoutFactory())                                       \
     X(GraphicsFactory*, CreateProgramCompiler, (), MakeProgramCompiler())                                             \
     X(bool, CreateProgramDevice, (BaseProgram * program), true)                                                       \
+    X(bool, DrawWithProgram, (const DrawBuffersDesc& draw), true)                                                     \
     X(GraphicsFactory*, CreateTextureFactory, (), new NullTextureFactory())
 
 class KOVEX_API Renderer : public Object

@@ -515,6 +515,10 @@ Ptr<Texture> TextureFactory::CreateFromSource(TextureSource& source, GraphicsRes
         LoadFailed(u"image data is shorter than its description", path);
         return Ptr<Texture>();
     }
+    // A texture made from an image is there to be sampled; decoders leave
+    // the views to whoever makes the texture (staging textures have none).
+    if (source.Desc.ViewFlags == 0 && usage != GraphicsResourceUsage::Staging)
+        source.Desc.ViewFlags = TextureViewFlags::SHADER_RESOURCE;
     if (!CheckTextureDesc(source.Desc, usage))
     {
         LoadFailed(u"the device refuses its description", path);

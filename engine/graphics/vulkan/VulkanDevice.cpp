@@ -290,6 +290,15 @@ bool VulkanDevice::CreateDevice()
     for (const VkExtensionProperties& extension : available)
         if (strcmp(extension.extensionName, VK_KHR_SWAPCHAIN_EXTENSION_NAME) == 0)
             enabled.push_back(VK_KHR_SWAPCHAIN_EXTENSION_NAME);
+    // Program draws push their descriptors where the device can;
+    // KOVEX_VULKAN_PUSH_DESCRIPTORS=0 makes them take the pool path instead.
+    const char* push = getenv("KOVEX_VULKAN_PUSH_DESCRIPTORS");
+    bool withPush = false;
+    for (const VkExtensionProperties& extension : available)
+        withPush |= strcmp(extension.extensionName, VK_KHR_PUSH_DESCRIPTOR_EXTENSION_NAME) == 0;
+    withPush = withPush && !(push && strcmp(push, "0") == 0);
+    if (withPush)
+        enabled.push_back(VK_KHR_PUSH_DESCRIPTOR_EXTENSION_NAME);
     info.enabledExtensionCount = uint32(enabled.size());
     info.ppEnabledExtensionNames = enabled.data();
     VkPhysicalDeviceDynamicRenderingFeaturesKHR dynamicRendering = {
@@ -318,6 +327,19 @@ bool VulkanDevice::CreateDevice()
     }
     else
         Log::Print(LOG_INFO, u"Vulkan: the device has no dynamic rendering; it cannot draw.\n");
+    m_pushDescriptor = withPush ? reinterpret_cast<PFN_vkCmdPushDescriptorSetKHR>(
+                                      vkGetDeviceProcAddr(m_device, "vkCmdPushDescriptorSetKHR"))
+                                : nullptr;
+    m_maxPushDescriptors = 0;
+    if (m_pushDescriptor)
+    {
+        VkPhysicalDevicePushDescriptorPropertiesKHR pushProperties = {
+            VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PUSH_DESCRIPTOR_PROPERTIES_KHR};
+        VkPhysicalDeviceProperties2 properties = {VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2};
+        properties.pNext = &pushProperties;
+        vkGetPhysicalDeviceProperties2(m_physical, &properties);
+        m_maxPushDescriptors = pushProperties.maxPushDescriptors;
+    }
     VkCommandPoolCreateInfo pool = {VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
     pool.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
     pool.queueFamilyIndex = m_queueFamily;
@@ -382,6 +404,8 @@ void VulkanDevice::Close()
     m_device = VK_NULL_HANDLE;
     m_beginRendering = nullptr;
     m_endRendering = nullptr;
+    m_pushDescriptor = nullptr;
+    m_maxPushDescriptors = 0;
     m_queue = VK_NULL_HANDLE;
     m_physical = VK_NULL_HANDLE;
     if (m_messenger)

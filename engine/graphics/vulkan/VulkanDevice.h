@@ -69,6 +69,10 @@ public:
     PFN_vkCmdBeginRenderingKHR GetBeginRendering() const { return m_beginRendering; }
     PFN_vkCmdEndRenderingKHR GetEndRendering() const { return m_endRendering; }
     std::recursive_mutex& GetLock() { return m_lock; }
+    // VK_KHR_push_descriptor's command and how many descriptors one set may
+    // push; null and 0 where the device lacks it.
+    PFN_vkCmdPushDescriptorSetKHR GetPushDescriptor() const { return m_pushDescriptor; }
+    uint32 GetMaxPushDescriptors() const { return m_maxPushDescriptors; }
     // Names and labels; they do nothing where the loader lacks
     // VK_EXT_debug_utils.
     const VulkanDebug& GetDebug() const { return m_debug; }
@@ -94,6 +98,8 @@ private:
     VulkanMemory m_memory;
     PFN_vkCmdBeginRenderingKHR m_beginRendering = nullptr;
     PFN_vkCmdEndRenderingKHR m_endRendering = nullptr;
+    PFN_vkCmdPushDescriptorSetKHR m_pushDescriptor = nullptr;
+    uint32 m_maxPushDescriptors = 0;
     std::recursive_mutex m_lock;
     VulkanDebug m_debug;
     bool m_debugUtils = false;

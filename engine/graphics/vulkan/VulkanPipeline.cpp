@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "graphics/ShaderReflection.h"
 #include "graphics/vulkan/VulkanDebug.h"
 #include "kernel/Log.h"
 
@@ -11,13 +12,54 @@ namespace {
 
 uint64 Mix(uint64 hash, uint64 value)
 {
-    // FNV-1a over the value's bytes.
-    for (int i = 0; i < 8; ++i)
+    // A word at a time: every draw hashes its key, so a byte-wise hash would
+    // cost more than the rest of finding the pipeline.
+    hash = (hash ^ value) * 0x9E3779B97F4A7C15ull;
+    return hash ^ (hash >> 29);
+}
+
+constexpr uint32 kUnread = ~0u;
+
+const char* const kSemanticNames[] = {"POSITION", "NORMAL",       "TANGENT", "BINORMAL",
+                                      "BLENDWEIGHT", "BLENDINDICES", "COLOR",   "TEXCOORD"};
+
+// The location each element feeds: without a program's inputs, element i
+// feeds location i; with them, the input of the element's semantic, and
+// elements no input reads are left out. False, with a log line, when an
+// input has no element.
+bool PlaceVertexInputs(const ShaderReflection* inputs, const TArray<VertexElement>& elements, uint32* locations,
+                       uint32 count)
+{
+    for (uint32 i = 0; i < count; ++i)
+        locations[i] = inputs ? kUnread : i;
+    if (!inputs)
+        return true;
+    for (const ShaderReflection::Input& input : inputs->Inputs)
     {
-        hash ^= (value >> (8 * i)) & 0xFF;
-        hash *= 1099511628211ull;
+        bool found = false;
+        for (uint32 i = 0; i < count && !found; ++i)
+        {
+            const VertexElement& e = elements[i];
+            // A module without semantic names reads its inputs in element order.
+            if (input.Semantic.empty())
+                found = i == input.Location;
+            else
+            {
+                const unsigned name = unsigned(e.SemanticName.value);
+                found = name < 8 && input.Semantic == std::string(kSemanticNames[name]) +
+                                                          std::to_string(e.SemanticIndex);
+            }
+            if (found)
+                locations[i] = input.Location;
+        }
+        if (!found)
+        {
+            Log::Format(LOG_WARNING, u"Vulkan: the vertex layout has no element for the input [%S] (%S).\n",
+                        input.Name.c_str(), input.Semantic.c_str());
+            return false;
+        }
     }
-    return hash;
+    return true;
 }
 
 } // namespace
@@ -27,6 +69,8 @@ uint64 VulkanPipelineKey::Hash() const
     uint64 h = 14695981039346656037ull;
     h = Mix(h, uint64(Vertex));
     h = Mix(h, uint64(Pixel));
+    h = Mix(h, uint64(Geometry));
+    h = Mix(h, uint64(PipelineLayout));
     h = Mix(h, uint64(reinterpret_cast<uintptr_t>(Layout)));
     h = Mix(h, uint64(reinterpret_cast<uintptr_t>(Blend)));
     h = Mix(h, uint64(reinterpret_cast<uintptr_t>(Rasterizer)));
@@ -41,7 +85,8 @@ uint64 VulkanPipelineKey::Hash() const
 
 bool VulkanPipelineKey::operator==(const VulkanPipelineKey& o) const
 {
-    if (Vertex != o.Vertex || Pixel != o.Pixel || Layout != o.Layout || Blend != o.Blend ||
+    if (Vertex != o.Vertex || Pixel != o.Pixel || Geometry != o.Geometry || PipelineLayout != o.PipelineLayout ||
+        Layout != o.Layout || Blend != o.Blend ||
         Rasterizer != o.Rasterizer || DepthStencil != o.DepthStencil || ColorCount != o.ColorCount ||
         Depth != o.Depth || Samples != o.Samples || Topology.value != o.Topology.value)
         return false;
@@ -175,7 +220,13 @@ bool VulkanPipelineCache::Init(VkDevice device, bool depthClamp)
 
 void VulkanPipelineCache::Destroy()
 {
+    if (m_vkCache)
+        SaveDisk();
     std::lock_guard<std::mutex> lock(m_lock);
+    if (m_vkCache)
+        vkDestroyPipelineCache(m_device, m_vkCache, nullptr);
+    m_vkCache = VK_NULL_HANDLE;
+    m_loadedBytes = 0;
     for (auto& [hash, list] : m_pipelines)
         for (auto& [key, pipeline] : list)
             vkDestroyPipeline(m_device, pipeline, nullptr);
@@ -195,6 +246,25 @@ size_t VulkanPipelineCache::GetCount()
     return n;
 }
 
+std::vector<VkPipeline> VulkanPipelineCache::Forget(VkPipelineLayout layout)
+{
+    std::vector<VkPipeline> forgotten;
+    std::lock_guard<std::mutex> lock(m_lock);
+    for (auto& [hash, list] : m_pipelines)
+    {
+        size_t kept = 0;
+        for (size_t i = 0; i < list.size(); ++i)
+        {
+            if (list[i].first.PipelineLayout == layout)
+                forgotten.push_back(list[i].second);
+            else
+                list[kept++] = list[i];
+        }
+        list.resize(kept);
+    }
+    return forgotten;
+}
+
 VkPipeline VulkanPipelineCache::Get(const VulkanPipelineKey& key)
 {
     std::lock_guard<std::mutex> lock(m_lock);
@@ -210,30 +280,51 @@ VkPipeline VulkanPipelineCache::Get(const VulkanPipelineKey& key)
 
 VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
 {
-    if (!m_device || !key.Vertex || !key.Pixel || !key.Blend || !key.Rasterizer || !key.DepthStencil ||
-        key.ColorCount > 8)
+    // Raw modules come in pairs; a program may leave the pixel stage out.
+    if (!m_device || !key.Vertex || (!key.Pixel && !key.PipelineLayout) || !key.Blend || !key.Rasterizer ||
+        !key.DepthStencil || key.ColorCount > 8)
     {
         Log::Print(LOG_WARNING, u"Vulkan: a pipeline needs both stages and the three states.\n");
         return VK_NULL_HANDLE;
     }
-    VkPipelineShaderStageCreateInfo stages[2] = {{VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO},
-                                                 {VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO}};
-    stages[0].stage = VK_SHADER_STAGE_VERTEX_BIT;
-    stages[0].module = key.Vertex;
-    stages[0].pName = "main";
-    stages[1].stage = VK_SHADER_STAGE_FRAGMENT_BIT;
-    stages[1].module = key.Pixel;
-    stages[1].pName = "main";
+    VkPipelineShaderStageCreateInfo stages[3] = {};
+    uint32 stageCount = 0;
+    const VkShaderModule modules[3] = {key.Vertex, key.Pixel, key.Geometry};
+    const VkShaderStageFlagBits stageBits[3] = {VK_SHADER_STAGE_VERTEX_BIT, VK_SHADER_STAGE_FRAGMENT_BIT,
+                                                VK_SHADER_STAGE_GEOMETRY_BIT};
+    for (uint32 i = 0; i < 3; ++i)
+    {
+        if (!modules[i])
+            continue;
+        VkPipelineShaderStageCreateInfo& stage = stages[stageCount++];
+        stage.sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
+        stage.stage = stageBits[i];
+        stage.module = modules[i];
+        stage.pName = key.Entries[i] ? key.Entries[i] : "main";
+    }
 
     // Attributes take locations in element order; each input slot is one
     // binding with the slot's stride.
     std::vector<VkVertexInputAttributeDescription> attributes;
     std::vector<VkVertexInputBindingDescription> bindings;
+    if (!key.Layout && key.VertexInputs && !key.VertexInputs->Inputs.empty())
+    {
+        const ShaderReflection::Input& input = key.VertexInputs->Inputs[0];
+        Log::Format(LOG_WARNING, u"Vulkan: the vertex layout has no element for the input [%S] (%S).\n",
+                    input.Name.c_str(), input.Semantic.c_str());
+        return VK_NULL_HANDLE;
+    }
     if (key.Layout)
     {
         const TArray<VertexElement>& elements = key.Layout->GetElements();
-        for (uint32 i = 0; i < elements.Count(); ++i)
+        uint32 locations[64];
+        const uint32 count = elements.Count() < 64 ? elements.Count() : 64;
+        if (!PlaceVertexInputs(key.VertexInputs, elements, locations, count))
+            return VK_NULL_HANDLE;
+        for (uint32 i = 0; i < count; ++i)
         {
+            if (locations[i] == kUnread)
+                continue;
             const VertexElement& e = elements[i];
             VkFormat format = VulkanStates::ToVk(e.Format);
             if (format == VK_FORMAT_UNDEFINED || e.InputSlot >= VertexDecl::kMaxSlots)
@@ -241,7 +332,7 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
                 Log::Format(LOG_WARNING, u"Vulkan: vertex element %u has a format Vulkan cannot read.\n", i);
                 return VK_NULL_HANDLE;
             }
-            attributes.push_back({i, e.InputSlot, format, e.AlignedByteOffset});
+            attributes.push_back({locations[i], e.InputSlot, format, e.AlignedByteOffset});
             bool known = false;
             for (const VkVertexInputBindingDescription& b : bindings)
                 known |= b.binding == e.InputSlot;
@@ -339,7 +430,7 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
 
     VkGraphicsPipelineCreateInfo info = {VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO};
     info.pNext = &rendering;
-    info.stageCount = 2;
+    info.stageCount = stageCount;
     info.pStages = stages;
     info.pVertexInputState = &vertexInput;
     info.pInputAssemblyState = &assembly;
@@ -349,9 +440,9 @@ VkPipeline VulkanPipelineCache::Create(const VulkanPipelineKey& key)
     info.pDepthStencilState = &depth;
     info.pColorBlendState = &blend;
     info.pDynamicState = &dynamic;
-    info.layout = m_layout;
+    info.layout = key.PipelineLayout ? key.PipelineLayout : m_layout;
     VkPipeline pipeline = VK_NULL_HANDLE;
-    VkResult result = vkCreateGraphicsPipelines(m_device, VK_NULL_HANDLE, 1, &info, nullptr, &pipeline);
+    VkResult result = vkCreateGraphicsPipelines(m_device, m_vkCache, 1, &info, nullptr, &pipeline);
     if (result != VK_SUCCESS)
     {
         Log::Format(LOG_WARNING, u"Vulkan: a graphics pipeline could not be made (%d).\n", int(result));

@@ -15,6 +15,7 @@
 // the device.
 
 #include <mutex>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -25,10 +26,21 @@
 
 namespace KovexEngine {
 
+struct ShaderReflection;
+
 struct KOVEX_API VulkanPipelineKey
 {
     VkShaderModule Vertex = VK_NULL_HANDLE;
-    VkShaderModule Pixel = VK_NULL_HANDLE;
+    VkShaderModule Pixel = VK_NULL_HANDLE; // may be null with a program
+    VkShaderModule Geometry = VK_NULL_HANDLE;
+    // A program's layout; null for the cache's empty one (raw modules).
+    VkPipelineLayout PipelineLayout = VK_NULL_HANDLE;
+    // Entry points by stage (vertex, pixel, geometry), "main" where null,
+    // and the vertex stage's inputs, which place each vertex element at the
+    // location of the input of its semantic (null: element i at location i).
+    // All follow from the modules, so they are not part of the key's content.
+    const char* Entries[3] = {};
+    const ShaderReflection* VertexInputs = nullptr;
     const VertexDecl* Layout = nullptr;
     const BlendState* Blend = nullptr;
     const RasterizerState* Rasterizer = nullptr;
@@ -71,9 +83,28 @@ public:
     VkPipeline Get(const VulkanPipelineKey& key);
     VkPipelineLayout GetLayout() const { return m_layout; }
     size_t GetCount();
+    // Takes the pipelines made with `layout` out of the cache (the layout is
+    // going away); the caller destroys them once no frame uses them.
+    std::vector<VkPipeline> Forget(VkPipelineLayout layout);
+
+    // --- The driver's own cache, kept on disk --------------------------------------
+    // Every pipeline is made through one VkPipelineCache. LoadDisk seeds it
+    // from "vulkan-pipelines.cache" in the engine's cache directory when the
+    // file's header names this device (vendor, device id, cache UUID); a
+    // foreign, damaged or absurdly large file is ignored with one log line.
+    // SaveDisk writes it back to the same file (through a temporary file and
+    // a rename, so a reader never sees half a file); Destroy calls it.
+    static constexpr const char16_t* kDiskFileName = u"vulkan-pipelines.cache";
+    void LoadDisk(const VkPhysicalDeviceProperties& device);
+    bool SaveDisk();
+    // Bytes the cache was seeded with; 0 when it started empty.
+    size_t GetLoadedBytes() const { return m_loadedBytes; }
+    // Whether `data` starts with a pipeline-cache header of `device`.
+    static bool HeaderMatches(const uint8* data, size_t size, const VkPhysicalDeviceProperties& device);
 
 private:
     VkPipeline Create(const VulkanPipelineKey& key);
+    void CreateVkCache(const void* data, size_t size);
 
     std::mutex m_lock;
     const VulkanDebug* m_debug = nullptr;
@@ -81,6 +112,9 @@ private:
     VkDevice m_device = VK_NULL_HANDLE;
     bool m_depthClamp = false;
     VkPipelineLayout m_layout = VK_NULL_HANDLE;
+    VkPipelineCache m_vkCache = VK_NULL_HANDLE;
+    size_t m_loadedBytes = 0;
+    std::string m_diskPath;
     std::unordered_map<uint64, std::vector<std::pair<VulkanPipelineKey, VkPipeline>>> m_pipelines;
 };
 

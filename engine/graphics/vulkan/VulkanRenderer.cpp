@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "graphics/vulkan/VulkanFormats.h"
+#include "graphics/vulkan/VulkanProgram.h"
 #include "graphics/vulkan/VulkanResources.h"
 #include "graphics/vulkan/VulkanSwapChain.h"
 #include "graphics/InputLayout.h"
@@ -73,6 +74,11 @@ bool VulkanRenderer::OnCreateDevice(const GraphicsParameters& parameters)
     vkGetPhysicalDeviceFeatures(m_device.GetPhysicalDevice(), &features);
     if (result == VK_SUCCESS && !m_pipelines.Init(device, features.depthClamp))
         result = VK_ERROR_INITIALIZATION_FAILED;
+    if (result == VK_SUCCESS)
+    {
+        m_pipelines.LoadDisk(m_device.GetProperties());
+        m_programs = std::make_unique<VulkanProgramBinder>(*this);
+    }
     if (result == VK_SUCCESS)
     {
         const VulkanDebug& debug = m_device.GetDebug();
@@ -170,6 +176,8 @@ void VulkanRenderer::CloseDevice()
         m_completed = ~uint64(0);
         CollectGarbage();
         m_completed = m_submitted = 0;
+        if (m_programs)
+            m_programs->Destroy();
         m_pipelines.Destroy();
         for (uint32 i = 0; i < kFramesInFlight; ++i)
         {
@@ -192,6 +200,7 @@ void VulkanRenderer::CloseDevice()
     m_openEvents.clear();
     m_nowCommands = VK_NULL_HANDLE;
     m_bound.Clear();
+    m_programs.reset();
     m_device.Close();
 }
 
@@ -262,6 +271,7 @@ VkCommandBuffer VulkanRenderer::GetFrameCommands()
     if (vkBeginCommandBuffer(cmd, &begin) != VK_SUCCESS)
         return VK_NULL_HANDLE;
     m_recording = true;
+    ++m_begun;
     BeginFrameTimestamps(cmd);
     return cmd;
 }
@@ -665,14 +675,12 @@ GraphicsFactory* VulkanRenderer::CreateVertexBufferFactory() { return new Vulkan
 GraphicsFactory* VulkanRenderer::CreateIndexBufferFactory() { return new VulkanIndexBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateConstantBufferFactory() { return new VulkanConstantBufferFactory(); }
 GraphicsFactory* VulkanRenderer::CreateRWBufferFactory() { return new VulkanRWBufferFactory(); }
-GraphicsFactory* VulkanRenderer::CreateShaderFactory() { return new ShaderFactory(); }
+GraphicsFactory* VulkanRenderer::CreateShaderFactory() { return new VulkanShaderFactory(); }
 GraphicsFactory* VulkanRenderer::CreateWindowFactory() { return NewWindowFactory(); }
 // Vulkan has no input-layout objects: the layout is part of each pipeline.
 GraphicsFactory* VulkanRenderer::CreateInputLayoutFactory() { return new InputLayoutFactory(); }
 GraphicsFactory* VulkanRenderer::CreateProgramCompiler() { return MakeProgramCompiler(); }
 
-// Programs draw through DrawVertices' modules until the program path binds.
-bool VulkanRenderer::CreateProgramDevice(BaseProgram*) { return true; }
 GraphicsFactory* VulkanRenderer::CreateTextureFactory() { return new VulkanTextureFactory(); }
 
 // --- Drawing ---------------------------------------------------------------------------------
@@ -707,11 +715,6 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     auto* source = dynamic_cast<VulkanVertexBuffer*>(buffer);
     auto* indexSource = dynamic_cast<VulkanIndexBuffer*>(indices);
     std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
-    if (!m_device.GetBeginRendering())
-    {
-        Log::Print(LOG_WARNING, u"Vulkan: drawing needs VK_KHR_dynamic_rendering, which this device lacks.\n");
-        return false;
-    }
     if (!source || !source->GetDeviceMemory().GetBuffer() || !source->GetVertexStream())
     {
         Log::Print(LOG_WARNING, u"Vulkan: a draw without a Vulkan vertex buffer.\n");
@@ -738,10 +741,50 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     key.Vertex = vertex;
     key.Pixel = pixel;
     key.Layout = layout.Get();
+    key.Topology = topology;
+    struct Recorder final : VulkanDrawRecorder
+    {
+        VulkanVertexBuffer* source;
+        VulkanIndexBuffer* indexSource;
+        uint32 count;
+        bool Prepare(VkCommandBuffer) override { return true; }
+        void Record(VkCommandBuffer cmd, VkPipeline pipeline) override
+        {
+            vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
+            VkBuffer vertexBuffer = source->GetDeviceMemory().GetBuffer();
+            VkDeviceSize offset = source->GetDeviceMemory().GetOffset();
+            vkCmdBindVertexBuffers(cmd, 0, 1, &vertexBuffer, &offset);
+            if (indexSource)
+            {
+                VulkanBufferMemory& memory = indexSource->GetDeviceMemory();
+                vkCmdBindIndexBuffer(cmd, memory.GetBuffer(), memory.GetOffset(),
+                                     indexSource->GetIndexStream()->GetFormat() == IndexBuffer::Index32
+                                         ? VK_INDEX_TYPE_UINT32
+                                         : VK_INDEX_TYPE_UINT16);
+                vkCmdDrawIndexed(cmd, count, 1, 0, 0, 0);
+            }
+            else
+                vkCmdDraw(cmd, count, 1, 0, 0);
+        }
+    } recorder;
+    recorder.source = source;
+    recorder.indexSource = indexSource;
+    recorder.count = vertexCount;
+    return RecordDraw(key, recorder);
+}
+
+bool VulkanRenderer::RecordDraw(VulkanPipelineKey& key, VulkanDrawRecorder& recorder)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_device.GetLock());
+    if (!m_device.GetBeginRendering())
+    {
+        Log::Print(LOG_WARNING, u"Vulkan: drawing needs VK_KHR_dynamic_rendering, which this device lacks.\n");
+        return false;
+    }
     key.Blend = GetCurBlendState().Get();
     key.Rasterizer = GetCurRasterizerState().Get();
     key.DepthStencil = GetCurDepthStencilState().Get();
-    key.Topology = topology;
+    key.ColorCount = 0;
     VulkanTexture* colors[RenderTargetGroup::kMaxTargets] = {};
     VkImageView views[RenderTargetGroup::kMaxTargets] = {};
     VkExtent2D extent = {~0u, ~0u};
@@ -798,7 +841,7 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     }
     VkPipeline pipeline = m_pipelines.Get(key);
     VkCommandBuffer cmd = pipeline ? GetFrameCommands() : VK_NULL_HANDLE;
-    if (!cmd)
+    if (!cmd || !recorder.Prepare(cmd))
         return false;
 
     VkRenderingAttachmentInfoKHR attachments[RenderTargetGroup::kMaxTargets] = {};
@@ -856,20 +899,7 @@ bool VulkanRenderer::DrawVertices(VkShaderModule vertex, VkShaderModule pixel, V
     const Vector4& factor = GetCurBlendState()->Factor;
     const float constants[4] = {factor.x, factor.y, factor.z, factor.w};
     vkCmdSetBlendConstants(cmd, constants);
-    vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
-    VkBuffer vertexBuffer = source->GetDeviceMemory().GetBuffer();
-    VkDeviceSize offset = source->GetDeviceMemory().GetOffset();
-    vkCmdBindVertexBuffers(cmd, 0, 1, &vertexBuffer, &offset);
-    if (indexSource)
-    {
-        VulkanBufferMemory& memory = indexSource->GetDeviceMemory();
-        vkCmdBindIndexBuffer(cmd, memory.GetBuffer(), memory.GetOffset(),
-                             indexSource->GetIndexStream()->GetFormat() == IndexBuffer::Index32 ? VK_INDEX_TYPE_UINT32
-                                                                                                : VK_INDEX_TYPE_UINT16);
-        vkCmdDrawIndexed(cmd, vertexCount, 1, 0, 0, 0);
-    }
-    else
-        vkCmdDraw(cmd, vertexCount, 1, 0, 0);
+    recorder.Record(cmd, pipeline);
     m_device.GetEndRendering()(cmd);
     return true;
 }

@@ -69,6 +69,20 @@ class VulkanBufferMemory;
 class GraphicsBuffer;
 class VertexBuffer;
 class IndexBuffer;
+class VulkanProgramBinder;
+
+// What one draw records around the renderer's part (targets, rendering,
+// dynamic state): Prepare runs before rendering begins (layout transitions),
+// Record inside it, and binds the pipeline, resources and buffers, then draws.
+class VulkanDrawRecorder
+{
+public:
+    virtual bool Prepare(VkCommandBuffer cmd) = 0;
+    virtual void Record(VkCommandBuffer cmd, VkPipeline pipeline) = 0;
+
+protected:
+    ~VulkanDrawRecorder() = default;
+};
 
 class KOVEX_API VulkanRenderer : public Renderer
 {
@@ -154,6 +168,13 @@ public:
     bool IsDeviceLost() const { return m_lost.load(std::memory_order_acquire); }
     void DestroyShaderModule(VkShaderModule module);
     VulkanPipelineCache& GetPipelines() { return m_pipelines; }
+    // Descriptors, constants and defaults of program draws (VulkanProgram.h);
+    // null while the device is closed.
+    VulkanProgramBinder* GetPrograms() { return m_programs.get(); }
+    // Completes `key` with the bound targets and the committed states, then
+    // records one draw into the frame. False, with a log line, when there is
+    // no target or the pipeline cannot be made.
+    bool RecordDraw(VulkanPipelineKey& key, VulkanDrawRecorder& recorder);
 
     // --- For the backend's objects ---------------------------------------------
     // A command buffer that runs before anything recorded later: the
@@ -165,6 +186,9 @@ public:
     bool SubmitFrame(bool wait, VkSemaphore waitOn = VK_NULL_HANDLE, VkSemaphore signal = VK_NULL_HANDLE);
     // The slot of the frame being recorded, below kFramesInFlight.
     uint32 GetFrameSlot() const { return m_slot; }
+    // Counts the frames' command buffers begun: a slot's per-frame memory is
+    // free again once this has moved on since it was last used.
+    uint64 GetFrameBegun() const { return m_begun; }
     // Commands that run now: what the frame recorded is submitted first, the
     // commands are recorded by `record`, and the device is waited for.
     bool RunNow(const std::function<void(VkCommandBuffer)>& record);
@@ -226,6 +250,8 @@ private:
     std::unique_ptr<VulkanSwapChain> m_swapChain;
     Ptr<Texture> m_mainBackBuffer;
     VulkanPipelineCache m_pipelines;
+    std::unique_ptr<VulkanProgramBinder> m_programs;
+    uint64 m_begun = 0;
     Viewport m_viewport;
     VkCommandBuffer m_frameCommands[kFramesInFlight] = {};
     VkFence m_frameFences[kFramesInFlight] = {};

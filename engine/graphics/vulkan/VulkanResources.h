@@ -194,6 +194,21 @@ public:
 class KOVEX_API VulkanConstantBuffer : public TVulkanBuffer<ConstantBuffer>
 {
     KOVEX_CLASS(VulkanConstantBuffer)
+public:
+    // Where program draws of the frame being recorded read its content (a
+    // copy in VulkanProgramBinder's ring, made when the content changed or
+    // the frame did).
+    struct RingCopy
+    {
+        uint64 Begun = 0; // VulkanRenderer::GetFrameBegun at the copy
+        VkBuffer Buffer = VK_NULL_HANDLE;
+        uint64 Offset = 0;
+    };
+    RingCopy& GetRingCopy() { return m_ring; }
+
+private:
+    RingCopy m_ring;
+
 protected:
     bool DeviceCreateBuffer() override { return m_device.Create(*this, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT); }
 };

@@ -67,6 +67,8 @@ public:
     VulkanEngine& operator=(const VulkanEngine&) = delete;
 
     bool IsOpen() const { return m_ok; }
+    // Warnings a test has accounted for itself, each by its message.
+    void AllowWarnings(KovexEngine::uint32 count) { m_warnings += count; }
     KovexEngine::VulkanRenderer& Renderer() { return *KovexEngine::VulkanRenderer::Get(); }
     bool IsValidating() { return Renderer().GetDevice().IsValidating(); }
 

@@ -868,6 +868,23 @@ TEST(VulkanProgramParts, TheEntryPointComesFromTheModule)
     EXPECT_FALSE(VulkanShader::FindEntryPoint(nullptr, 0, name));
 }
 
+// A stage's bindings move into its range when its module is made; a slot
+// beyond the range, or a damaged module, is refused.
+TEST(VulkanProgramParts, AStagesBindingsMoveIntoItsRange)
+{
+    // Header, then OpDecorate %7 Binding 5 and OpDecorate %8 DescriptorSet 0.
+    std::vector<uint32> words = {0x07230203u, 0x00010300u, 0, 9, 0, (4u << 16) | 71u, 7, 33, 5,
+                                 (4u << 16) | 71u, 8, 34, 0};
+    EXPECT_TRUE(VulkanShader::MoveBindings(words.data(), words.size(), ShaderType::Pixel));
+    EXPECT_EQ(words[8], VulkanShader::kStageBindings + 5) << "the pixel stage's range starts at 256";
+    EXPECT_EQ(words[12], 0u) << "the descriptor set stays";
+    EXPECT_EQ(VulkanShader::StageBinding(ShaderType::Vertex, 5), 5u);
+    words[8] = VulkanShader::kStageBindings;
+    EXPECT_FALSE(VulkanShader::MoveBindings(words.data(), words.size(), ShaderType::Vertex));
+    words[8] = 5;
+    EXPECT_FALSE(VulkanShader::MoveBindings(words.data(), 7, ShaderType::Vertex)) << "cut off";
+}
+
 // Two programs of the same modules but other layouts, or with and without a
 // geometry stage, never share a pipeline; entry names and inputs follow from
 // the modules and do not split the key.

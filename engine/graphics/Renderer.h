@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <vector>
 
 #include "graphics/HWCapability.h"
 #include "graphics/RenderStates.h"
@@ -94,6 +95,9 @@ struct KOVEX_API GraphicsParameters
 };
 
 // X(result, name, (parameters), what the null device answers)
+// ReadTexture copies one subresource into `out` with tightly packed rows (of
+// pixels, or of 4x4 blocks, as TextureDesc::GetRowPitch gives them): how
+// frames are saved and checked. The null device holds no pixels.
 #define KOVEX_RENDERER_DEVICE_OPS(X)                                                                                  \
     X(bool, OnCreateDevice, (const GraphicsParameters& parameters), NullCreateDevice(parameters))                     \
     X(bool, OnResetDevice, (const GraphicsParameters& parameters), true)                                              \
@@ -132,6 +136,7 @@ struct KOVEX_API GraphicsParameters
     X(GraphicsFactory*, CreateProgramCompiler, (), MakeProgramCompiler())                                             \
     X(bool, CreateProgramDevice, (BaseProgram * program), true)                                                       \
     X(bool, DrawWithProgram, (const DrawBuffersDesc& draw), true)                                                     \
+    X(bool, ReadTexture, (Texture * texture, uint32 arrayIndex, uint32 mip, std::vector<uint8> & out), false)          \
     X(GraphicsFactory*, CreateTextureFactory, (), new NullTextureFactory())
 
 class KOVEX_API Renderer : public Object

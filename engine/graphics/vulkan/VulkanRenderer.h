@@ -137,10 +137,8 @@ public:
     // from any thread.
     int GetGpuEventSection(const char16_t* name);
 
-    // Copies one subresource into `out` with tightly packed rows (of pixels,
-    // or of 4x4 blocks), as TextureDesc::GetRowPitch gives them. False, with
-    // a log line, for a texture of another platform or a failed copy.
-    bool ReadTexture(Texture* texture, uint32 arrayIndex, uint32 mip, std::vector<uint8>& out);
+    // ReadTexture (a device operation): False, with a log line, also for a
+    // texture of another platform or a failed copy.
     // The current content of a vertex, index, constant or read-write buffer.
     bool ReadBuffer(GraphicsBuffer* buffer, std::vector<uint8>& out);
 

@@ -725,10 +725,10 @@ AString ProgramCachedLibrary::MakeConfigText(const PGCodeConf* conf, uint64 hash
         WString relative(path);
         if (!StreamManager::Ins()->MakeRelativePath(relative, nullptr))
         {
-            // A template outside every package: relative to the root.
-            if (g_kovexRootPath.IsEmpty() || !path.StartsWith(g_kovexRootPath()))
-                return AString();
-            relative = path.SubString(g_kovexRootPath.Length());
+            // A template outside every package: relative to the root, else
+            // as given (the text hash keeps a moved template apart anyway).
+            if (!g_kovexRootPath.IsEmpty() && path.StartsWith(g_kovexRootPath()))
+                relative = path.SubString(g_kovexRootPath.Length());
         }
         path = relative;
     }

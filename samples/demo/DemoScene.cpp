@@ -46,10 +46,17 @@ bool DemoScene::Create()
     if (!m_framework || !m_attribute || !m_material)
         return Fail("the shader templates under Data/shaders could not be loaded");
     m_material->SetMacro(AString("USE_DIFFUSE_TEXTURE"), AString("1"));
-    // Through the framework's map, as every draw of the engine asks.
+    // Through the framework's map, as every draw of the engine asks; the
+    // byte code is kept in "shader.cache", so the next run compiles nothing.
+    g_kovexCacheShaders = true;
+    g_kovexLoadShadersFromCache = true;
+    ProgramCompiler* compiler = ProgramCompiler::Get();
+    uint64 compiles = compiler ? compiler->GetCompileCount() : 0;
     m_program = m_framework->GetCurConf()->GetProgram(m_attribute->GetCurConf(), m_material->GetCurConf());
     if (!m_program || !m_program->IsCreated())
         return Fail("the program did not compile (the log says why)");
+    std::printf("Program: NoLighting + Attribute_Base + Material_Triangle, %s\n",
+                compiler && compiler->GetCompileCount() > compiles ? "compiled" : "loaded from shader.cache");
 
     m_texture = TextureFactory::Get()->Create(WString(u"Samples/checker.png"), nullptr);
     if (!m_texture || !m_texture->IsCreated())

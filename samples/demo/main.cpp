@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "DemoScene.h"
+#include "DemoWindow.h"
 #include "KovexEngine.h"
 
 using namespace KovexEngine;
@@ -97,12 +98,13 @@ bool ShowResources()
 int Usage(FILE* to, const char* self)
 {
     std::fprintf(to,
-                 "usage: %s [--data DIR] [--null] [--output PNG] [FRAMES]\n"
+                 "usage: %s [--data DIR] [--null] [--offscreen] [--output PNG] [FRAMES]\n"
                  "Loads the sample assets, then runs FRAMES frames (default 300). With a\n"
                  "Vulkan device each frame draws a textured quad with a program compiled\n"
                  "from Data/shaders, and the last frame is written to PNG (default: a new\n"
                  "temporary directory's frame.png), whose path is printed. Without a device,\n"
-                 "or with --null, the frames run on the null renderer.\n"
+                 "or with --null, the frames run on the null renderer. On a display ($DISPLAY)\n"
+                 "the frames are shown in a window too, unless --offscreen.\n"
                  "The data root is DIR when given, else the \"Data\" directory beside the\n"
                  "executable or above it, else the installed or built-from data.\n"
                  "Exit status: 0 on success, 1 when the engine or the rendering fails,\n"
@@ -115,7 +117,7 @@ int main(int argc, char** argv)
 {
     unsigned frames = 300;
     std::string dataDir, output;
-    bool forceNull = false;
+    bool forceNull = false, offscreen = false;
     for (int i = 1; i < argc; ++i)
     {
         std::string arg = argv[i];
@@ -134,6 +136,11 @@ int main(int argc, char** argv)
         if (arg == "--null")
         {
             forceNull = true;
+            continue;
+        }
+        if (arg == "--offscreen")
+        {
+            offscreen = true;
             continue;
         }
         // Decimal digits only: the engine's own parser would take "abc" as hex.
@@ -195,6 +202,14 @@ int main(int argc, char** argv)
     GraphicsParameters parameters;
     parameters.Width = 640;
     parameters.Height = 360;
+    // On a display the Vulkan frames are shown too; the window outlives the
+    // renderer (it is destroyed when main returns, after ShutDown).
+    DemoWindow window;
+    if (vulkan && !offscreen && window.Open(parameters.Width, parameters.Height))
+    {
+        parameters.WindowHandle = window.Handle();
+        std::printf("Window: %ux%u on %s\n", parameters.Width, parameters.Height, std::getenv("DISPLAY"));
+    }
     Kovex_InitRenderer(parameters);
     std::printf("Renderer: %s device %ux%u, %s, graphics thread %s\n", vulkan ? "Vulkan" : "null",
                 g_ptrRenderer->GetParamters().Width, g_ptrRenderer->GetParamters().Height,

@@ -6,6 +6,9 @@
 
 #include <string.h>
 
+#include <cmath>
+#include <cstdlib>
+
 #include <string>
 #include <vector>
 
@@ -35,6 +38,65 @@ bool CentreColour(const Ptr<Image>& image, uint8 (&out)[4])
         return false;
     memcpy(out, image->GetData() + 4 * ((kHeight / 2) * kWidth + kWidth / 2), 4);
     return true;
+}
+
+// Clip-space corners of the test's triangle (y up).
+const float kTriangle[3][2] = {{-0.6f, -0.6f}, {0.0f, 0.8f}, {0.6f, -0.6f}};
+
+// The CPU reference of one frame: the material's colour inside the
+// triangle, the clear colour outside, and pixels within 1.5 pixels of an
+// edge left out (`mask` false), where rasterisation rules decide.
+Ptr<Image> ReferenceFrame(const Ptr<Image>& like, const uint8 (&inside)[4], std::vector<bool>& mask)
+{
+    Ptr<Image> expected(new Image());
+    if (!like || !expected->Create(like->GetDesc()))
+        return Ptr<Image>();
+    mask.assign(kWidth * kHeight, true);
+    float px[3], py[3]; // corners in pixels, y down
+    for (int i = 0; i < 3; ++i)
+    {
+        px[i] = (kTriangle[i][0] + 1.0f) * 0.5f * kWidth;
+        py[i] = (1.0f - kTriangle[i][1]) * 0.5f * kHeight;
+    }
+    for (uint32 y = 0; y < kHeight; ++y)
+        for (uint32 x = 0; x < kWidth; ++x)
+        {
+            float cx = x + 0.5f, cy = y + 0.5f, nearest = 1e9f;
+            for (int e = 0; e < 3; ++e)
+            {
+                int f = (e + 1) % 3;
+                float ex = px[f] - px[e], ey = py[f] - py[e];
+                // Signed distance to the edge, positive inside for these
+                // corners (clockwise with y up, so anticlockwise in pixels).
+                float d = ((cy - py[e]) * ex - (cx - px[e]) * ey) / std::sqrt(ex * ex + ey * ey);
+                nearest = d < nearest ? d : nearest;
+            }
+            uint8* p = expected->GetData() + 4 * (y * kWidth + x);
+            const uint8 clear[4] = {0, 0, 0, 255};
+            memcpy(p, nearest > 0 ? inside : clear, 4);
+            mask[y * kWidth + x] = std::fabs(nearest) > 1.5f;
+        }
+    return expected;
+}
+
+// Pixels off by more than 1 in any channel where the mask holds; on any,
+// both images are written side by side.
+int Mismatches(const Ptr<Image>& actual, const Ptr<Image>& expected, const std::vector<bool>& mask, const char* name)
+{
+    if (!actual || !expected || actual->GetDataSize() != expected->GetDataSize())
+        return -1;
+    int count = 0;
+    for (uint32 i = 0; i < kWidth * kHeight; ++i)
+        for (int c = 0; mask[i] && c < 4; ++c)
+            if (std::abs(int(actual->GetData()[4 * i + c]) - int(expected->GetData()[4 * i + c])) > 1)
+            {
+                ++count;
+                break;
+            }
+    if (count)
+        ADD_FAILURE() << count << " pixels differ from the CPU reference; images in "
+                      << KovexTest::WriteSideBySide(name, actual, expected);
+    return count;
 }
 
 } // namespace
@@ -96,8 +158,14 @@ TEST(VulkanKslProgram, ATemplateProgramDrawsAndTakesItsColourByName)
         ASSERT_TRUE(r.DrawWithProgram(draw));
         r.EndFrame();
         r.Present();
+        Ptr<Image> frameImage = KovexTest::ReadBack(r.GetRenderTarget(0).Get());
+        const uint8 inside[4] = {uint8(frame ? 0 : 255), 0, uint8(frame ? 255 : 0), 255};
+        std::vector<bool> mask;
+        Ptr<Image> expected = ReferenceFrame(frameImage, inside, mask);
+        EXPECT_EQ(Mismatches(frameImage, expected, mask, frame ? "ksl-program-blue" : "ksl-program-red"), 0)
+            << "frame " << frame;
         uint8 centre[4] = {};
-        ASSERT_TRUE(CentreColour(KovexTest::ReadBack(r.GetRenderTarget(0).Get()), centre));
+        ASSERT_TRUE(CentreColour(frameImage, centre));
         EXPECT_EQ(centre[0], frame ? 0 : 255) << "frame " << frame;
         EXPECT_EQ(centre[1], 0) << "frame " << frame;
         EXPECT_EQ(centre[2], frame ? 255 : 0) << "frame " << frame;

@@ -53,11 +53,14 @@ if grep -q "^Renderer: Vulkan" out.txt; then
   [ "$(head -c 8 "$work/frame.png" | od -An -tx1 | tr -d ' \n')" = "89504e470d0a1a0a" ]
   # On a display the frames go to a window as well (Xvfb stands in for one).
   if command -v Xvfb > /dev/null; then
-    for n in $(seq 140 160); do [ -e "/tmp/.X11-unix/X$n" ] || break; done
-    Xvfb ":$n" -screen 0 800x600x24 -nolisten tcp > /dev/null 2>&1 &
+    # Xvfb picks a free display itself (tests running beside this one start
+    # their own) and names it once it accepts connections.
+    Xvfb -displayfd 3 -screen 0 800x600x24 -nolisten tcp 3> "$work/display" > /dev/null 2>&1 &
     xvfb=$!
     trap 'kill $xvfb 2> /dev/null; rm -rf "$work"' EXIT
-    for _ in $(seq 50); do [ -e "/tmp/.X11-unix/X$n" ] && break; sleep 0.1; done
+    for _ in $(seq 100); do [ -s "$work/display" ] && break; sleep 0.1; done
+    n="$(head -n 1 "$work/display")"
+    [ -n "$n" ]
     DISPLAY=":$n" ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" "$demo" 10 --output "$work/window.png" > out.txt
     grep -q "^Window: 640x360 on :$n$" out.txt
     grep -q "^Last frame written to $work/window.png$" out.txt

@@ -18,6 +18,7 @@
 #include <random>
 #include <vector>
 
+#include "BenchEngine.h"
 #include "graphics/GraphicsFormat.h"
 #include "graphics/Renderer.h"
 #include "graphics/TextureFactory.h"
@@ -386,14 +387,7 @@ const std::vector<uint8>& LargeDds()
 // the timing.
 void TextureFromLargeDds(benchmark::State& state, uint32 threshold)
 {
-    g_IsNullRenderer = true;
-    Kovex_Main_Initialize();
-    Log::Clear();
-    Renderer::SetupPlatformAuto();
-    GraphicsParameters parameters;
-    parameters.Width = 64;
-    parameters.Height = 64;
-    Kovex_InitRenderer(parameters);
+    StartNullEngine();
     const uint32 saved = TextureFactory::GetStreamingThreshold();
     TextureFactory::SetStreamingThreshold(threshold);
     DataStream data(unsigned(LargeDds().size()));

@@ -18,6 +18,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "BenchEngine.h"
 #include "graphics/BaseProgram.h"
 #include "graphics/ConstantBuffer.h"
 #include "graphics/Renderer.h"
@@ -201,14 +202,7 @@ struct NullEngine
 {
     NullEngine()
     {
-        g_IsNullRenderer = true;
-        Kovex_Main_Initialize();
-        Log::Clear();
-        Renderer::SetupPlatformAuto();
-        GraphicsParameters parameters;
-        parameters.Width = 64;
-        parameters.Height = 64;
-        Kovex_InitRenderer(parameters);
+        StartNullEngine();
     }
     ~NullEngine()
     {

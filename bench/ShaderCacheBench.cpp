@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchEngine.h"
 #include "graphics/Renderer.h"
 #include "graphics/Shader.h"
 #include "kernel/EngineGlobals.h"
@@ -40,14 +41,7 @@ struct CacheWorld
 
     CacheWorld()
     {
-        g_IsNullRenderer = true;
-        Kovex_Main_Initialize();
-        Log::Clear();
-        Renderer::SetupPlatformAuto();
-        GraphicsParameters parameters;
-        parameters.Width = 64;
-        parameters.Height = 64;
-        Kovex_InitRenderer(parameters);
+        StartNullEngine();
         fw = new PGFramework(u"Bench.FW", u"", "framework");
         ab = new PGAttribute(u"Bench.AB", u"", "attribute");
         mt = new PGMaterial(u"Bench.MT", u"", "material");

@@ -151,8 +151,8 @@ struct Reference
 int Compare(const KovexEngine::Ptr<KovexEngine::Image>& actual, const Reference& expected, float tolerance,
             const char* name);
 
-// A target's texel as floats (R8G8B8A8_UNORM, B8G8R8A8_UNORM, R32G32B32A32_FLOAT,
-// R32_FLOAT, R16G16B16A16_FLOAT); false for other formats.
+// A target's texel as floats (R8G8B8A8_UNORM, B8G8R8A8_UNORM,
+// R32G32B32A32_FLOAT, R32_FLOAT); false for other formats.
 bool ReadTexel(const KovexEngine::Ptr<KovexEngine::Image>& image, KovexEngine::uint32 x, KovexEngine::uint32 y,
                float (&out)[4]);
 

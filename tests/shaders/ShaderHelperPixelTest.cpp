@@ -81,7 +81,9 @@ float4 PS(PixelInput input) : SV_Target0
 #elif HELPER == 6
     return WorldToProjection(float4(p.x * 2, p.y, 3 + t.x, 1));
 #elif HELPER == 7
-    return ProjectionToWorld(WorldToProjection(float4(p.x * 2, p.y, 3 + t.x, 1)));
+    // From the normalised device position, as depth reconstruction has it.
+    float4 clip = WorldToProjection(float4(p.x * 2, p.y, 3 + t.x, 1));
+    return ProjectionToWorld(clip / clip.w);
 #elif HELPER == 8
     // From a point on the plane z = 0 looking at the camera's position.
     float2 uv = 0.25 + t * 0.5;
@@ -420,11 +422,13 @@ TEST(ShaderHelperPixels, SceneColourDepthAndPosition)
         ASSERT_TRUE(pass.program);
         Ptr<Image> scene(new Image());
         ASSERT_TRUE(scene->Create(TextureFactory::Make2DDesc(kW, kH, GraphicsFormat::R8G8B8A8_UNORM, 1)));
-        for (uint32 i = 0; i < kW * kH; ++i)
-        {
-            uint8* t = scene->GetData() + 4 * i;
-            t[0] = uint8(i * 7), t[1] = uint8(i * 13 + 5), t[2] = uint8(255 - i), t[3] = uint8(i * 3);
-        }
+        // Every texel different from every other in some channel.
+        for (uint32 y = 0; y < kH; ++y)
+            for (uint32 x = 0; x < kW; ++x)
+            {
+                uint8* t = scene->GetData() + 4 * (y * kW + x);
+                t[0] = uint8(x * 8), t[1] = uint8(y * 16 + 3), t[2] = uint8((x * y * 5) & 255), t[3] = uint8(255 - x);
+            }
         Ptr<Texture> texture = PixelRig::MakeTexture(scene);
         ASSERT_TRUE(texture && texture->IsCreated());
         ASSERT_TRUE(pass.program->CommitTexture(u"SceneColorTexture", texture));

@@ -199,10 +199,12 @@ TEST(ShaderAttributePixels, SkinMovesVerticesByTheirBones)
         ASSERT_TRUE(f.Commit(u"BoneMatrices", &bones[0][0], sizeof(bones)));
         EXPECT_EQ(f.Draw(&data, 3, kRGBA8, expected, kByteTolerance, "skin-constants"), 0);
     }
+    for (const KovexTest::MacroList& macros :
+         {KovexTest::MacroList{{"SKIN_MODE", "1"}, {"BONE_MATRIX_TEXTURE", "1"}}, KovexTest::MacroList{{"SKIN_MODE_2", "1"}}})
     {
         ProgramSpec spec;
         spec.attribute = "Attribute_Skin.ksl";
-        spec.ab = {{"SKIN_MODE", "1"}, {"BONE_MATRIX_TEXTURE", "1"}};
+        spec.ab = macros;
         Frame f(rig, spec);
         ASSERT_TRUE(f.program);
         // One frame's rows from texel 5 of row 1 of an 16 x 2 float texture.

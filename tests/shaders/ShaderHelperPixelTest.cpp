@@ -76,6 +76,14 @@ float4 PS(PixelInput input) : SV_Target0
 #elif HELPER == 4
     float3x3 f = Frame(t);
     return float4(WorldToTangent(float3(0.3, -0.5, 0.8), f[2], f[0], f[1]), 0);
+#elif HELPER == 14
+    // The rows of the frame as a matrix project like WorldToTangent.
+    float3x3 f = Frame(t);
+    float3x3 byRows = Float3x3(f[0], f[1], f[2]);
+    float3x3 byNumbers = Float3x3(f[0].x, f[0].y, f[0].z, f[1].x, f[1].y, f[1].z, f[2].x, f[2].y, f[2].z);
+    float3 v = float3(0.3, -0.5, 0.8);
+    float3 a = mul(byRows, v), b = mul(byNumbers, v);
+    return float4(a, dot(a - b, a - b));
 #elif HELPER == 5
     return float4(ComputeFresnel(t.x, t.y, 5), ComputeFresnel(t.y * 2 - 0.5, 0.04, 1 + 3 * t.x), 0, 0);
 #elif HELPER == 6
@@ -269,7 +277,8 @@ TEST(ShaderHelperPixels, NormalsDecode)
 }
 
 // Tangent and world space: a fixed vector expressed in a frame that turns
-// from pixel to pixel, and back.
+// from pixel to pixel, and back; the frame's rows as a Float3x3 matrix
+// (both spellings) project the same way.
 TEST(ShaderHelperPixels, TangentAndWorldSpaces)
 {
     KOVEX_SKIP_WITHOUT_VULKAN();
@@ -287,8 +296,10 @@ TEST(ShaderHelperPixels, TangentAndWorldSpaces)
                   },
                   1e-4f, "tangent-to-world"),
               0);
-    HelperPass toTangent(rig, 4);
-    EXPECT_EQ(toTangent.Check(
+    for (int helper : {4, 14})
+    {
+        HelperPass toTangent(rig, helper);
+        EXPECT_EQ(toTangent.Check(
                   [&](float tx, float ty, float (&out)[4]) {
                       float t[3], b[3], n[3];
                       FrameOf(tx, ty, t, b, n);
@@ -297,8 +308,9 @@ TEST(ShaderHelperPixels, TangentAndWorldSpaces)
                       out[2] = v[0] * n[0] + v[1] * n[1] + v[2] * n[2];
                       out[3] = 0;
                   },
-                  1e-4f, "world-to-tangent"),
+                  1e-4f, helper == 4 ? "world-to-tangent" : "float3x3-rows"),
               0);
+    }
 }
 
 // Fresnel: bias at normal incidence, 1 at grazing angles, cosines outside

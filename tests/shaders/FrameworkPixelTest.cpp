@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "graphics/RenderStates.h"
+#include "graphics/Shader.h"
 #include "graphics/TextureFactory.h"
 #include "kernel/StringConv.h"
 #include "shaders/Program.h"
@@ -391,8 +393,33 @@ TEST(FrameworkPixels, RenderDepthWritesLinearViewDepth)
     }
 }
 
-// Depth only: the triangle's pixels keep the cleared colour, and a later
-// full-screen clear behind its depth does not reach them.
+// Variables of storage class Output in a stage's SPIR-V (its colour
+// outputs, for a pixel stage); -1 without code.
+int OutputVariables(Program* program, ShaderType stage)
+{
+    Shader* shader = program->GetShader(stage);
+    if (!shader || !shader->GetShaderCode())
+        return -1;
+    const uint32* words = static_cast<const uint32*>(shader->GetShaderCode());
+    const uint32 count = shader->GetShaderCodeSize() / 4;
+    constexpr uint32 kOpVariable = 59, kStorageOutput = 3;
+    int outputs = 0;
+    for (uint32 at = 5; at < count;)
+    {
+        const uint32 length = words[at] >> 16, opcode = words[at] & 0xffff;
+        if (length == 0)
+            return -1;
+        if (opcode == kOpVariable && at + 3 < count && words[at + 3] == kStorageOutput)
+            ++outputs;
+        at += length;
+    }
+    return outputs;
+}
+
+// Depth only: the pixel stage has no colour output, and the depth it leaves
+// keeps a later full-screen clear behind it off the triangle. Drawn, as the
+// depth phases draw, with colour writes off: a pixel stage without outputs
+// leaves the target's values undefined otherwise.
 TEST(FrameworkPixels, DrawNullWritesDepthAndNoColour)
 {
     KOVEX_SKIP_WITHOUT_VULKAN();
@@ -401,12 +428,16 @@ TEST(FrameworkPixels, DrawNullWritesDepthAndNoColour)
     Ptr<Program> program = BuildFramework(rig, "DrawNull.ksl");
     Ptr<Program> clear = BuildFramework(rig, "DrawClear.ksl", {{"NUM_RT", "1"}, {"CLEAR_RT_0", "1"}});
     ASSERT_TRUE(program && clear);
+    EXPECT_EQ(OutputVariables(program.Get(), ShaderType::Pixel), 0);
+    EXPECT_EQ(OutputVariables(clear.Get(), ShaderType::Pixel), 2) << "the check counts outputs: colour and depth";
     ASSERT_TRUE(rig.SetTargets({GraphicsFormat::R8G8B8A8_UNORM}));
     rig.Clear(Vector4(kClear[0], kClear[1], kClear[2], kClear[3]), 1.0f);
     const float z[3] = {0.3f, 0.3f, 0.3f};
     const VertexData triangle = BaseTriangle(kTriangle, z, kUp);
     CommitCamera(program.Get(), KovexTest::kIdentityMatrix);
+    rig.Renderer().CommitState(BlendStateFactory::Get()->GetColorDisableState().Get());
     ASSERT_TRUE(rig.Draw(program.Get(), &triangle, 3));
+    rig.Renderer().CommitState(BlendStateFactory::Get()->Create(BlendState::Desc()).Get());
     const float green[4] = {0, 1, 0, 1}, depth = 0.5f;
     clear->CommitConstantByName(u"ClearColor0", green, 16, 16);
     clear->CommitConstantByName(u"ClearDepth", &depth, 4, 16);

@@ -419,32 +419,44 @@ int OutputVariables(Program* program, ShaderType stage)
 // Depth only: the pixel stage has no colour output, and the depth it leaves
 // keeps a later full-screen clear behind it off the triangle. Drawn, as the
 // depth phases draw, with colour writes off: a pixel stage without outputs
-// leaves the target's values undefined otherwise.
+// leaves the target's values undefined otherwise. A mask material whose
+// opacity is under its mask leaves no depth.
 TEST(FrameworkPixels, DrawNullWritesDepthAndNoColour)
 {
     KOVEX_SKIP_WITHOUT_VULKAN();
     PixelRig rig(kWidth, kHeight);
     KOVEX_SKIP_WITHOUT_PIXEL_RIG(rig);
-    Ptr<Program> program = BuildFramework(rig, "DrawNull.ksl");
+    ProgramSpec masked;
+    masked.framework = "DrawNull.ksl";
+    masked.blendMode = BlendMode::Mask;
+    masked.opaqueMask = 0.5f;
+    Ptr<Program> opaque = BuildFramework(rig, "DrawNull.ksl"), cut = rig.Build(masked);
     Ptr<Program> clear = BuildFramework(rig, "DrawClear.ksl", {{"NUM_RT", "1"}, {"CLEAR_RT_0", "1"}});
-    ASSERT_TRUE(program && clear);
-    EXPECT_EQ(OutputVariables(program.Get(), ShaderType::Pixel), 0);
+    ASSERT_TRUE(opaque && cut && clear);
+    EXPECT_EQ(OutputVariables(opaque.Get(), ShaderType::Pixel), 0);
     EXPECT_EQ(OutputVariables(clear.Get(), ShaderType::Pixel), 2) << "the check counts outputs: colour and depth";
-    ASSERT_TRUE(rig.SetTargets({GraphicsFormat::R8G8B8A8_UNORM}));
-    rig.Clear(Vector4(kClear[0], kClear[1], kClear[2], kClear[3]), 1.0f);
     const float z[3] = {0.3f, 0.3f, 0.3f};
     const VertexData triangle = BaseTriangle(kTriangle, z, kUp);
-    CommitCamera(program.Get(), KovexTest::kIdentityMatrix);
-    rig.Renderer().CommitState(BlendStateFactory::Get()->GetColorDisableState().Get());
-    ASSERT_TRUE(rig.Draw(program.Get(), &triangle, 3));
-    rig.Renderer().CommitState(BlendStateFactory::Get()->Create(BlendState::Desc()).Get());
-    const float green[4] = {0, 1, 0, 1}, depth = 0.5f;
-    clear->CommitConstantByName(u"ClearColor0", green, 16, 16);
-    clear->CommitConstantByName(u"ClearDepth", &depth, 4, 16);
-    ASSERT_TRUE(rig.Draw(clear.Get(), nullptr, 3));
-    Reference expected = Reference::Filled(kWidth, kHeight, green);
-    expected.FillTriangle(kTriangle, kClear, 1.0f);
-    EXPECT_EQ(KovexTest::Compare(rig.ReadTarget(0), expected, kExact, "drawnull"), 0);
+    const float green[4] = {0, 1, 0, 1}, depth = 0.5f, translucent[4] = {1, 1, 1, 0.25f};
+    for (Program* program : {opaque.Get(), cut.Get()})
+    {
+        ASSERT_TRUE(rig.SetTargets({GraphicsFormat::R8G8B8A8_UNORM}));
+        rig.Clear(Vector4(kClear[0], kClear[1], kClear[2], kClear[3]), 1.0f);
+        CommitCamera(program, KovexTest::kIdentityMatrix);
+        program->CommitConstantByName(u"DiffuseColor", translucent, 16, 16);
+        rig.Renderer().CommitState(BlendStateFactory::Get()->GetColorDisableState().Get());
+        ASSERT_TRUE(rig.Draw(program, &triangle, 3));
+        rig.Renderer().CommitState(BlendStateFactory::Get()->Create(BlendState::Desc()).Get());
+        clear->CommitConstantByName(u"ClearColor0", green, 16, 16);
+        clear->CommitConstantByName(u"ClearDepth", &depth, 4, 16);
+        ASSERT_TRUE(rig.Draw(clear.Get(), nullptr, 3));
+        Reference expected = Reference::Filled(kWidth, kHeight, green);
+        if (program == opaque.Get())
+            expected.FillTriangle(kTriangle, kClear, 1.0f);
+        EXPECT_EQ(KovexTest::Compare(rig.ReadTarget(0), expected, kExact,
+                                     program == opaque.Get() ? "drawnull" : "drawnull-masked"),
+                  0);
+    }
 }
 
 // A 2D triangle given in viewport pixels lands on those pixels in the

@@ -622,3 +622,57 @@ TEST(FrameworkPixels, WireframeDrawsTheEdgesInTheWireColour)
         }
     }
 }
+
+// --- Light-map encoding --------------------------------------------------------------------------
+
+// Linear light through RGBE in an 8-bit target and back: each component
+// within one 8-bit step of the pixel's largest component (the shared
+// exponent's precision), black stays black.
+TEST(FrameworkPixels, RGBEEncodingRoundTripsLinearLight)
+{
+    KOVEX_SKIP_WITHOUT_VULKAN();
+    PixelRig rig(kWidth, kHeight);
+    KOVEX_SKIP_WITHOUT_PIXEL_RIG(rig);
+    Ptr<Program> encode = BuildFramework(rig, "EncodeRGBE.ksl"), decode = BuildFramework(rig, "DecodeRGBE.ksl");
+    ASSERT_TRUE(encode && decode);
+    Ptr<Image> light(new Image());
+    ASSERT_TRUE(light->Create(TextureFactory::Make2DDesc(kWidth, kHeight, GraphicsFormat::R32G32B32A32_FLOAT, 1)));
+    float* texels = reinterpret_cast<float*>(light->GetData());
+    for (uint32 y = 0; y < kHeight; ++y)
+        for (uint32 x = 0; x < kWidth; ++x)
+        {
+            float* t = texels + 4 * (y * kWidth + x);
+            const float scale = std::ldexp(1.0f, int(x % 12) - 6); // 1/64 ... 32
+            t[0] = scale * (1.0f + y / 8.0f);
+            t[1] = scale * 0.3f * (x % 5);
+            t[2] = scale * (4.0f - y / 10.0f);
+            t[3] = 1.0f;
+            if (x == 0 && y == 0)
+                t[0] = t[1] = t[2] = 0.0f;
+        }
+    ASSERT_TRUE(rig.SetTargets({GraphicsFormat::R8G8B8A8_UNORM}));
+    rig.Clear(Vector4(0, 0, 0, 0));
+    ASSERT_TRUE(encode->CommitTexture(u"SourceTexture", PixelRig::MakeTexture(light)));
+    ASSERT_TRUE(rig.Draw(encode.Get(), nullptr, 3));
+    Ptr<Image> rgbe = rig.ReadTarget(0);
+    ASSERT_TRUE(rgbe);
+    ASSERT_TRUE(rig.SetTargets({GraphicsFormat::R32G32B32A32_FLOAT}));
+    rig.Clear(Vector4(0, 0, 0, 0));
+    ASSERT_TRUE(decode->CommitTexture(u"SourceTexture", PixelRig::MakeTexture(rgbe)));
+    ASSERT_TRUE(rig.Draw(decode.Get(), nullptr, 3));
+    Ptr<Image> decoded = rig.ReadTarget(0);
+    ASSERT_TRUE(decoded);
+    int off = 0;
+    for (uint32 y = 0; y < kHeight; ++y)
+        for (uint32 x = 0; x < kWidth; ++x)
+        {
+            const float* in = texels + 4 * (y * kWidth + x);
+            float out[4];
+            ASSERT_TRUE(KovexTest::ReadTexel(decoded, x, y, out));
+            const float largest = std::max(in[0], std::max(in[1], in[2]));
+            for (int c = 0; c < 3; ++c)
+                if (std::fabs(out[c] - in[c]) > largest / 255.0f + 1e-7f && off++ < 5)
+                    ADD_FAILURE() << "(" << x << ", " << y << ") channel " << c << ": " << out[c] << " for " << in[c];
+        }
+    EXPECT_EQ(off, 0) << "components off by more than the shared exponent's step";
+}

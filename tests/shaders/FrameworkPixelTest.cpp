@@ -34,11 +34,11 @@ const float kClear[4] = {0.2f, 0.4f, 0.6f, 1.0f};
 Ptr<Program> BuildFramework(PixelRig& rig, const char* file, const MacroList& macros = {},
                             const std::string& materialText = std::string())
 {
-    ProgramSpec spec;
-    spec.framework = file;
-    spec.fw = macros;
-    spec.materialText = materialText;
-    return rig.Build(spec);
+    ProgramSpec codes;
+    codes.framework = file;
+    codes.fw = macros;
+    codes.materialText = materialText;
+    return rig.Build(codes);
 }
 
 // Position, normal, texture coordinate (the base attribute's stream) of one
@@ -466,11 +466,11 @@ TEST(FrameworkPixels, Element2DDrawsAtTheAttributesPositionInTheMaterialsColour)
     KOVEX_SKIP_WITHOUT_VULKAN();
     PixelRig rig(kWidth, kHeight);
     KOVEX_SKIP_WITHOUT_PIXEL_RIG(rig);
-    ProgramSpec spec;
-    spec.framework = "Element2D.ksl";
-    spec.attribute = "Attribute_Tri2d.ksl";
-    spec.ab = {{"NUM_TEXCOORDS", "0"}};
-    Ptr<Program> program = rig.Build(spec);
+    ProgramSpec codes;
+    codes.framework = "Element2D.ksl";
+    codes.attribute = "Attribute_Tri2d.ksl";
+    codes.ab = {{"NUM_TEXCOORDS", "0"}};
+    Ptr<Program> program = rig.Build(codes);
     ASSERT_TRUE(program);
     const float pixels[3][2] = {{4, 28}, {20, 2}, {60, 30}};
     VertexData data;

@@ -153,9 +153,9 @@ TEST(FrameworkMacros, LightPassesBindTheShadowTexturesTheirConfigurationNames)
             }
 }
 
-// The compute passes of tile-based lighting build, and reflect the buffers
-// the lighting binds by name.
-TEST(FrameworkMacros, TileComputePassesReflectTheirBuffers)
+// The compute passes (tile-based lighting, the compute blur) build, and
+// reflect the buffers and constants their phases bind by name.
+TEST(FrameworkMacros, ComputePassesReflectTheirBuffers)
 {
     KovexTest::NullEngine engine;
     Library library;
@@ -164,11 +164,14 @@ TEST(FrameworkMacros, TileComputePassesReflectTheirBuffers)
     {
         const char* file;
         std::vector<const char*> buffers;
+        const char16_t* constant;
     } passes[] = {
-        {"TileBased_Clear.ksl", {"OmniLights_PerTileCountRW"}},
+        {"TileBased_Clear.ksl", {"OmniLights_PerTileCountRW"}, u"TileBased_NumLights"},
         {"TileBased_Cull.ksl",
          {"OmniLights_PosRadius", "OmniLights_PerTileCountRW", "OmniLights_PerTileOffsetRW",
-          "OmniLights_PerTileIndicesRW"}},
+          "OmniLights_PerTileIndicesRW"},
+         u"TileBased_NumLights"},
+        {"Blur.ksl", {"OutputTex"}, u"BlurDir"},
     };
     for (const auto& pass : passes)
     {
@@ -179,6 +182,6 @@ TEST(FrameworkMacros, TileComputePassesReflectTheirBuffers)
         ASSERT_FALSE(program->IsFailed()) << pass.file;
         for (const char* name : pass.buffers)
             EXPECT_NE(program->FindBuffer(StringConvFuncs::ToWString(name)), nullptr) << pass.file << ": " << name;
-        EXPECT_NE(program->FindConstant(u"TileBased_NumLights"), nullptr) << pass.file;
+        EXPECT_NE(program->FindConstant(pass.constant), nullptr) << pass.file;
     }
 }

@@ -351,7 +351,7 @@ void AddMaterialOptions(std::vector<PGConfMT*>& out)
 
 void Report(const char* what, const Library::Result& result)
 {
-    std::printf("[ %s ] %u programs in %.1f s (%.0f ms each on 2 threads)\n", what, result.compiled, result.seconds,
+    std::printf("[ %s ] %u programs in %.1f s on 2 threads (%.0f ms of wall time each)\n", what, result.compiled, result.seconds,
                 result.compiled ? result.seconds * 1000.0 / result.compiled : 0.0);
     for (const std::string& failure : result.failures)
         ADD_FAILURE() << failure;

@@ -359,14 +359,20 @@ void Report(const char* what, const Library::Result& result)
 
 } // namespace
 
-// The material compiler replaces the first occurrence of each slot, so
-// each must stand exactly once in the text, comments included.
-TEST(ShaderLibrary, MaterialTemplateHoldsEachSlotOnce)
+// The material compiler and the single-pass builder replace the first
+// occurrence of each slot or marker, so each must stand exactly once in the
+// template, comments included: a mention ahead of it would take the text and
+// leave the real one behind.
+TEST(ShaderLibrary, TemplatesHoldEachSlotOnce)
 {
-    const std::string text = ReadFile(kLibrary + "Material_Template.ksl");
-    ASSERT_FALSE(text.empty());
+    const std::string material = ReadFile(kLibrary + "Material_Template.ksl");
+    ASSERT_FALSE(material.empty());
     for (const auto& slot : kSlots)
-        EXPECT_EQ(Occurrences(text, slot.first), 1u) << "Material_Template.ksl: " << slot.first;
+        EXPECT_EQ(Occurrences(material, slot.first), 1u) << "Material_Template.ksl: " << slot.first;
+    const std::string singlePass = ReadFile(kLibrary + "SinglePass_Template.ksl");
+    ASSERT_FALSE(singlePass.empty());
+    for (const char* marker : {"%LightDeclaration", "%LightFragment"})
+        EXPECT_EQ(Occurrences(singlePass, marker), 1u) << "SinglePass_Template.ksl: " << marker;
 }
 
 // Every file of the library, each in the configurations named for it.

@@ -489,6 +489,38 @@ TEST(ShaderLibrary, EveryFileCompilesInItsConfigurationsToValidSpirv)
     Report("compile set", result);
 }
 
+// The harness itself: a combination that does not compile is reported by
+// its name with the compiler's lines, from whichever thread compiled it,
+// and the others are not.
+TEST(ShaderLibrary, AFailureNamesItsCombinationAndCarriesTheCompilersLines)
+{
+    KovexTest::NullEngine engine;
+    Library library;
+    ASSERT_TRUE(library.loaded);
+    PGConfMT* broken = R::MT_Triangle->CreateConfig(u"BROKEN");
+    broken->SetMacro("GetMaterialColor", "(");
+    std::vector<Combination> set;
+    for (const PGConfMT* mt : {static_cast<const PGConfMT*>(R::MT_Triangle->GetConfig(u"DEFAULT")),
+                               static_cast<const PGConfMT*>(broken)})
+    {
+        Combination c;
+        c.fw = R::FW_NoLighting->GetConfig(u"DEFAULT");
+        c.ab = R::AB_Base->GetConfig(u"DEFAULT");
+        c.mt = mt;
+        set.push_back(library.Named(c));
+        set.push_back(library.Named(c));
+    }
+    Library::Result result = library.Run(set, 2);
+    EXPECT_EQ(result.compiled, 4u);
+    ASSERT_EQ(result.failures.size(), 2u);
+    for (const std::string& failure : result.failures)
+    {
+        EXPECT_EQ(failure.rfind("FW_NoLighting:DEFAULT + AB_Base:DEFAULT + MT_Triangle:BROKEN\n", 0), 0u) << failure;
+        EXPECT_NE(failure.find("Compile Shader vs_5_0 VS failed !"), std::string::npos) << failure;
+        EXPECT_NE(failure.find("Material_Triangle.ksl"), std::string::npos) << "the compiler's line names the file";
+    }
+}
+
 // Every framework (its current configuration) with every attribute
 // configuration and every material configuration of the table.
 TEST(ShaderProduct, EveryFrameworkAttributeAndMaterialConfiguration)

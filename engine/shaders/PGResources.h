@@ -99,7 +99,8 @@ public:
 
     // The light-pass configuration names, one slot per name:
     // [0] "DEFAULT" (no shadow), [1..3] low, medium, high, [4..6] the same
-    // with hardware percentage-closer filtering.
+    // with hardware percentage-closer filtering. An index past the last
+    // answers "DEFAULT".
     static constexpr unsigned kNumLightPassConfs = 7;
     static const TSharedString<WString>& CFG_PL_LIGHT_PASS_SHADOW(unsigned index);
     // The slot of a light pass: 0 without shadow, else 1 + quality (capped

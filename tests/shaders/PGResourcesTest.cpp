@@ -301,6 +301,7 @@ TEST(PGResources, LightPassIndexHasOneSlotPerName)
     for (unsigned i = 0; i < R::kNumLightPassConfs; ++i)
         EXPECT_EQ(A(*R::CFG_PL_LIGHT_PASS_SHADOW(i)), kLightPassNames[i]) << i;
     EXPECT_EQ(R::CFG_PL_LIGHT_PASS_SHADOW(1), R::CFG_SQ_LOW()) << "the same shared string";
+    EXPECT_EQ(A(*R::CFG_PL_LIGHT_PASS_SHADOW(R::kNumLightPassConfs)), "DEFAULT");
     EXPECT_EQ(R::CFG_PL_LIGHT_PASS_SHADOW(6), R::CFG_SQ_HIGH_HWPCF());
     EXPECT_EQ(A(*R::CFG_INSTANCE_RENDERING()), "DEFAULT[INSTANCE_RENDERING]");
     EXPECT_EQ(A(*R::CFG_SOLID_WIRE()), "SOLID_WIRE");

@@ -40,6 +40,10 @@ bool DemoScene::Create()
     // The unlit framework, the base attribute and the textured material,
     // compiled by the engine (or found in "shader.cache" from an earlier run).
     ProgramManager* manager = ProgramManager::Ins();
+    // The templates include "[core]shaders/Common.ksl": "[core]" is the data
+    // root unless the engine's start named it already.
+    if (StreamManager::Ins()->GetPackagePath(WString(u"core")).IsEmpty())
+        StreamManager::Ins()->SetPackagePath(WString(u"core"), g_kovexRootPath);
     m_framework = manager->LoadFramework(WString(u"shaders/NoLighting.ksl"));
     m_attribute = manager->LoadAttribute(WString(u"shaders/Attribute_Base.ksl"));
     m_material = manager->LoadMaterial(WString(u"shaders/Material_Triangle.ksl"));

@@ -20,6 +20,7 @@
 #include "shaders/ProgramCachedLibrary.h"
 #include "shaders/ProgramCompiler.h"
 #include "shaders/ProgramManager.h"
+#include "shaders/ShaderTestSupport.h"
 #include "shaders/SpirvCompiler.h"
 #include "support/LogCapture.h"
 #include "support/NullEngine.h"
@@ -431,6 +432,7 @@ TEST(ProgramCompilerThreads, ProgramsCompileConcurrently)
 TEST(ProgramCompiler, TheEnginesTemplatesCompile)
 {
     KovexTest::NullEngine engine;
+    ASSERT_TRUE(KovexTest::MountCoreData());
     const std::string dir = std::string(KOVEX_SOURCE_DATA) + "/shaders/";
     ProgramManager* manager = ProgramManager::Ins();
     Ptr<PGFramework> fw = manager->LoadFramework(StringConvFuncs::ToWString((dir + "NoLighting.ksl").c_str()));

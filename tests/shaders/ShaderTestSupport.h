@@ -2,6 +2,10 @@
 
 #include <atomic>
 
+#include <string>
+
+#include "io/StreamManager.h"
+#include "kernel/StringConv.h"
 #include "shaders/ProgramCompiler.h"
 
 // A program compiler that compiles nothing: it counts the programs it is
@@ -30,5 +34,18 @@ public:
     bool ReflectShaders(KovexEngine::BaseProgram*) override { return true; }
     bool Link(KovexEngine::BaseProgram*) override { return true; }
 };
+
+// Makes "[core]" the source tree's Data directory, where the shader
+// library's own includes ("[core]shaders/Common.ksl") are read from, unless
+// the engine's start already named it. Call it after the engine is up.
+inline bool MountCoreData()
+{
+    using namespace KovexEngine;
+    StreamManager* streams = StreamManager::Ins();
+    if (!streams->GetPackagePath(WString(u"core")).IsEmpty())
+        return true;
+    return streams->SetPackagePath(WString(u"core"),
+                                   StringConvFuncs::ToWString((std::string(KOVEX_SOURCE_DATA) + "/").c_str()));
+}
 
 } // namespace KovexTest

@@ -10,6 +10,7 @@
 #include "shaders/Program.h"
 #include "shaders/ProgramCompiler.h"
 #include "shaders/ProgramManager.h"
+#include "shaders/ShaderTestSupport.h"
 #include "support/LogCapture.h"
 #include "support/NullEngine.h"
 
@@ -23,6 +24,7 @@ WString TemplatePath(const char* name) { return StringConvFuncs::ToWString((kTem
 
 struct Templates
 {
+    bool mounted = KovexTest::MountCoreData();
     Ptr<PGFramework> fw = ProgramManager::Ins()->LoadFramework(TemplatePath("NoLighting.ksl"));
     Ptr<PGAttribute> ab = ProgramManager::Ins()->LoadAttribute(TemplatePath("Attribute_Base.ksl"));
     Ptr<PGMaterial> mt = ProgramManager::Ins()->LoadMaterial(TemplatePath("Material_Triangle.ksl"));
@@ -128,9 +130,10 @@ TEST(BuildProgram, ABrokenMaterialFailsOnceWithTheCompilersLine)
     KovexTest::NullEngine engine;
     Templates t;
     ASSERT_TRUE(t.fw && t.ab);
-    // The material's interface is right; its body names nothing that exists.
+    // The material's functions are those the framework calls; a body names
+    // nothing that exists.
     Ptr<PGMaterial> broken(new PGMaterial(u"", u"",
-                                          "struct MaterialInput { float2 TexCoord; float3 WorldNormal; };\n"
+                                          "float3 GetMaterialVertexOffset(MaterialInput input) { return 0; }\n"
                                           "float4 GetMaterialColor(MaterialInput input) { return oops; }\n"));
     PGConfMT* conf = broken->CreateConfig(u"DEFAULT");
     KovexTest::LogCapture log;

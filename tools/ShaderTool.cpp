@@ -16,12 +16,12 @@
 #include "CommandLine.h"
 #include "ToolEngine.h"
 #include "kernel/StringConv.h"
+#include "graphics/Renderer.h"
 #include "graphics/Shader.h"
+#include "lifecycle/Engine.h"
 #include "graphics/ShaderReflection.h"
-#include "io/StreamManager.h"
 #include "shaders/PGCode.h"
 #include "shaders/PGResources.h"
-#include "shaders/PGResourcesCodes.h"
 #include "shaders/Program.h"
 #include "shaders/ProgramCompiler.h"
 #include "shaders/ProgramCachedLibrary.h"
@@ -206,16 +206,18 @@ int CacheCommand(const std::string& what, const std::string& path)
 
 struct BuiltinCode
 {
-    const char* name;
-    PGCode* code; // null when its file did not load
+    const char* name;  // the static's, "FW_DrawClear"
+    std::string file;  // "[core]shaders/DrawClear.ksl"
+    PGCode* code;      // null when its file did not load
 };
 
 std::vector<BuiltinCode> BuiltinCodes()
 {
     std::vector<BuiltinCode> codes;
-#define KOVEX_BUILTIN_ENTRY(name) codes.push_back({#name, PGResources::name.Get()});
-    KOVEX_PG_RESOURCES_CODES(KOVEX_BUILTIN_ENTRY)
-#undef KOVEX_BUILTIN_ENTRY
+    for (unsigned i = 0; i < PGResources::GetNumCodes(); ++i)
+        codes.push_back({PGResources::GetCodeName(i),
+                         "[core]shaders/" + std::string(StringConvFuncs::ToAString(PGResources::GetCodeFile(i)).c_str()),
+                         PGResources::GetCode(i)});
     return codes;
 }
 
@@ -237,31 +239,34 @@ const char* KindWord(PGCode::TYPE type)
 std::string Narrow(const WString& text) { return StringConvFuncs::ToAString(text.c_str()).c_str(); }
 std::string Narrow(const char16_t* text) { return text ? StringConvFuncs::ToAString(text).c_str() : "?"; }
 
-// The code's file as the engine names it ("[core]shaders/..."), else as held.
-std::string CodeFile(const PGCode* code)
-{
-    WString path = code->GetPath();
-    int error = 0;
-    if (StreamManager::Ins()->MakeRelativePath(path, &error))
-        return Narrow(path);
-    return Narrow(code->GetPath());
-}
-
-// Loads every built-in code; false (after saying why) when the engine did
-// not start. Codes that fail to load stay null and are reported by name.
-bool LoadBuiltins(const CommandLine& cl)
-{
-    if (!StartEngine(cl))
-        return false;
-    PGResources::Initialize();
-    PGResources::LoadWireframeFW();
-    return true;
-}
-
 void PrintEngineMessages(const CommandLine& cl)
 {
     for (const std::string& line : TakeEngineMessages())
         cl.Warn(line);
+}
+
+// Loads every built-in code; false (after saying why) when the engine did
+// not start. Codes that fail to load stay null and are reported by name.
+// The null renderer provides the program compiler.
+bool LoadBuiltins(const CommandLine& cl)
+{
+    if (!StartEngine(cl))
+        return false;
+    Renderer::SetupPlatformAuto();
+    GraphicsParameters parameters;
+    parameters.Width = 64;
+    parameters.Height = 64;
+    Kovex_InitRenderer(parameters);
+    if (!ProgramCompiler::Get())
+    {
+        PrintEngineMessages(cl);
+        StopEngine();
+        cl.Fail("the engine has no program compiler");
+        return false;
+    }
+    PGResources::Initialize();
+    PGResources::LoadWireframeFW();
+    return true;
 }
 
 int ListBuiltins(const CommandLine& cl)
@@ -274,11 +279,11 @@ int ListBuiltins(const CommandLine& cl)
         PGCode* code = entry.code;
         if (!code)
         {
-            std::printf("%s %s not loaded\n", entry.name, KindWord(KindOfName(entry.name)));
+            std::printf("%s %s %s not loaded\n", entry.name, KindWord(KindOfName(entry.name)), entry.file.c_str());
             ++missing;
             continue;
         }
-        std::printf("%s %s %s\n", entry.name, KindWord(code->Type()), CodeFile(code).c_str());
+        std::printf("%s %s %s\n", entry.name, KindWord(code->Type()), entry.file.c_str());
         for (const auto& pair : code->GetConfigMap())
         {
             const PGCodeConf* conf = pair.value;

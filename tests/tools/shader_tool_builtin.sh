@@ -86,9 +86,12 @@ cp -r "$data" broken
 rm broken/shaders/Material_Font.ksl
 printf 'float4 PS() : SV_Target { return undefined_thing; }\n' >> broken/shaders/DrawNull.ksl
 fail 1 "1 built-in codes did not load" "$tool" --list --data broken
-grep -qx "MT_Font material not loaded" out.txt
+grep -qx "MT_Font material \[core\]shaders/Material_Font.ksl not loaded" out.txt
 grep -q "^FW_DrawClear framework" out.txt
 fail 1 "MT_Font did not load from its file" "$tool" --builtin FW_NoLighting MT_Font --data broken
-fail 1 "program FW_DrawNull:DEFAULT failed to compile" "$tool" --builtin FW_DrawNull --data broken
+fail 1 "program FW_DrawNull:DEFAULT AB_Base:DEFAULT MT_Triangle:DEFAULT failed to compile" \
+  "$tool" --builtin FW_DrawNull AB_Base MT_Triangle --data broken
 grep -q "undefined_thing" err.txt
+# A framework that includes its attribute, compiled without one.
+fail 1 "Shader include \[Attribute\] has no code" "$tool" --builtin FW_NoLighting MT_Triangle --data "$data"
 echo "kovex-shader built-ins: all checks passed"

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ProgramKey.h"
 #include "graphics/GraphicsThread.h"
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
@@ -27,24 +28,6 @@ public:
     bool CompileComputeShader(BaseProgram*) override { return true; }
     bool ReflectShaders(BaseProgram*) override { return true; }
     bool Link(BaseProgram*) override { return true; }
-};
-
-struct Draw
-{
-    const PGConfFW* fw;
-    const PGConfAB* ab;
-    const PGConfMT* mt;
-    bool operator==(const Draw& o) const { return fw == o.fw && ab == o.ab && mt == o.mt; }
-};
-
-struct DrawHash
-{
-    size_t operator()(const Draw& d) const
-    {
-        size_t h = std::hash<const void*>()(d.fw);
-        h = h * 31 + std::hash<const void*>()(d.ab);
-        return h * 31 + std::hash<const void*>()(d.mt);
-    }
 };
 
 // 4 framework configurations, 16 attribute configurations, 64 materials of

@@ -14,11 +14,18 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+
+#include <algorithm>
 #include <filesystem>
+#include <random>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
 #include "BenchEngine.h"
+#include "ProgramKey.h"
 #include "kernel/EngineGlobals.h"
 #include "kernel/StringConv.h"
 #include "shaders/PGCode.h"
@@ -33,14 +40,39 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Combination
-{
-    const PGConfFW* fw;
-    const PGConfAB* ab;
-    const PGConfMT* mt;
-};
+using Combination = Draw;
 
-bool Includes(const PGCode* code, const char* name) { return code->GetCode().IndexOf(name) != kNotFound; }
+// Whether the text, or a file it includes from the shader directory, has
+// #include "<name>" (the include handler expands each file once, so a file
+// met again adds nothing).
+bool Includes(const AString& text, const char* name, std::vector<std::string>& visited)
+{
+    const std::string wanted = std::string("#include \"") + name + "\"";
+    if (text.IndexOf(wanted.c_str()) != kNotFound)
+        return true;
+    for (unsigned at = text.IndexOf("#include \""); at != kNotFound; at = text.IndexOf("#include \"", kNotFound, at + 1))
+    {
+        unsigned start = at + 10;
+        unsigned end = text.IndexOf('"', start);
+        if (end == kNotFound)
+            break;
+        std::string file(text.c_str() + start, end - start);
+        if (std::find(visited.begin(), visited.end(), file) != visited.end())
+            continue;
+        visited.push_back(file);
+        const AString* included =
+            ProgramManager::Ins()->OpenInclude(StringConvFuncs::ToWString(("[core]shaders/" + file).c_str()));
+        if (included && Includes(*included, name, visited))
+            return true;
+    }
+    return false;
+}
+
+bool Includes(const PGCode* code, const char* name)
+{
+    std::vector<std::string> visited;
+    return Includes(code->GetCode(), name, visited);
+}
 
 void MaterialOptions(std::vector<Combination>& set)
 {
@@ -73,17 +105,19 @@ std::vector<Combination> BuiltinSet()
     const PGConfAB* base = PGResources::AB_Base->GetCurConf();
     const PGConfMT* triangle = PGResources::MT_Triangle->GetCurConf();
     const PGConfFW* noLighting = PGResources::FW_NoLighting->GetCurConf();
+    std::vector<const PGCode*> seen; // two statics may share one file, so one code
     for (unsigned i = 0; i < PGResources::GetNumCodes(); ++i)
     {
         PGCode* code = PGResources::GetCode(i);
-        if (!code)
+        if (!code || std::find(seen.begin(), seen.end(), code) != seen.end())
             continue;
+        seen.push_back(code);
         for (const auto& pair : code->GetConfigMap())
         {
             const PGCodeConf* conf = pair.value;
             if (code->Type() == PGCode::Framework)
-                set.push_back({static_cast<const PGConfFW*>(conf), Includes(code, "\"Attribute\"") ? base : nullptr,
-                               Includes(code, "\"Material\"") ? triangle : nullptr});
+                set.push_back({static_cast<const PGConfFW*>(conf), Includes(code, "Attribute") ? base : nullptr,
+                               Includes(code, "Material") ? triangle : nullptr});
             else if (code->Type() == PGCode::Attribute && code != PGResources::AB_Base.Get())
                 set.push_back({noLighting, static_cast<const PGConfAB*>(conf), triangle});
             else if (code->Type() == PGCode::Material && code != PGResources::MT_Triangle.Get())
@@ -137,6 +171,14 @@ struct Tally
     uint64 compiles = 0;
 };
 
+std::string Name(const PGCodeConf* conf)
+{
+    if (!conf)
+        return "-";
+    return std::string(StringConvFuncs::ToAString(conf->GetParent()->GetName().c_str()).c_str()) + ":" +
+           StringConvFuncs::ToAString(conf->GetName()->c_str()).c_str();
+}
+
 Tally CompileSet()
 {
     Tally tally;
@@ -145,7 +187,12 @@ Tally CompileSet()
     {
         Program* program = c.fw->GetProgram(c.ab, c.mt);
         ++tally.programs;
-        tally.failed += !program || program->IsFailed();
+        if (!program || program->IsFailed())
+        {
+            ++tally.failed;
+            if (tally.failed == 1 || getenv("KOVEX_BENCH_VERBOSE"))
+                std::fprintf(stderr, "failed: %s %s %s\n", Name(c.fw).c_str(), Name(c.ab).c_str(), Name(c.mt).c_str());
+        }
     }
     tally.compiles = ProgramCompiler::Get()->GetCompileCount() - before;
     return tally;
@@ -198,7 +245,57 @@ void BM_ProgramSet_SecondStartFromCache(benchmark::State& state)
         state.SkipWithError("the second start compiled programs");
 }
 
+// The programs of the set, all made (from the cache), asked for in a fixed
+// random order of 4,096: the framework's look-up, and beside it a hash map of
+// the same three pointers.
+std::vector<Combination> MadeSetInRandomOrder()
+{
+    SetWorld& world = World();
+    g_kovexCacheShaders = true;
+    g_kovexLoadShadersFromCache = true;
+    world.Restart(true);
+    std::vector<Combination> set = BuiltinSet();
+    for (const Combination& c : set)
+        c.fw->GetProgram(c.ab, c.mt);
+    g_kovexCacheShaders = false;
+    g_kovexLoadShadersFromCache = false;
+    std::mt19937 random(11);
+    std::vector<Combination> order;
+    for (int i = 0; i < 4096; ++i)
+        order.push_back(set[random() % set.size()]);
+    return order;
+}
+
+void BM_ProgramSet_GetProgramHit(benchmark::State& state)
+{
+    const std::vector<Combination> order = MadeSetInRandomOrder();
+    size_t i = 0;
+    for (auto _ : state)
+    {
+        const Combination& c = order[i++ & 4095];
+        benchmark::DoNotOptimize(c.fw->GetProgram(c.ab, c.mt));
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
+void BM_ProgramSet_HashMapFindBaseline(benchmark::State& state)
+{
+    const std::vector<Combination> order = MadeSetInRandomOrder();
+    std::unordered_map<Draw, Program*, DrawHash> map;
+    for (const Combination& c : order)
+        map[c] = c.fw->GetProgram(c.ab, c.mt);
+    size_t i = 0;
+    for (auto _ : state)
+    {
+        const Combination& c = order[i++ & 4095];
+        benchmark::DoNotOptimize(map.find(c)->second);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+
 } // namespace
 
 BENCHMARK(BM_ProgramSet_CompileFromScratch)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
 BENCHMARK(BM_ProgramSet_SecondStartFromCache)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_ProgramSet_HashMapFindBaseline);
+BENCHMARK(BM_ProgramSet_GetProgramHit);

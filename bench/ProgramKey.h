@@ -2,9 +2,12 @@
 
 // The three configuration pointers that name a program, as a key of
 // std::unordered_map: the baseline the framework's own look-up is measured
-// against.
+// against; and the loop both kinds of look-up are timed in.
+
+#include <benchmark/benchmark.h>
 
 #include <functional>
+#include <vector>
 
 namespace KovexEngine {
 class PGConfFW;
@@ -29,3 +32,13 @@ struct DrawHash
         return h * 31 + std::hash<const void*>()(d.mt);
     }
 };
+
+// Times `find(draw)` over `order` (4,096 draws, asked for in turn).
+template <typename F>
+void LookUpInTurn(benchmark::State& state, const std::vector<Draw>& order, F&& find)
+{
+    size_t i = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(find(order[i++ & 4095]));
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}

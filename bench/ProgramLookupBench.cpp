@@ -76,14 +76,7 @@ Scene& Get()
 
 void BM_Program_LookUpHit(benchmark::State& state)
 {
-    const std::vector<Draw>& draws = Get().draws;
-    size_t i = 0;
-    for (auto _ : state)
-    {
-        const Draw& d = draws[i++ & 4095];
-        benchmark::DoNotOptimize(d.fw->GetProgram(d.ab, d.mt));
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()));
+    LookUpInTurn(state, Get().draws, [](const Draw& d) { return d.fw->GetProgram(d.ab, d.mt); });
 }
 
 void BM_HashMap_LookUpThreePointers(benchmark::State& state)
@@ -92,13 +85,7 @@ void BM_HashMap_LookUpThreePointers(benchmark::State& state)
     std::unordered_map<Draw, Ptr<Program>, DrawHash> map;
     for (const Draw& d : draws)
         map[d] = Ptr<Program>(d.fw->GetProgram(d.ab, d.mt));
-    size_t i = 0;
-    for (auto _ : state)
-    {
-        const Draw& d = draws[i++ & 4095];
-        benchmark::DoNotOptimize(map.find(d)->second.Get());
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()));
+    LookUpInTurn(state, draws, [&map](const Draw& d) { return map.find(d)->second.Get(); });
 }
 
 } // namespace

@@ -268,14 +268,7 @@ std::vector<Combination> MadeSetInRandomOrder()
 
 void BM_ProgramSet_GetProgramHit(benchmark::State& state)
 {
-    const std::vector<Combination> order = MadeSetInRandomOrder();
-    size_t i = 0;
-    for (auto _ : state)
-    {
-        const Combination& c = order[i++ & 4095];
-        benchmark::DoNotOptimize(c.fw->GetProgram(c.ab, c.mt));
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()));
+    LookUpInTurn(state, MadeSetInRandomOrder(), [](const Draw& d) { return d.fw->GetProgram(d.ab, d.mt); });
 }
 
 void BM_ProgramSet_HashMapFindBaseline(benchmark::State& state)
@@ -284,13 +277,7 @@ void BM_ProgramSet_HashMapFindBaseline(benchmark::State& state)
     std::unordered_map<Draw, Program*, DrawHash> map;
     for (const Combination& c : order)
         map[c] = c.fw->GetProgram(c.ab, c.mt);
-    size_t i = 0;
-    for (auto _ : state)
-    {
-        const Combination& c = order[i++ & 4095];
-        benchmark::DoNotOptimize(map.find(c)->second);
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()));
+    LookUpInTurn(state, order, [&map](const Draw& d) { return map.find(d)->second; });
 }
 
 } // namespace

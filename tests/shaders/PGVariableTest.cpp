@@ -72,9 +72,12 @@ const float* Floats(const ConstantBytes& c, uint32 byteOffset = 0)
 }
 
 // The shipped NoLighting framework with the triangle material, its diffuse
-// texture switched on.
+// texture switched on. The data root makes "[core]shaders/" the templates'
+// directory for their own includes.
 struct TrianglePrograms
 {
+    bool rooted = Kovex_Main_LoadRequiredData(
+        StringConvFuncs::ToWString((std::string(KOVEX_SOURCE_DATA) + "/").c_str())());
     Ptr<PGFramework> fw = ProgramManager::Ins()->LoadFramework(TemplatePath("NoLighting.ksl"));
     Ptr<PGAttribute> ab = ProgramManager::Ins()->LoadAttribute(TemplatePath("Attribute_Base.ksl"));
     Ptr<PGMaterial> mt = ProgramManager::Ins()->LoadMaterial(TemplatePath("Material_Triangle.ksl"));
@@ -122,7 +125,7 @@ TEST(PGVariable, VectorAndTextureReachTheTriangleProgram)
 {
     KovexTest::NullEngine engine;
     TrianglePrograms t;
-    ASSERT_TRUE(t.fw && t.ab && t.mt);
+    ASSERT_TRUE(t.rooted && t.fw && t.ab && t.mt);
     Program* program = t.Textured();
     ASSERT_NE(program, nullptr);
     ASSERT_FALSE(program->IsFailed());

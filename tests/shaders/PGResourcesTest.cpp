@@ -15,6 +15,7 @@
 #include "graphics/HWCapability.h"
 #include "graphics/Renderer.h"
 #include "images/Image.h"
+#include "io/StreamManager.h"
 #include "kernel/EngineGlobals.h"
 #include "kernel/StringConv.h"
 #include "lifecycle/Engine.h"
@@ -467,6 +468,29 @@ TEST(PGResources, TheRendererLayerEndLetsTheCodesGo)
     EXPECT_FALSE(R::IsLoaded());
     EXPECT_EQ(R::AB_Base, nullptr);
     EXPECT_EQ(R::FW_DrawClear, nullptr);
+}
+
+// "[core]" follows the data root, but a core package the application
+// mounted itself stays where it is.
+TEST(PGResources, CoreFollowsTheRootUnlessTheApplicationMountedIt)
+{
+    StubData first, second, own;
+    KovexTest::NullEngine engine;
+    ASSERT_TRUE(Kovex_Main_LoadRequiredData(first.Root()()));
+    EXPECT_TRUE(A(R::AB_Base->GetPath()).rfind(first.dir.path, 0) == 0);
+    ASSERT_TRUE(Kovex_Main_LoadRequiredData(second.Root()()));
+    EXPECT_EQ(A(StreamManager::Ins()->GetPackagePath(WString(u"core"))), second.dir.path + "/");
+    Kovex_Main_Terminate();
+    EXPECT_TRUE(StreamManager::Ins()->GetPackagePath(WString(u"core")).IsEmpty()) << "the engine's own alias goes with the root";
+
+    Kovex_Main_Initialize();
+    R::Destroy();
+    ASSERT_TRUE(StreamManager::Ins()->SetPackagePath(WString(u"core"), own.Root()));
+    ASSERT_TRUE(Kovex_Main_LoadRequiredData(first.Root()()));
+    ASSERT_NE(R::AB_Base, nullptr);
+    EXPECT_TRUE(A(R::AB_Base->GetPath()).rfind(own.dir.path, 0) == 0) << A(R::AB_Base->GetPath());
+    Kovex_Main_Terminate();
+    EXPECT_EQ(A(StreamManager::Ins()->GetPackagePath(WString(u"core"))), own.dir.path + "/") << "not the engine's to unset";
 }
 
 // A copy of the engine's data with one framework removed: that one static is

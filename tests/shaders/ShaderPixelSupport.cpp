@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "graphics/RenderStates.h"
 #include "graphics/TextureFactory.h"
 #include "graphics/VertexBuffer.h"
 #include "kernel/StringConv.h"
@@ -51,6 +52,27 @@ Conf* MakeConfig(Code* code, const WString& name, const MacroList& macros)
 }
 
 } // namespace
+
+const float kIdentityMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+
+const char* ProbeMaterialText()
+{
+    return "float3 GetMaterialVertexOffset(MaterialInput input) { return float3(0, 0, 0); }\n"
+           "float4 GetMaterialColor(MaterialInput input)\n"
+           "{\n"
+           "#if defined(SHOW_TEXCOORD23)\n"
+           "    return input.TexCoord23;\n"
+           "#elif defined(SHOW_COLOR)\n"
+           "    return input.Color;\n"
+           "#elif defined(SHOW_NORMAL)\n"
+           "    return float4(input.WorldNormal, 1);\n"
+           "#elif defined(SHOW_WORLD_POSITION)\n"
+           "    return input.WorldPosition;\n"
+           "#else\n"
+           "    return input.TexCoord01;\n"
+           "#endif\n"
+           "}\n";
+}
 
 // --- VertexData --------------------------------------------------------------------------------
 
@@ -122,9 +144,13 @@ Ptr<Program> PixelRig::Build(const ProgramSpec& spec)
         return Ptr<Program>();
     }
     LogCapture log;
-    Ptr<PGFramework> fw = manager->LoadFramework(LibraryPath(spec.framework));
+    Ptr<PGFramework> fw = spec.frameworkText.empty()
+                              ? manager->LoadFramework(LibraryPath(spec.framework))
+                              : Ptr<PGFramework>(new PGFramework(u"", u"", spec.frameworkText.c_str()));
     Ptr<PGAttribute> ab = manager->LoadAttribute(LibraryPath(spec.attribute));
-    Ptr<PGMaterial> mt = manager->LoadMaterial(LibraryPath(spec.material));
+    Ptr<PGMaterial> mt = spec.materialText.empty()
+                             ? manager->LoadMaterial(LibraryPath(spec.material))
+                             : Ptr<PGMaterial>(new PGMaterial(u"", u"", spec.materialText.c_str()));
     if (!fw || !ab || !mt)
     {
         ADD_FAILURE() << "the codes did not load: " << spec.framework << ", " << spec.attribute << ", "
@@ -132,8 +158,10 @@ Ptr<Program> PixelRig::Build(const ProgramSpec& spec)
         return Ptr<Program>();
     }
     PGConfFW* fwConf = MakeConfig<PGFramework, PGConfFW>(fw.Get(), ConfigName("T", spec.fw), spec.fw);
-    const WString abName = ConfigName("T", spec.ab) + StringConvFuncs::ToWString(std::to_string(
-                                                          spec.abConfigTextures.size()).c_str());
+    const WString abName = !spec.abName.empty()
+                               ? StringConvFuncs::ToWString(spec.abName.c_str())
+                               : ConfigName("T", spec.ab) + StringConvFuncs::ToWString(
+                                                                std::to_string(spec.abConfigTextures.size()).c_str());
     PGConfAB* abConf = static_cast<PGConfAB*>(ab->GetConfig(abName));
     if (!abConf)
     {
@@ -173,7 +201,8 @@ Ptr<Program> PixelRig::Build(const ProgramSpec& spec)
         std::string lines;
         for (const auto& entry : log->entries)
             lines += StringConvFuncs::ToAString(entry.text.c_str())();
-        ADD_FAILURE() << spec.framework << " + " << spec.attribute << " + " << spec.material
+        ADD_FAILURE() << (spec.frameworkText.empty() ? spec.framework : "(framework text)") << " + "
+                      << spec.attribute << " + " << (spec.materialText.empty() ? spec.material : "(material text)")
                       << " did not build:\n"
                       << lines;
         return Ptr<Program>();
@@ -184,6 +213,12 @@ Ptr<Program> PixelRig::Build(const ProgramSpec& spec)
 bool PixelRig::SetTargets(const std::vector<GraphicsFormat>& formats)
 {
     VulkanRenderer& r = Renderer();
+    // The frame's start binds the back buffer: targets are bound after it.
+    if (!m_inFrame)
+    {
+        r.BeginFrame();
+        m_inFrame = true;
+    }
     RenderTargetGroup group = r.GetCurrentRTGroup();
     m_targets.clear();
     if (formats.empty())
@@ -243,9 +278,11 @@ bool PixelRig::Draw(Program* program, const VertexData* data, uint32 count, Grap
         for (uint32 slot = 0; slot < 2; ++slot)
         {
             const std::vector<float>& floats = slot ? data->instances : data->vertices;
-            const uint32 n = slot ? data->instanceCount : data->vertexCount;
-            if (!n)
+            // The backend counts an instance stream's entries against the
+            // vertices drawn, so it is padded to at least that many.
+            if (slot ? !data->instanceCount : !data->vertexCount)
                 continue;
+            const uint32 n = slot ? std::max(data->instanceCount, count) : data->vertexCount;
             std::vector<VertexElement> mine;
             for (VertexElement e : data->elements)
                 if (e.InputSlot == slot)
@@ -255,9 +292,12 @@ bool PixelRig::Draw(Program* program, const VertexData* data, uint32 count, Grap
                 }
             Ptr<VertexBuffer::Stream> stream =
                 VertexBuffer::Stream::Create(mine.data(), uint32(mine.size()), n, true);
-            if (!stream || floats.size() * 4 < size_t(data->Stride(slot)) * n)
+            const size_t given = slot ? size_t(data->Stride(slot)) * data->instanceCount
+                                      : size_t(data->Stride(slot)) * n;
+            if (!stream || floats.size() * 4 < given)
                 return false;
-            memcpy(stream->GetPointer(0), floats.data(), size_t(data->Stride(slot)) * n);
+            memset(stream->GetPointer(0), 0, size_t(data->Stride(slot)) * n);
+            memcpy(stream->GetPointer(0), floats.data(), given);
             buffers[slot] = VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
             if (!buffers[slot] || !buffers[slot]->IsCreated())
                 return false;
@@ -266,6 +306,9 @@ bool PixelRig::Draw(Program* program, const VertexData* data, uint32 count, Grap
         if (bufferCount > 1)
             layout = VertexDeclManager::Ins()->Create(data->elements.data(), uint32(data->elements.size()));
     }
+    // Both faces: the references do not depend on winding.
+    r.CommitState(m_wireframe ? RasterizerStateFactory::Get()->GetTwoSideWireframeState().Get()
+                              : RasterizerStateFactory::Get()->GetTwoSideState().Get());
     program->ApplyProgram();
     DrawBuffersDesc draw;
     draw.VertexBuffers = bufferCount ? raw : nullptr;
@@ -318,6 +361,14 @@ void Reference::Set(uint32 x, uint32 y, const float (&colour)[4])
 
 void Reference::FillTriangle(const float (&clip)[3][2], const float (&colour)[4], float margin)
 {
+    float values[3][4];
+    for (auto& v : values)
+        memcpy(v, colour, sizeof(colour));
+    FillTriangle(clip, values, margin);
+}
+
+void Reference::FillTriangle(const float (&clip)[3][2], const float (&values)[3][4], float margin)
+{
     float px[3], py[3]; // corners in pixels, y down
     for (int i = 0; i < 3; ++i)
     {
@@ -326,6 +377,8 @@ void Reference::FillTriangle(const float (&clip)[3][2], const float (&colour)[4]
     }
     // Orientation decides which side of each edge is inside.
     const float area = (px[1] - px[0]) * (py[2] - py[0]) - (px[2] - px[0]) * (py[1] - py[0]);
+    if (area == 0.0f)
+        return;
     const float sign = area > 0 ? 1.0f : -1.0f;
     for (uint32 y = 0; y < height; ++y)
         for (uint32 x = 0; x < width; ++x)
@@ -340,7 +393,15 @@ void Reference::FillTriangle(const float (&clip)[3][2], const float (&colour)[4]
                 nearest = std::min(nearest, d);
             }
             if (nearest > 0)
-                Set(x, y, colour);
+            {
+                // Barycentric weights of the pixel centre.
+                const float w1 = ((cx - px[0]) * (py[2] - py[0]) - (px[2] - px[0]) * (cy - py[0])) / area;
+                const float w2 = ((px[1] - px[0]) * (cy - py[0]) - (cx - px[0]) * (py[1] - py[0])) / area;
+                const float w0 = 1.0f - w1 - w2;
+                float* texel = At(x, y);
+                for (int c = 0; c < 4; ++c)
+                    texel[c] = w0 * values[0][c] + w1 * values[1][c] + w2 * values[2][c];
+            }
             if (std::fabs(nearest) <= margin)
                 mask[y * width + x] = false;
         }

@@ -41,7 +41,12 @@ struct ProgramSpec
     std::string framework = "NoLighting.ksl";
     std::string attribute = "Attribute_Base.ksl";
     std::string material = "Material_Triangle.ksl";
+    // Texts instead of files (a test's own framework or material), when set.
+    std::string frameworkText, materialText;
     MacroList fw, ab, mt;
+    // The attribute configuration's name when it matters (instancing is
+    // flagged by "[INSTANCE_RENDERING]" in it); else made from the macros.
+    std::string abName;
     int blendMode = -1;
     float opaqueMask = -1.0f;
     // Texture descriptions of the attribute's configuration (config
@@ -98,9 +103,12 @@ public:
     // Clears every bound target to one colour, depth to `depth`.
     void Clear(const KovexEngine::Vector4& colour, float depth = 1.0f);
     // The program, its constants as committed, one draw of `count` vertices
-    // (no buffer: the vertex stage runs on SV_VertexID alone).
+    // (no buffer: the vertex stage runs on SV_VertexID alone), both faces.
     bool Draw(KovexEngine::Program* program, const VertexData* data, KovexEngine::uint32 count,
               KovexEngine::GraphicsTopology topology = KovexEngine::GraphicsTopology::TriangleList);
+    // Later draws fill only triangle edges (the wireframe phase's state),
+    // still both faces.
+    void SetWireframe(bool wireframe) { m_wireframe = wireframe; }
     // Ends the frame and reads a target back.
     KovexEngine::Ptr<KovexEngine::Image> ReadTarget(KovexEngine::uint32 slot);
 
@@ -115,6 +123,7 @@ private:
     KovexEngine::uint32 m_width, m_height;
     std::vector<KovexEngine::Ptr<KovexEngine::Texture>> m_targets;
     bool m_inFrame = false;
+    bool m_wireframe = false;
 };
 
 #define KOVEX_SKIP_WITHOUT_PIXEL_RIG(rig)                                                                            \
@@ -140,10 +149,22 @@ struct Reference
     // colour; pixels whose centre lies within `margin` pixels of an edge
     // leave the mask, where rasterisation rules decide.
     void FillTriangle(const float (&clip)[3][2], const float (&colour)[4], float margin = 1.0f);
+    // The same with a value per corner, interpolated at the pixel centres as
+    // the rasteriser does for corners of equal w.
+    void FillTriangle(const float (&clip)[3][2], const float (&values)[3][4], float margin = 1.0f);
     // Masks out the pixels whose centre lies within `margin` pixels of the
     // segment between two clip positions (lines: rasterisation decides).
     void MaskSegment(const float (&a)[2], const float (&b)[2], float margin);
 };
+
+// The identity matrix, as constants are committed (16 floats, rows).
+extern const float kIdentityMatrix[16];
+
+// A material text for probing what reaches the material: its colour is the
+// MaterialInput member the configuration's macro names ("SHOW_TEXCOORD01"
+// (default), "SHOW_TEXCOORD23", "SHOW_COLOR", "SHOW_NORMAL" (xyz, w 1),
+// "SHOW_WORLD_POSITION"), best read from a float target.
+const char* ProbeMaterialText();
 
 // Pixels where the mask holds and some channel differs by more than
 // `tolerance` (in the target's units: 1/255 steps for UNORM targets read as

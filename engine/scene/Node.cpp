@@ -231,8 +231,9 @@ bool Node::attachChildAt(Node* child, unsigned int index)
         return false;
     if (child->m_parent == this)
         return true;
-    // A cycle would hang every later walk.
-    if (child->IsSelfOrAncestorOf(this))
+    // A cycle would hang every later walk. A node without children is
+    // nobody's ancestor, which keeps building a long chain linear.
+    if (child->m_children.Count() && child->IsSelfOrAncestorOf(this))
     {
         Log::Format(LOG_ERROR, u"Node '%s': can't attach '%s', which is this node's ancestor.\n", GetName()(),
                     child->GetName()());

@@ -441,7 +441,8 @@ Vector3 Node::GetLocalRotDegree() const
         z = std::atan2(-r.m[0][1], r.m[1][1]);
     }
     constexpr float kToDegrees = 57.29577951308232f;
-    return Vector3(x * kToDegrees, y * kToDegrees, z * kToDegrees);
+    // Adding zero turns -0 into 0, which reads better in tools.
+    return Vector3(x * kToDegrees + 0.0f, y * kToDegrees + 0.0f, z * kToDegrees + 0.0f);
 }
 
 void Node::SetLocalRotDegree(const Vector3& angles) { SetLocalRot(Matrix3::RotateEulerDegree(angles)); }

@@ -596,9 +596,59 @@ void Node::Update(float delta)
     g_TimeAnalyzer.End(TIME_NODE_UPDATE);
 }
 
+// A large tree does not fit in the cache: the objects of a node's children
+// are asked for while the node itself is worked on.
+void Node::PrefetchChildren() const
+{
+    for (const Ptr<Node>& child : m_children)
+    {
+        const char* at = reinterpret_cast<const char*>(child.Get());
+        for (size_t offset = 0; offset < sizeof(Node); offset += 64)
+            __builtin_prefetch(at + offset);
+    }
+}
+
+// Pre-order; a node is held while its modifiers tick and while its children
+// are walked, and children are read by index against the live count, so a
+// tick that detaches nodes leaves nothing dangling.
 void Node::UpdateAllModifiers(float delta)
 {
-    VisitSubtree(this, true, [delta](Node* n) { n->UpdateModifiers(delta); });
+    struct Level
+    {
+        Node* node = nullptr;
+        Ptr<Node> held;
+        unsigned next = 0;
+    };
+    UpdateModifiers(delta);
+    if (!m_children.Count())
+        return;
+    TArray<Level> stack(64);
+    PrefetchChildren();
+    stack.AddNew()->node = this;
+    while (!stack.IsEmpty())
+    {
+        Level& top = stack.Last();
+        if (top.next >= top.node->m_children.Count())
+        {
+            stack.Pop();
+            continue;
+        }
+        Node* child = top.node->m_children[top.next++].Get();
+        bool hasModifiers = child->GetNumModifiers() != 0;
+        bool hasChildren = child->m_children.Count() != 0;
+        if (!hasModifiers && !hasChildren)
+            continue;
+        Ptr<Node> held(child);
+        if (hasModifiers)
+            child->UpdateModifiers(delta);
+        if (child->m_children.Count())
+        {
+            child->PrefetchChildren();
+            Level* level = stack.AddNew();
+            level->node = child;
+            level->held = std::move(held);
+        }
+    }
 }
 
 void Node::UpdateChildren(float delta)
@@ -703,6 +753,7 @@ bool Node::UpdateSubtree(float delta, bool force)
             n->UpdateTransform();
         n->OnUpdate(delta, force || changed);
         n->Do_PostUpdate();
+        n->PrefetchChildren();
         Level* level = stack.AddNew();
         level->node = n;
         level->held = std::move(held);

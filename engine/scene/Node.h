@@ -240,6 +240,7 @@ public:
 
 private:
     void StoreLocalScale(const Vector3& scale);
+    void PrefetchChildren() const;
     bool UpdateSubtree(float delta, bool force);
     void RebuildBounds(bool addChildren, bool& anyAdded);
 

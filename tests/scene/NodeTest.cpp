@@ -6,6 +6,7 @@
 #include <random>
 
 #include "scene/SceneTestSupport.h"
+#include "kernel/EngineGlobals.h"
 #include "support/LogCapture.h"
 
 using namespace KovexEngine;
@@ -690,3 +691,18 @@ TEST(NodeWalk, AHundredThousandNodeChainUpdatesWalksClonesAndDies)
     copy = nullptr;
     root = nullptr; // the chain dies without nesting
 }
+
+#ifndef NDEBUG
+// Reads that may tick modifiers assert that they run on the main thread.
+TEST(NodeTransformDeathTest, ReadsThatTickBelongToTheMainThread)
+{
+    uint32 saved = g_kovexMainThreadId;
+    g_kovexMainThreadId = Kovex_GetCurrentThreadId() + 1;
+    Ptr<Node> n = Named(u"n");
+    n->SetLocalTrans(Vector3(1, 0, 0));
+    EXPECT_DEATH(n->GetFinalXM(), "");
+    EXPECT_EQ(n->GetFinalXMFast().translation, Vector3(0, 0, 0)); // the Fast read is allowed
+    g_kovexMainThreadId = saved;
+    EXPECT_EQ(n->GetFinalXM().translation, Vector3(1, 0, 0));
+}
+#endif

@@ -144,7 +144,7 @@ TEST(NodeTree, DetachKeepsTheCachedTransformAndNotifies)
     EXPECT_EQ(c2->GetParent(), nullptr);
 }
 
-TEST(NodeTree, VisibilityAndAssetsReachTheWholeSubtree)
+TEST(NodeTree, VisibilityReachesTheWholeSubtree)
 {
     Ptr<Node> root = Named(u"root"), a = Named(u"a"), b = Named(u"b");
     root->AttachChild(a);

@@ -38,7 +38,10 @@ const std::string kHelp = std::string(
     "The first form shows a serialized file on standard output: the section tree\n"
     "of a binary file, each section with its size, its first bytes in hex and,\n"
     "below them, the tagged values those bytes decode to where the sizes allow\n"
-    "(integers, floats, strings); or the document of an XML file. to-xml and\n"
+    "(integers, floats, strings); or the document of an XML file. A FILE whose\n"
+    "name ends in \".node\" (either form) is shown as its scene tree instead: a\n"
+    "line per node, indented by depth, with its name, class, modifiers, local\n"
+    "translation, rotation (degrees) and scale, and its world box. to-xml and\n"
     "to-bin load the object graph of IN's OBJ section and save it to OUT in the\n"
     "other form. FILE or IN \"-\" is standard input, OUT \"-\" standard output.\n"
     "\n"
@@ -271,6 +274,57 @@ std::string Annotate(const std::string& tree)
 
 // --- Commands ------------------------------------------------------------------------------------
 
+std::string UncreatableClass(const std::string& bytes);
+
+std::string Utf8(const WString& text) { return std::string(StringConvFuncs::ToAString(text())()); }
+
+std::string Vec(const Vector3& v)
+{
+    char buffer[96];
+    std::snprintf(buffer, sizeof buffer, "(%g, %g, %g)", double(v.x), double(v.y), double(v.z));
+    return buffer;
+}
+
+// A ".node" file as its tree, each node's world box after a full update.
+int DumpNodeTree(const std::string& path, Serializer* reader, const std::string& bytes)
+{
+    TakeEngineMessages();
+    Ptr<Object> object;
+    bool entered = reader->Enter(FourCCs::OBJ);
+    bool loaded = entered && reader->LoadObject(object, nullptr, 0);
+    Ptr<Node> root(DynamicCast<Node>(object.Get()));
+    if (!loaded || !root)
+    {
+        std::string why = !entered ? "it has no OBJ section" : UncreatableClass(bytes);
+        std::vector<std::string> messages = TakeEngineMessages();
+        if (why.empty() && !messages.empty())
+            why = messages.front();
+        if (why.empty() && loaded)
+            why = "it holds no node";
+        return Fail("cannot load the scene tree of " + Quote(path) + (why.empty() ? "" : ": " + why));
+    }
+    root->ForceUpdate(0);
+    std::string out;
+    for (Node::Iterator it(root, true); it.hasNext();)
+    {
+        Ptr<Node> node = it.Next();
+        unsigned depth = 0;
+        for (const Node* up = node.Get(); up != root.Get(); up = up->GetParent())
+            ++depth;
+        out.append(depth * 2, ' ');
+        out += Quote(Utf8(node->GetName())) + " " + Utf8(node->GetClassNameW());
+        for (unsigned i = 0; i < node->GetNumModifiers(); ++i)
+            out += (i ? ", " : " [") + Utf8(node->GetModifierByIndex(i)->GetClassNameW()) +
+                   (i + 1 == node->GetNumModifiers() ? "]" : "");
+        out += "  T" + Vec(node->GetLocalTrans()) + " R" + Vec(node->GetLocalRotDegree()) + " S" +
+               Vec(node->GetLocalScale());
+        const Aabb& box = node->GetFinalAabb();
+        out += box.IsEmpty() ? "  box empty\n" : "  box " + Vec(box.min) + " - " + Vec(box.max) + "\n";
+    }
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    return kExitSuccess;
+}
+
 int Dump(const std::string& path)
 {
     std::string bytes;
@@ -279,6 +333,12 @@ int Dump(const std::string& path)
     Serializer* serializer = Serializer::OpenReadStream(OverBytes(bytes));
     if (!serializer)
         return Fail(Quote(path) + " " + WhyUnreadable(bytes));
+    if (path.size() > 5 && path.compare(path.size() - 5, 5, ".node") == 0)
+    {
+        int status = DumpNodeTree(path, serializer, bytes);
+        delete serializer;
+        return status;
+    }
     if (auto* binary = DynamicCast<BinSerializer>(static_cast<Object*>(serializer)))
     {
         AString tree;

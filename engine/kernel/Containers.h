@@ -438,6 +438,9 @@ public:
         m_items.Clear();
     }
 
+    // Drops the index: an item's name has changed.
+    void Invalidate() { m_index.Clear(); }
+
     // Position of an item of this name, or kNotFound.
     unsigned FindIndex(const NameType& name) const
     {

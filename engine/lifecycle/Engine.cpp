@@ -32,6 +32,7 @@
 #include "reflection/ObjectManager.h"
 #include "resources/Resource.h"
 #include "resources/ResourceThread.h"
+#include "scene/Node.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
 #include "shaders/AutoUpdateConstantManager.h"
@@ -248,7 +249,10 @@ void Kovex_Main_Initialize()
     }
     Kovex_System_Initialize();
     Kovex_Renderer_Initialize();
-    // StaticGetClass, in this order: Node, Mesh, DirectionalLight, SpotLight,
+    Node::StaticGetClass();
+    NodeFactory::Init();
+    ResourceManager::Ins()->InitFactories();
+    // Still to come, in this order after Node: Mesh, DirectionalLight, SpotLight,
     // OmniLight, Camera, Decal, Terrain, Line2d, Line3d, Tri2d, Tri3d,
     // Tri3dBillboard, FontFace, TraceModifier, SkinModifier,
     // PropertyModifier, MorphModifier, MaterialTree, MaterialInstance.

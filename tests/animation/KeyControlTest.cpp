@@ -540,3 +540,37 @@ TEST(KeyControlSpeed, SamplingAllocatesNothing)
             EXPECT_EQ(scope.Count(), 0u) << type << " " << interp;
         }
 }
+
+#include <atomic>
+#include <thread>
+
+TEST(KeyControlThreads, TablesFillOnceUnderRacingReadersAndSamplingIsShared)
+{
+    std::vector<Vector3LinearKey> keys(32);
+    for (unsigned i = 0; i < keys.size(); ++i)
+        keys[i].time = float(i), keys[i].value = Vector3(float(i), 0, 0);
+    Ptr<Vector3KeyControl> shared(new Vector3KeyControl());
+    ASSERT_TRUE(shared->SetKeys(keys.data(), unsigned(keys.size()), KeyFrame::INTERP_LINEAR));
+    KeyFrame::StaticDestroy(); // the next reader fills the tables again
+    std::atomic<int> go{0}, wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            while (go.load() == 0)
+                std::this_thread::yield();
+            for (int i = 0; i < 2000; ++i)
+            {
+                if (!KeyFrame::GetMemLayout(KOVEX_TYPE_QUATERNION, (i + t) % 4) ||
+                    KeyFrame::GetKeySize(KOVEX_TYPE_FLOAT, KeyFrame::INTERP_TCB) != sizeof(FloatTCBKey))
+                    ++wrong;
+                Vector3 out;
+                const float time = float((i * 7 + t) % 310) * 0.1f;
+                if (!shared->Sample(out, time) || std::fabs(out.x - time) > 1e-4f)
+                    ++wrong;
+            }
+        });
+    go = 1;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0);
+}

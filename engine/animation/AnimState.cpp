@@ -101,20 +101,11 @@ AnimFadeCtrl* AnimFadeCtrl::New()
 
 void AnimFadeCtrl::Delete(AnimFadeCtrl* ctrl) { TSelfAllocator<AnimFadeCtrl>::Delete(ctrl); }
 
-void AnimFadeCtrl::FadeIn(float duration)
+void AnimFadeCtrl::Start(bool in, float duration)
 {
-    fadingIn = true;
-    from = current = 0.0f;
-    to = 1.0f;
-    progress = 0.0f;
-    rate = 1.0f / (duration > 0.001f ? duration : 0.001f);
-}
-
-void AnimFadeCtrl::FadeOut(float duration)
-{
-    fadingIn = false;
-    from = current = 1.0f;
-    to = 0.0f;
+    fadingIn = in;
+    from = current = in ? 0.0f : 1.0f;
+    to = in ? 1.0f : 0.0f;
     progress = 0.0f;
     rate = 1.0f / (duration > 0.001f ? duration : 0.001f);
 }

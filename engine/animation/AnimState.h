@@ -130,8 +130,9 @@ struct KOVEX_API AnimFadeCtrl
     static AnimFadeCtrl* New();
     static void Delete(AnimFadeCtrl* ctrl);
     // A duration below 0.001 s counts as 0.001 s.
-    void FadeIn(float duration);
-    void FadeOut(float duration);
+    void FadeIn(float duration) { Start(true, duration); }
+    void FadeOut(float duration) { Start(false, duration); }
+    void Start(bool fadeIn, float duration);
     // 0 while fading; when done 1 for a fade-in, -1 for a fade-out.
     int Update(float dt);
 };

@@ -41,22 +41,16 @@ public:
     }
 };
 
-class KOVEX_API FloatDistribution : public TDistribution<float>
-{
-    KOVEX_CLASS(FloatDistribution)
-};
-class KOVEX_API Vector2Distribution : public TDistribution<Vector2>
-{
-    KOVEX_CLASS(Vector2Distribution)
-};
-class KOVEX_API Vector3Distribution : public TDistribution<Vector3>
-{
-    KOVEX_CLASS(Vector3Distribution)
-};
-class KOVEX_API Vector4Distribution : public TDistribution<Vector4>
-{
-    KOVEX_CLASS(Vector4Distribution)
-};
+#define KOVEX_DISTRIBUTION_CLASS(Name, Base) \
+    class KOVEX_API Name : public Base       \
+    {                                        \
+        KOVEX_CLASS(Name)                    \
+    };
+
+KOVEX_DISTRIBUTION_CLASS(FloatDistribution, TDistribution<float>)
+KOVEX_DISTRIBUTION_CLASS(Vector2Distribution, TDistribution<Vector2>)
+KOVEX_DISTRIBUTION_CLASS(Vector3Distribution, TDistribution<Vector3>)
+KOVEX_DISTRIBUTION_CLASS(Vector4Distribution, TDistribution<Vector4>)
 
 // The stored value, whatever the time.
 template <class D>
@@ -105,18 +99,34 @@ protected:
     Ptr<C> m_keyControl;
 };
 
-// One draw in [0, 1] for every component: min + (max - min) * r. Each
-// distribution has its own 15-bit generator, restarted whenever the seed is
-// set (a load sets it), so a saved distribution replays its values.
+// A random distribution's own 15-bit generator, restarted whenever the seed
+// is set (a load sets it), so a saved distribution replays its values.
 template <class D>
-class TUniformRandomDistribution : public D
+class TRandomDistributionBase : public D
+{
+public:
+    TRandomDistributionBase() { SetSeed(NextDistributionSeed()); }
+    uint32 GetSeed() const { return m_seed; }
+    void SetSeed(uint32 seed)
+    {
+        m_seed = seed;
+        m_random.Seed(seed);
+    }
+
+protected:
+    uint32 m_seed = 1;
+    Random15 m_random;
+};
+
+// One draw in [0, 1] for every component: min + (max - min) * r.
+template <class D>
+class TUniformRandomDistribution : public TRandomDistributionBase<D>
 {
 public:
     using ValueType = typename D::ValueType;
-    TUniformRandomDistribution() { SetSeed(NextDistributionSeed()); }
     bool GetValue(ValueType& out, float) override
     {
-        const float r = m_random.NextUnit();
+        const float r = this->m_random.NextUnit();
         float* component = reinterpret_cast<float*>(&out);
         for (unsigned i = 0; i < sizeof(ValueType) / sizeof(float); ++i)
             component[i] = m_minValue + (m_maxValue - m_minValue) * r;
@@ -126,57 +136,34 @@ public:
     void SetMinValue(float value) { m_minValue = value; }
     float GetMaxValue() const { return m_maxValue; }
     void SetMaxValue(float value) { m_maxValue = value; }
-    uint32 GetSeed() const { return m_seed; }
-    void SetSeed(uint32 seed)
-    {
-        m_seed = seed;
-        m_random.Seed(seed);
-    }
 
 protected:
     float m_minValue = 0.0f, m_maxValue = 1.0f;
-    uint32 m_seed = 1;
-    Random15 m_random;
 };
 
 // A fresh draw per component, in component order.
 template <class D>
-class TCompositeRandomDistribution : public D
+class TCompositeRandomDistribution : public TRandomDistributionBase<D>
 {
 public:
     using ValueType = typename D::ValueType;
-    TCompositeRandomDistribution() { SetSeed(NextDistributionSeed()); }
     bool GetValue(ValueType& out, float) override
     {
         float* component = reinterpret_cast<float*>(&out);
         const float* low = reinterpret_cast<const float*>(&m_minValue);
         const float* high = reinterpret_cast<const float*>(&m_maxValue);
         for (unsigned i = 0; i < sizeof(ValueType) / sizeof(float); ++i)
-            component[i] = low[i] + (high[i] - low[i]) * m_random.NextUnit();
+            component[i] = low[i] + (high[i] - low[i]) * this->m_random.NextUnit();
         return true;
     }
     const ValueType& GetMinValue() const { return m_minValue; }
     void SetMinValue(const ValueType& value) { m_minValue = value; }
     const ValueType& GetMaxValue() const { return m_maxValue; }
     void SetMaxValue(const ValueType& value) { m_maxValue = value; }
-    uint32 GetSeed() const { return m_seed; }
-    void SetSeed(uint32 seed)
-    {
-        m_seed = seed;
-        m_random.Seed(seed);
-    }
 
 protected:
     ValueType m_minValue{}, m_maxValue{};
-    uint32 m_seed = 1;
-    Random15 m_random;
 };
-
-#define KOVEX_DISTRIBUTION_CLASS(Name, Base) \
-    class KOVEX_API Name : public Base       \
-    {                                        \
-        KOVEX_CLASS(Name)                    \
-    };
 
 KOVEX_DISTRIBUTION_CLASS(FloatConstDistribution, TConstDistribution<FloatDistribution>)
 KOVEX_DISTRIBUTION_CLASS(Vector2ConstDistribution, TConstDistribution<Vector2Distribution>)

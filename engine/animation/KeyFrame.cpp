@@ -74,13 +74,31 @@ Key& At(KeyFrame* keys, unsigned index)
     return *static_cast<Key*>(KeyFrame::GetKey(keys, index, sizeof(Key)));
 }
 
-// A = 3d - (T1 + 2 T0), B = (T0 + T1) - 2d, stored in the left key.
-template <class Key, typename T>
-void CalcAB(Key& left, const Key& right, const T& t0, const T& t1)
+// For each adjacent pair, with T0 the left key's out tangent and T1 the
+// right key's in tangent: A = 3d - (T1 + 2 T0), B = (T0 + T1) - 2d, stored in
+// the left key. The last key's coefficients are zero.
+template <class Key>
+void CalcSegments(KeyFrame* keys, unsigned count)
 {
-    T d = right.value - left.value;
-    left.A = d * 3.0f - (t1 + t0 * 2.0f);
-    left.B = (t0 + t1) - d * 2.0f;
+    using T = typename Key::ValueType;
+    for (unsigned i = 0; i + 1 < count; ++i)
+    {
+        Key& left = At<Key>(keys, i);
+        const Key& right = At<Key>(keys, i + 1);
+        const T d = right.value - left.value;
+        left.A = d * 3.0f - (right.inTangent + left.outTangent * 2.0f);
+        left.B = (left.outTangent + right.inTangent) - d * 2.0f;
+    }
+    if (count)
+        At<Key>(keys, count - 1).A = At<Key>(keys, count - 1).B = T{};
+}
+
+// The cubic of the Bezier and TCB keys of floats and vectors.
+template <class Key>
+void InterpolateSegment(void* out, const KeyFrame* k0, float t)
+{
+    const auto* key = static_cast<const Key*>(k0);
+    Bezier_Fast(*static_cast<typename Key::ValueType*>(out), key->value, key->outTangent, key->A, key->B, t);
 }
 
 } // namespace
@@ -264,24 +282,13 @@ KOVEX_KEY_REGISTER_END()
 template <class K>
 void TBezierKey<K>::Interpolate(void* out, const KeyFrame* k0, const KeyFrame*, float t)
 {
-    const auto* key = static_cast<const TBezierKey<K>*>(k0);
-    Bezier_Fast(*static_cast<T*>(out), key->value, key->outTangent, key->A, key->B, t);
+    InterpolateSegment<TBezierKey<K>>(out, k0, t);
 }
 
 template <class K>
 void TBezierKey<K>::ProcessKeys(KeyFrame* keys, unsigned count)
 {
-    using Key = TBezierKey<K>;
-    if (count == 0)
-        return;
-    for (unsigned i = 0; i + 1 < count; ++i)
-    {
-        Key& left = At<Key>(keys, i);
-        const Key& right = At<Key>(keys, i + 1);
-        CalcAB(left, right, left.outTangent, right.inTangent);
-    }
-    At<Key>(keys, count - 1).A = T{};
-    At<Key>(keys, count - 1).B = T{};
+    CalcSegments<TBezierKey<K>>(keys, count);
 }
 
 // TCB (floats and vectors) ------------------------------------------------------------
@@ -296,8 +303,7 @@ KOVEX_KEY_REGISTER_END()
 template <class K>
 void TTCBKey2<K>::Interpolate(void* out, const KeyFrame* k0, const KeyFrame*, float t)
 {
-    const auto* key = static_cast<const TTCBKey2<K>*>(k0);
-    Bezier_Fast(*static_cast<T*>(out), key->value, key->outTangent, key->A, key->B, t);
+    InterpolateSegment<TTCBKey2<K>>(out, k0, t);
 }
 
 template <class K>
@@ -342,14 +348,7 @@ void TTCBKey2<K>::ProcessKeys(KeyFrame* keys, unsigned count)
         key.outTangent = (dIn * (k * (1 + c) * (1 + b)) + dOut * (k * (1 - c) * (1 - b))) * scaleOut;
         key.inTangent = (dIn * (k * (1 - c) * (1 + b)) + dOut * (k * (1 + c) * (1 - b))) * scaleIn;
     }
-    for (unsigned i = 0; i + 1 < count; ++i)
-    {
-        Key& left = At<Key>(keys, i);
-        const Key& right = At<Key>(keys, i + 1);
-        CalcAB(left, right, left.outTangent, right.inTangent);
-    }
-    At<Key>(keys, count - 1).A = T{};
-    At<Key>(keys, count - 1).B = T{};
+    CalcSegments<Key>(keys, count);
 }
 
 // Quaternion Bezier --------------------------------------------------------------------

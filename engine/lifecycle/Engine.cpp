@@ -33,6 +33,7 @@
 #include "resources/Resource.h"
 #include "resources/ResourceThread.h"
 #include "scene/Node.h"
+#include "animation/KeyFrame.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
 #include "shaders/AutoUpdateConstantManager.h"
@@ -272,6 +273,7 @@ void Kovex_Main_Initialize()
     Node::StaticGetClass();
     NodeFactory::Init();
     ResourceManager::Ins()->InitFactories();
+    KeyFrame::StaticInit();
     // Still to come, in this order after Node: Mesh, DirectionalLight, SpotLight,
     // OmniLight, Camera, Decal, Terrain, Line2d, Line3d, Tri2d, Tri3d,
     // Tri3dBillboard, FontFace, TraceModifier, SkinModifier,
@@ -304,7 +306,7 @@ void Kovex_Main_Terminate()
 void Kovex_Main_Cleanup()
 {
     ResourceManager::Destroy();
-    // KeyFrame::StaticDestroy();
+    KeyFrame::StaticDestroy();
 }
 
 bool Kovex_Main_IsInited() { return s_mainInited; }

@@ -31,6 +31,10 @@ awk '/^Frames:/ {
   gsub(/[()]/, "", avg)
   if (!(low + 0 <= avg + 0 && avg + 0 <= high + 0)) { print "average outside its range: " $0; exit 1 }
 }' out.txt
+# The animated node: its walk's event printed once, the node moved off the origin.
+[ "$(grep -c '^Animation event: "walk" reached 0.50 s' out.txt)" -eq 1 ]
+grep -q '^Animated node at (.*) after 40 frames, 1 events, 1 state(s) playing' out.txt
+! grep -q '^Animated node at (0.000, 0.000, 0.000)' out.txt
 
 # Options after operands work too, and --data names the root.
 cp -r "$source_data" "$work/MyData"

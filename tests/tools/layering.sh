@@ -3,7 +3,7 @@
 # Usage: layering.sh ENGINE_DIR
 set -u
 engine=${1:?engine directory}
-declare -A rank=([math]=0 [kernel]=0 [reflection]=1 [commands]=2 [io]=3 [serialization]=4 [resources]=5 [graphics]=6 [images]=7 [shaders]=8 [scene]=9 [lifecycle]=10)
+declare -A rank=([math]=0 [kernel]=0 [reflection]=1 [commands]=2 [io]=3 [serialization]=4 [resources]=5 [graphics]=6 [images]=7 [shaders]=8 [scene]=9 [animation]=10 [lifecycle]=11)
 # images sits on graphics (the format table, TextureDesc); graphics makes textures from images through a hook it exposes, never an include.
 status=0
 for layer in "${!rank[@]}"; do

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "KovexEngine.h"
+
+// A node of a small scene graph moved by keyed animations: a walk that
+// loops, cross-faded into a turn, with an event on the walk that prints.
+class DemoAnimation
+{
+public:
+    DemoAnimation();
+    // One frame of the scene. The animation runs on a fixed step of 1/30 s a
+    // frame so that what it prints does not depend on the machine's speed.
+    void Frame(unsigned frame);
+    void Report() const;
+
+private:
+    void Heard(const KovexEngine::Ptr<KovexEngine::AnimState>& state, const KovexEngine::Ptr<KovexEngine::AnimModifier>&);
+
+    KovexEngine::Ptr<KovexEngine::Node> m_root, m_mover;
+    KovexEngine::Ptr<KovexEngine::NodeAnimModifier> m_modifier;
+    unsigned m_frame = 0;
+    unsigned m_events = 0;
+};

@@ -307,7 +307,8 @@ bool PixelRig::Draw(Program* program, const VertexData* data, uint32 count, Grap
             layout = VertexDeclManager::Ins()->Create(data->elements.data(), uint32(data->elements.size()));
     }
     // Both faces: the references do not depend on winding.
-    r.CommitState(RasterizerStateFactory::Get()->GetTwoSideState().Get());
+    r.CommitState(m_wireframe ? RasterizerStateFactory::Get()->GetTwoSideWireframeState().Get()
+                              : RasterizerStateFactory::Get()->GetTwoSideState().Get());
     program->ApplyProgram();
     DrawBuffersDesc draw;
     draw.VertexBuffers = bufferCount ? raw : nullptr;

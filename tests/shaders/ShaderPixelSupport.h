@@ -106,6 +106,9 @@ public:
     // (no buffer: the vertex stage runs on SV_VertexID alone), both faces.
     bool Draw(KovexEngine::Program* program, const VertexData* data, KovexEngine::uint32 count,
               KovexEngine::GraphicsTopology topology = KovexEngine::GraphicsTopology::TriangleList);
+    // Later draws fill only triangle edges (the wireframe phase's state),
+    // still both faces.
+    void SetWireframe(bool wireframe) { m_wireframe = wireframe; }
     // Ends the frame and reads a target back.
     KovexEngine::Ptr<KovexEngine::Image> ReadTarget(KovexEngine::uint32 slot);
 
@@ -120,6 +123,7 @@ private:
     KovexEngine::uint32 m_width, m_height;
     std::vector<KovexEngine::Ptr<KovexEngine::Texture>> m_targets;
     bool m_inFrame = false;
+    bool m_wireframe = false;
 };
 
 #define KOVEX_SKIP_WITHOUT_PIXEL_RIG(rig)                                                                            \

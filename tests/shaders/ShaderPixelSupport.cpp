@@ -278,11 +278,9 @@ bool PixelRig::Draw(Program* program, const VertexData* data, uint32 count, Grap
         for (uint32 slot = 0; slot < 2; ++slot)
         {
             const std::vector<float>& floats = slot ? data->instances : data->vertices;
-            // The backend counts an instance stream's entries against the
-            // vertices drawn, so it is padded to at least that many.
-            if (slot ? !data->instanceCount : !data->vertexCount)
+            const uint32 n = slot ? data->instanceCount : data->vertexCount;
+            if (!n)
                 continue;
-            const uint32 n = slot ? std::max(data->instanceCount, count) : data->vertexCount;
             std::vector<VertexElement> mine;
             for (VertexElement e : data->elements)
                 if (e.InputSlot == slot)
@@ -292,11 +290,9 @@ bool PixelRig::Draw(Program* program, const VertexData* data, uint32 count, Grap
                 }
             Ptr<VertexBuffer::Stream> stream =
                 VertexBuffer::Stream::Create(mine.data(), uint32(mine.size()), n, true);
-            const size_t given = slot ? size_t(data->Stride(slot)) * data->instanceCount
-                                      : size_t(data->Stride(slot)) * n;
+            const size_t given = size_t(data->Stride(slot)) * n;
             if (!stream || floats.size() * 4 < given)
                 return false;
-            memset(stream->GetPointer(0), 0, size_t(data->Stride(slot)) * n);
             memcpy(stream->GetPointer(0), floats.data(), given);
             buffers[slot] = VertexBufferFactory::Get()->Create(stream, 0, GraphicsResourceUsage::Immutable, nullptr);
             if (!buffers[slot] || !buffers[slot]->IsCreated())

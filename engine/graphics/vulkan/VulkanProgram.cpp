@@ -798,6 +798,26 @@ public:
 
 } // namespace
 
+namespace {
+
+// The instance step rate of the buffer in `slot` (at least 1), or 0 when the
+// slot feeds vertices.
+uint32 InstanceStepRate(const TArray<VertexElement>& elements, uint32 slot)
+{
+    uint32 rate = 0;
+    for (const VertexElement& element : elements)
+    {
+        if (element.InputSlot != slot)
+            continue;
+        if (element.InputSlotClass != GraphicsInputClass::PerInstance)
+            return 0;
+        rate = element.InstanceDataStepRate ? element.InstanceDataStepRate : 1;
+    }
+    return rate;
+}
+
+} // namespace
+
 bool VulkanProgramBinder::Draw(const DrawBuffersDesc& draw)
 {
     std::lock_guard<std::recursive_mutex> lock(m_renderer.GetDevice().GetLock());
@@ -830,6 +850,7 @@ bool VulkanProgramBinder::Draw(const DrawBuffersDesc& draw)
         return false;
     }
     uint32 vertexCount = ~0u;
+    const TArray<VertexElement>* elements = draw.Layout ? &draw.Layout->GetElements() : nullptr;
     for (uint32 i = 0; i < draw.VertexBufferCount; ++i)
     {
         auto* buffer = DynamicCast<VulkanVertexBuffer>(static_cast<Object*>(draw.VertexBuffers[i]));
@@ -841,7 +862,22 @@ bool VulkanProgramBinder::Draw(const DrawBuffersDesc& draw)
         }
         recorder.vertexBuffers[i] = buffer->GetDeviceMemory().GetBuffer();
         recorder.vertexOffsets[i] = buffer->GetDeviceMemory().GetOffset();
+        if (!elements)
+            elements = &buffer->GetVertexStream()->GetElements();
         const uint32 count = buffer->GetVertexStream()->GetVertexCount();
+        // A per-instance stream holds one entry per step of instances, not one
+        // per vertex: it bounds the instances, never the vertices.
+        const uint32 stepRate = InstanceStepRate(*elements, i);
+        if (stepRate)
+        {
+            if (uint64(count) * stepRate < draw.InstanceCount)
+            {
+                Log::Format(LOG_WARNING, u"Vulkan: a draw of %u instances reaches past instance buffer %u of %u.\n",
+                            draw.InstanceCount, i, count);
+                return false;
+            }
+            continue;
+        }
         vertexCount = count < vertexCount ? count : vertexCount;
     }
     recorder.vertexBufferCount = draw.VertexBufferCount;

@@ -62,12 +62,17 @@ if grep -q "^Renderer: Vulkan" out.txt; then
     Xvfb -displayfd 3 -screen 0 800x600x24 -nolisten tcp 3> "$work/display" > /dev/null 2>&1 &
     xvfb=$!
     trap 'kill $xvfb 2> /dev/null; rm -rf "$work"' EXIT
-    for _ in $(seq 100); do [ -s "$work/display" ] && break; sleep 0.1; done
+    # A loaded machine can take many seconds to start it.
+    for _ in $(seq 600); do
+      [ -s "$work/display" ] && break
+      kill -0 $xvfb 2> /dev/null || break
+      sleep 0.1
+    done
     n="$(head -n 1 "$work/display")"
-    [ -n "$n" ]
+    [ -n "$n" ] || { echo "Xvfb named no display" >&2; exit 1; }
     DISPLAY=":$n" ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" "$demo" 10 --output "$work/window.png" > out.txt
-    grep -q "^Window: 640x360 on :$n$" out.txt
-    grep -q "^Last frame written to $work/window.png$" out.txt
+    grep -q "^Window: 640x360 on :$n$" out.txt || { cat out.txt >&2; exit 1; }
+    grep -q "^Last frame written to $work/window.png$" out.txt || { cat out.txt >&2; exit 1; }
     DISPLAY=":$n" ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" "$demo" 3 --offscreen > out.txt
     if grep -q "^Window:" out.txt; then exit 1; fi
   fi

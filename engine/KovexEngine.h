@@ -98,6 +98,7 @@
 #include "shaders/AutoUpdateConstantManager.h"
 #include "shaders/PGCode.h"
 #include "shaders/PGCodeConf.h"
+#include "shaders/PGResources.h"
 #include "shaders/Program.h"
 #include "shaders/ProgramCachedLibrary.h"
 #include "shaders/ProgramCompiler.h"

@@ -199,10 +199,12 @@ TEST(ShaderAttributePixels, SkinMovesVerticesByTheirBones)
         ASSERT_TRUE(f.Commit(u"BoneMatrices", &bones[0][0], sizeof(bones)));
         EXPECT_EQ(f.Draw(&data, 3, kRGBA8, expected, kByteTolerance, "skin-constants"), 0);
     }
+    for (const KovexTest::MacroList& macros :
+         {KovexTest::MacroList{{"SKIN_MODE", "1"}, {"BONE_MATRIX_TEXTURE", "1"}}, KovexTest::MacroList{{"SKIN_MODE_2", "1"}}})
     {
         ProgramSpec spec;
         spec.attribute = "Attribute_Skin.ksl";
-        spec.ab = {{"SKIN_MODE", "1"}, {"BONE_MATRIX_TEXTURE", "1"}};
+        spec.ab = macros;
         Frame f(rig, spec);
         ASSERT_TRUE(f.program);
         // One frame's rows from texel 5 of row 1 of an 16 x 2 float texture.
@@ -515,8 +517,9 @@ TEST(ShaderAttributePixels, LightVolumeDrawsItsProxyInItsColour)
 namespace {
 
 // Six vertices (two triangles) of one sprite for the particle stream.
+// `next` is the next cell and its blend (five floats).
 void AddSprite(VertexData& data, const float (&centre)[3], float w, float h, float rotation, const float* velocity,
-               const float* cell)
+               const float* cell, const float* next = nullptr)
 {
     const float corners[6][2] = {{-1, -1}, {-1, 1}, {1, 1}, {-1, -1}, {1, 1}, {1, -1}};
     for (auto& c : corners)
@@ -527,11 +530,13 @@ void AddSprite(VertexData& data, const float (&centre)[3], float w, float h, flo
             data.vertices.insert(data.vertices.end(), velocity, velocity + 3);
         if (cell)
             data.vertices.insert(data.vertices.end(), cell, cell + 4);
+        if (next)
+            data.vertices.insert(data.vertices.end(), next, next + 5);
     }
     data.vertexCount += 6;
 }
 
-VertexData SpriteStream(bool velocity, bool tiled)
+VertexData SpriteStream(bool velocity, bool tiled, bool blended = false)
 {
     VertexData data;
     data.Add(GraphicsSemantic::Position, 0, GraphicsLayoutFormat::Float3)
@@ -541,8 +546,11 @@ VertexData SpriteStream(bool velocity, bool tiled)
         .Add(GraphicsSemantic::Color, 0, GraphicsLayoutFormat::Float4);
     if (velocity)
         data.Add(GraphicsSemantic::TexCoord, 6, GraphicsLayoutFormat::Float3);
-    if (tiled)
+    if (tiled || blended)
         data.Add(GraphicsSemantic::TexCoord, 7, GraphicsLayoutFormat::Float4);
+    if (blended)
+        data.Add(GraphicsSemantic::TexCoord, 8, GraphicsLayoutFormat::Float4)
+            .Add(GraphicsSemantic::TexCoord, 9, GraphicsLayoutFormat::Float1);
     return data;
 }
 
@@ -575,7 +583,7 @@ void FillSprite(Reference& ref, const float (&centre)[3], const float (&right)[2
 
 // Particle sprites face the camera at their size, turned by their rotation;
 // aligned to velocity their up axis follows it; tiled, texture set 1 lies
-// in the cell.
+// in the cell; blended, set 2 in the next cell and set 3 carries the blend.
 TEST(ShaderAttributePixels, ParticleSpritesFaceTheCameraAndTheirCell)
 {
     KOVEX_SKIP_WITHOUT_VULKAN();
@@ -617,6 +625,23 @@ TEST(ShaderAttributePixels, ParticleSpritesFaceTheCameraAndTheirCell)
             {0, 1, 0.25f, 1.0f}, {0, 0, 0.25f, 0.5f}, {1, 0, 0.5f, 0.5f}, {1, 1, 0.5f, 1.0f}};
         FillSprite(expected, centre, r, u, values);
         EXPECT_EQ(f.Draw(&data, data.vertexCount, kFloat4, expected, 1e-4f, "sprite-velocity-tiled"), 0);
+    }
+    {
+        // Blending two cells: set 2 lies in the next cell, set 3 x is the blend.
+        ProgramSpec spec = Probe("Attribute_ParticleSprite.ksl", "SHOW_TEXCOORD23");
+        spec.ab = {{"SPRITE_TILED_TEXTURE_BLEND", "1"}, {"NUM_TEXCOORDS", "4"}};
+        Frame f(rig, spec);
+        ASSERT_TRUE(f.Commit(u"ViewProjMatrix", kIdentityMatrix, 64));
+        ASSERT_TRUE(f.Commit(u"BillboardRightVector", right, 16));
+        ASSERT_TRUE(f.Commit(u"BillboardUpVector", up, 16));
+        VertexData data = SpriteStream(false, false, true);
+        const float cell[4] = {0, 0, 0.5f, 0.5f}, next[5] = {0.5f, 0.5f, 0.5f, 0.5f, 0.375f};
+        AddSprite(data, centre, 1.0f, 0.8f, 0.0f, nullptr, cell, next);
+        Reference expected = Reference::Filled(kW, kH, kClear);
+        const float values[4][4] = {
+            {0.5f, 1.0f, 0.375f, 0}, {0.5f, 0.5f, 0.375f, 0}, {1.0f, 0.5f, 0.375f, 0}, {1.0f, 1.0f, 0.375f, 0}};
+        FillSprite(expected, centre, {0.5f, 0.0f}, {0.0f, 0.4f}, values);
+        EXPECT_EQ(f.Draw(&data, data.vertexCount, kFloat4, expected, 1e-4f, "sprite-tiled-blend"), 0);
     }
 }
 

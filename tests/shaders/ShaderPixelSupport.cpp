@@ -201,7 +201,8 @@ Ptr<Program> PixelRig::Build(const ProgramSpec& spec)
         std::string lines;
         for (const auto& entry : log->entries)
             lines += StringConvFuncs::ToAString(entry.text.c_str())();
-        ADD_FAILURE() << spec.framework << " + " << spec.attribute << " + " << spec.material
+        ADD_FAILURE() << (spec.frameworkText.empty() ? spec.framework : "(framework text)") << " + "
+                      << spec.attribute << " + " << (spec.materialText.empty() ? spec.material : "(material text)")
                       << " did not build:\n"
                       << lines;
         return Ptr<Program>();

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "graphics/HWCapability.h"
 #include "kernel/StringConv.h"
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
@@ -145,4 +146,25 @@ TEST(BuildProgram, ABrokenMaterialFailsOnceWithTheCompilersLine)
     const uint64 compiles = ProgramCompiler::Get()->GetCompileCount();
     EXPECT_EQ(t.fw->GetCurConf()->GetProgram(t.ab->GetCurConf(), conf), program);
     EXPECT_EQ(ProgramCompiler::Get()->GetCompileCount(), compiles);
+}
+
+// A device that cannot instance gets the instanced configuration's program
+// with the world matrix constant: the engine then draws one at a time.
+TEST(BuildProgram, InstancingFollowsTheDevicesCapability)
+{
+    KovexTest::NullEngine engine;
+    Templates t;
+    ASSERT_TRUE(t.fw && t.ab && t.mt);
+    HWCapability* capability = Renderer::Get()->GetHWCapability().Get();
+    ASSERT_NE(capability, nullptr);
+    ASSERT_EQ(capability->GetMacroMap().Find(AString("SUPPORT_INSTANCE_RNEDERING")) != kNotFound,
+              capability->SupportInstanceRendering);
+    capability->UnmakeMacro(AString("SUPPORT_INSTANCE_RNEDERING"));
+    PGConfAB* instanced = t.ab->CreateConfig(u"DEFAULT[INSTANCE_RENDERING]");
+    instanced->SetMacro("USE_INSTANCE_RENDERING", "1");
+    Program* program = t.fw->GetCurConf()->GetProgram(instanced, t.mt->GetCurConf());
+    capability->UpdateMacros();
+    ASSERT_NE(program, nullptr);
+    ASSERT_FALSE(program->IsFailed());
+    EXPECT_NE(program->FindConstant(u"WorldMatrix"), nullptr);
 }

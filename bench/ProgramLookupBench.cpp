@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ProgramKey.h"
 #include "graphics/GraphicsThread.h"
 #include "shaders/PGCode.h"
 #include "shaders/Program.h"
@@ -27,24 +28,6 @@ public:
     bool CompileComputeShader(BaseProgram*) override { return true; }
     bool ReflectShaders(BaseProgram*) override { return true; }
     bool Link(BaseProgram*) override { return true; }
-};
-
-struct Draw
-{
-    const PGConfFW* fw;
-    const PGConfAB* ab;
-    const PGConfMT* mt;
-    bool operator==(const Draw& o) const { return fw == o.fw && ab == o.ab && mt == o.mt; }
-};
-
-struct DrawHash
-{
-    size_t operator()(const Draw& d) const
-    {
-        size_t h = std::hash<const void*>()(d.fw);
-        h = h * 31 + std::hash<const void*>()(d.ab);
-        return h * 31 + std::hash<const void*>()(d.mt);
-    }
 };
 
 // 4 framework configurations, 16 attribute configurations, 64 materials of
@@ -93,14 +76,7 @@ Scene& Get()
 
 void BM_Program_LookUpHit(benchmark::State& state)
 {
-    const std::vector<Draw>& draws = Get().draws;
-    size_t i = 0;
-    for (auto _ : state)
-    {
-        const Draw& d = draws[i++ & 4095];
-        benchmark::DoNotOptimize(d.fw->GetProgram(d.ab, d.mt));
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()));
+    LookUpInTurn(state, Get().draws, [](const Draw& d) { return d.fw->GetProgram(d.ab, d.mt); });
 }
 
 void BM_HashMap_LookUpThreePointers(benchmark::State& state)
@@ -109,13 +85,7 @@ void BM_HashMap_LookUpThreePointers(benchmark::State& state)
     std::unordered_map<Draw, Ptr<Program>, DrawHash> map;
     for (const Draw& d : draws)
         map[d] = Ptr<Program>(d.fw->GetProgram(d.ab, d.mt));
-    size_t i = 0;
-    for (auto _ : state)
-    {
-        const Draw& d = draws[i++ & 4095];
-        benchmark::DoNotOptimize(map.find(d)->second.Get());
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()));
+    LookUpInTurn(state, draws, [&map](const Draw& d) { return map.find(d)->second.Get(); });
 }
 
 } // namespace

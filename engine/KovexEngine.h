@@ -99,6 +99,7 @@
 #include "shaders/PGCode.h"
 #include "shaders/PGCodeConf.h"
 #include "shaders/PGResources.h"
+#include "shaders/PGVariable.h"
 #include "shaders/Program.h"
 #include "shaders/ProgramCachedLibrary.h"
 #include "shaders/ProgramCompiler.h"

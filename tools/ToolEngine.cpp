@@ -51,7 +51,11 @@ bool StartEngine(const CommandLine& cl)
         WString root = StringConvFuncs::ToWString(std::filesystem::absolute(dir).c_str());
         if (!root.EndsWith(u"/"))
             root.Append(u'/');
-        return Kovex_Main_LoadRequiredData(root());
+        bool loaded = Kovex_Main_LoadRequiredData(root());
+        // A data root of assets alone lacks the built-in shaders: their lines
+        // are the engine's start, not the tool's work.
+        TakeEngineMessages();
+        return loaded;
     }
     Kovex_Main_LoadRequiredData(nullptr); // a tool on explicit paths needs no root
     TakeEngineMessages();

@@ -35,6 +35,7 @@
 #include "serialization/BinSerializer.h"
 #include "serialization/XmlSerializer.h"
 #include "shaders/AutoUpdateConstantManager.h"
+#include "shaders/PGResources.h"
 #include "shaders/ProgramCachedLibrary.h"
 #include "shaders/ProgramManager.h"
 
@@ -129,6 +130,25 @@ void NormaliseRootPath()
     g_kovexRootPath.ConvertSlashes();
 }
 
+// The root the engine last gave to "[core]"; empty when it gave none.
+WString s_coreFromRoot;
+
+// "[core]" names the data root, where the engine's own shaders and textures
+// lie, unless the application mounted a core package of its own.
+void KnowCoreAlias()
+{
+    const WString core(u"core");
+    StreamManager* streams = StreamManager::Ins();
+    WString current = streams->GetPackagePath(core);
+    if (!current.IsEmpty() && current != s_coreFromRoot)
+        return;
+    if (!current.IsEmpty())
+        streams->UnsetPackagePath(core);
+    s_coreFromRoot.Clear();
+    if (streams->SetPackagePath(core, g_kovexRootPath))
+        s_coreFromRoot = streams->GetPackagePath(core);
+}
+
 } // namespace
 
 // --- System layer ----------------------------------------------------------------
@@ -215,7 +235,7 @@ void Kovex_Renderer_Terminate()
     if (!s_rendererInited)
         return;
     // delete SinglePassLightingFWBuilder (if left), PrimitiveRDIUtility;
-    // PGResources::Destroy();
+    PGResources::Destroy();
     ProgramManager::Destroy();
     VertexDeclManager::Destroy();
     // TStaticRenderState::Destroy() is the state factories' OnExit, run by
@@ -270,6 +290,9 @@ void Kovex_Main_Terminate()
     ResourceThread::Destroy();
     ResourceManager::Ins()->TermFactories();
     // 6. FontFace::Destroy()
+    if (!s_coreFromRoot.IsEmpty() && StreamManager::Ins()->GetPackagePath(WString(u"core")) == s_coreFromRoot)
+        StreamManager::Ins()->UnsetPackagePath(WString(u"core"));
+    s_coreFromRoot.Clear();
     g_kovexRootPath.Clear();
     s_mainInited = false;
 }
@@ -345,7 +368,12 @@ bool Kovex_Main_LoadRequiredData(const char16_t* rootPath)
         if (!Kovex_SetRootPath(rootPath))
             return false;
     }
-    // PGResources::Initialize();
+    KnowCoreAlias();
+    // The built-in codes belong to the renderer layer (its ProgramManager);
+    // loading them compiles nothing, so the null renderer and a renderer not
+    // opened yet are fine. A missing file is logged and does not fail here.
+    if (s_rendererInited)
+        PGResources::Initialize();
     // SinglePassLightingFWBuilder::Ins()->Initialize("[core]shaders/SinglePass_Template.ksl");
     // ResourceThread::Ins(), created and started as "Resource Thread" if it
     // has no thread yet; a failure to start is not reported.

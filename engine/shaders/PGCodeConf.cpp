@@ -302,23 +302,6 @@ bool PGConfFW::LoadExtra(Serializer* serializer)
 
 namespace {
 
-// Members of each field, for validating what comes from a file.
-constexpr int kFieldLimit[5] = {8, 3, 4, 3, 3};
-constexpr unsigned kFieldBit[5] = {PGConfMT::BIT_BLEND_MODE, PGConfMT::BIT_BLEND_ALPHA_MODE,
-                                   PGConfMT::BIT_TRANSLUCENT_DEPTH_MODE, PGConfMT::BIT_TWO_SIDE_MODE,
-                                   PGConfMT::BIT_TESSELLATION_SCHEME};
-
-bool FieldsValid(uint32 flags)
-{
-    for (unsigned i = 0; i < 5; ++i)
-    {
-        int value = int(int32(flags << (28 - kFieldBit[i])) >> 28);
-        if (value < 0 || value >= kFieldLimit[i])
-            return false;
-    }
-    return true;
-}
-
 const AString& TessellationSchemeMacro()
 {
     static const AString name("TESSELLATION_SCHEME");
@@ -345,11 +328,6 @@ PGMaterial* PGConfMT::GetMaterial() const
 {
     PGCode* code = GetParent();
     return code && code->Type() == PGCode::Material ? static_cast<PGMaterial*>(code) : nullptr;
-}
-
-void PGConfMT::SetField(unsigned bit, int value)
-{
-    m_flags = (m_flags & ~(0xFu << bit)) | (uint32(value & 0xF) << bit);
 }
 
 void PGConfMT::SetBlendMode(BlendMode mode)
@@ -446,7 +424,7 @@ bool PGConfMT::LoadExtra(Serializer* serializer)
 {
     uint32 flags = 0;
     float mask = 0.0f;
-    if (!serializer->Read(kFlagsTag, flags) || !serializer->Read(kOpaqueMaskTag, mask) || !FieldsValid(flags))
+    if (!serializer->Read(kFlagsTag, flags) || !serializer->Read(kOpaqueMaskTag, mask) || !MaterialFeature::FieldsValid(flags))
         return false;
     m_flags = flags;
     m_opaqueMask = mask;

@@ -19,6 +19,7 @@
 #include "kernel/Strings.h"
 #include "reflection/EngineEnums.h"
 #include "reflection/Object.h"
+#include "shaders/MaterialFeatureFlags.h"
 
 namespace KovexEngine {
 
@@ -157,31 +158,34 @@ private:
     uint32 m_flags = 0;
 };
 
-// A configuration of a material code. The flags word:
-//   bits 0-3 BlendMode, 4-7 BlendAlphaMode, 8-11 TranslucentDepthMode,
-//   12-15 TwoSideMode, 16-19 TessellationScheme, then feature flags:
-//   20 ambient, 21 diffuse, 22 lighting, 23 distorted, 24 transmission,
-//   25 tessellation enabled.
+// A configuration of a material code. Its flags word is the material
+// feature word (shaders/MaterialFeatureFlags.h has the layout).
 // The setters keep the owned macros in step: one blend-mode macro
 // (PGMaterial::BLEND_MODE_MACRO), "MTL_OPAQUE_MASK" once SetOpaqueMask ran,
 // "TESSELLATION_SCHEME", "MT_ALLOW_TESSELLATION", "AMBIENT_AS_TRANSMISSION",
-// "USE_TWO_SIDE_MASK" (TwoSideSeparatedPass only).
+// "USE_TWO_SIDE_MASK" (TwoSideSeparatedPass only). The flags for the forward
+// path and the scene colour and depth own no macro: the render phases read
+// them.
 class KOVEX_API PGConfMT : public PGCodeConf
 {
     KOVEX_CLASS(PGConfMT)
 
 public:
-    static constexpr unsigned BIT_BLEND_MODE = 0;
-    static constexpr unsigned BIT_BLEND_ALPHA_MODE = 4;
-    static constexpr unsigned BIT_TRANSLUCENT_DEPTH_MODE = 8;
-    static constexpr unsigned BIT_TWO_SIDE_MODE = 12;
-    static constexpr unsigned BIT_TESSELLATION_SCHEME = 16;
-    static constexpr uint32 FLAG_AMBIENT = 1u << 20;
-    static constexpr uint32 FLAG_DIFFUSE = 1u << 21;
-    static constexpr uint32 FLAG_LIGHTING = 1u << 22;
-    static constexpr uint32 FLAG_DISTORTED = 1u << 23;
-    static constexpr uint32 FLAG_TRANSMISSION = 1u << 24;
-    static constexpr uint32 FLAG_TESSELLATION = 1u << 25;
+    // Names kept for the callers that knew the word through this class.
+    static constexpr unsigned BIT_BLEND_MODE = MaterialFeature::kBlendModeShift;
+    static constexpr unsigned BIT_BLEND_ALPHA_MODE = MaterialFeature::kBlendAlphaModeShift;
+    static constexpr unsigned BIT_TRANSLUCENT_DEPTH_MODE = MaterialFeature::kTranslucentDepthModeShift;
+    static constexpr unsigned BIT_TWO_SIDE_MODE = MaterialFeature::kTwoSideModeShift;
+    static constexpr unsigned BIT_TESSELLATION_SCHEME = MaterialFeature::kTessellationSchemeShift;
+    static constexpr uint32 FLAG_AMBIENT = MaterialFeature::kAmbient;
+    static constexpr uint32 FLAG_LIGHTING = MaterialFeature::kLitBySceneLights;
+    static constexpr uint32 FLAG_FORWARD_LIGHTING = MaterialFeature::kForwardLighting;
+    static constexpr uint32 FLAG_SCENE_DEPTH = MaterialFeature::kReadsSceneDepth;
+    static constexpr uint32 FLAG_SCENE_COLOR = MaterialFeature::kReadsSceneColor;
+    static constexpr uint32 FLAG_TESSELLATION = MaterialFeature::kTessellation;
+    static constexpr uint32 FLAG_DIFFUSE = MaterialFeature::kDiffuse;
+    static constexpr uint32 FLAG_DISTORTED = MaterialFeature::kDistorted;
+    static constexpr uint32 FLAG_TRANSMISSION = MaterialFeature::kTransmission;
 
     PGConfMT();
 
@@ -210,6 +214,12 @@ public:
     void EnableLighting(bool on) { SetFlag(FLAG_LIGHTING, on); }
     bool IsDistorted() const { return (m_flags & FLAG_DISTORTED) != 0; }
     void EnableDistortion(bool on) { SetFlag(FLAG_DISTORTED, on); }
+    bool IsForwardLighting() const { return (m_flags & FLAG_FORWARD_LIGHTING) != 0; }
+    void EnableForwardLighting(bool on) { SetFlag(FLAG_FORWARD_LIGHTING, on); }
+    bool IsReadingSceneDepth() const { return (m_flags & FLAG_SCENE_DEPTH) != 0; }
+    void EnableSceneDepth(bool on) { SetFlag(FLAG_SCENE_DEPTH, on); }
+    bool IsReadingSceneColor() const { return (m_flags & FLAG_SCENE_COLOR) != 0; }
+    void EnableSceneColor(bool on) { SetFlag(FLAG_SCENE_COLOR, on); }
     bool IsTransmission() const { return (m_flags & FLAG_TRANSMISSION) != 0; }
     void EnableTransmission(bool on);
     bool IsTessellation() const { return (m_flags & FLAG_TESSELLATION) != 0; }
@@ -226,10 +236,9 @@ protected:
     bool LoadExtra(Serializer* serializer) override;
 
 private:
-    // Signed 4-bit read of a field.
-    int GetField(unsigned bit) const { return int(int32(m_flags << (28 - bit)) >> 28); }
-    void SetField(unsigned bit, int value);
-    void SetFlag(uint32 flag, bool on) { m_flags = on ? (m_flags | flag) : (m_flags & ~flag); }
+    int GetField(unsigned shift) const { return MaterialFeature::GetField(m_flags, shift); }
+    void SetField(unsigned shift, int value) { m_flags = MaterialFeature::SetField(m_flags, shift, value); }
+    void SetFlag(uint32 flag, bool on) { m_flags = MaterialFeature::SetFlag(m_flags, flag, on); }
     // Reflection's accessors (bool and enum setters by value).
     void SetBlendModeProp(BlendMode mode) { SetBlendMode(mode); }
     void SetLightingProp(bool on) { EnableLighting(on); }

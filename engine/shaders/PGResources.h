@@ -84,7 +84,8 @@ public:
     // Loaded on demand by LoadWireframeFW.
     static Ptr<PGFramework> FW_Wireframe;
 
-    // --- Configuration names (shared strings, live until Destroy) ---------------
+    // --- Configuration names (shared strings, made on first use; they stay
+    // valid for the process, so references handed out never dangle) ---------
     // "DEFAULT[SQ_LOW]" ... "DEFAULT[SQ_HIGH][HWPCF]"; "DEFAULT[INSTANCE_RENDERING]";
     // "SOLID_WIRE".
     static const TSharedString<WString>& CFG_SQ_LOW();
@@ -98,7 +99,8 @@ public:
 
     // The light-pass configuration names, one slot per name:
     // [0] "DEFAULT" (no shadow), [1..3] low, medium, high, [4..6] the same
-    // with hardware percentage-closer filtering.
+    // with hardware percentage-closer filtering. An index past the last
+    // answers "DEFAULT".
     static constexpr unsigned kNumLightPassConfs = 7;
     static const TSharedString<WString>& CFG_PL_LIGHT_PASS_SHADOW(unsigned index);
     // The slot of a light pass: 0 without shadow, else 1 + quality (capped
@@ -107,19 +109,29 @@ public:
     static const TSharedString<WString>& GetLightConfName(bool hasShadow, ShadowFilterQuality quality, bool hwpcf);
 
     // Loads every code and makes its configurations; a second call does
-    // nothing until Destroy. False when any code failed to load (the others
-    // are loaded all the same).
+    // nothing until Destroy and answers as the first did. False when any code
+    // failed to load (the others are loaded all the same).
     static bool Initialize();
-    // Lets every static go, in reverse order, and forgets the shared names.
+    // Lets every static go, in reverse order (FW_Wireframe first).
     static void Destroy();
     static bool IsLoaded();
 
+    // The table of built-in codes in load order, FW_Wireframe last: the
+    // static's name ("FW_DrawClear"), its file under "[core]shaders/" and
+    // the code (null when not loaded). Null past the end.
+    static unsigned GetNumCodes();
+    static const char* GetCodeName(unsigned index);
+    static const char16_t* GetCodeFile(unsigned index);
+    static PGCode* GetCode(unsigned index);
+
     // Shadow macros and descriptions of one light-pass configuration:
     // "DRAW_SHADOW", "SHADOW_FILTER_QUALITY" (the quality as an integer), the
-    // shadow map "ShadowDepthTexture" with a comparison sampler (hwpcf, when
-    // the device has SupportHWPCF) or a point sampler, and for the filtered
-    // qualities (medium, high) the rotation noise "RotRandomTexture" from
-    // "[core]textures/rotrandom.dds". False for a null configuration.
+    // shadow map "ShadowDepthTexture" with a comparison sampler and
+    // "USE_HWPCF" (hwpcf, unless the renderer lacks SupportHWPCF; with no
+    // renderer yet the request stands) or a point clamp sampler, and for the
+    // filtered qualities (medium, high) the rotation noise "RotRandomTexture"
+    // from "[core]textures/rotrandom.dds" with a point wrap sampler. A second
+    // call replaces what the first set. False for a null configuration.
     static bool InitLightPassConf(PGConfFW* conf, ShadowFilterQuality quality, bool hwpcf);
     // The attribute's "DEFAULT[INSTANCE_RENDERING]" configuration with
     // "USE_INSTANCE_RENDERING"; null when the attribute cannot instance.
@@ -131,6 +143,7 @@ public:
 
 private:
     static bool ms_loaded;
+    static bool ms_complete; // every code of the table loaded
 };
 
 } // namespace KovexEngine

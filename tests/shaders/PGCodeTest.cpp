@@ -174,6 +174,73 @@ TEST(PGCode, MaterialConfigurationKeepsItsMacrosInStep)
     EXPECT_EQ(material->GetBlendMode(), BlendMode(BlendMode::Modulate));
 }
 
+// The feature word's layout is read by phases and kept in files: the words
+// are written out here by hand, not derived from the constants.
+TEST(PGCode, MaterialFeatureWordLayout)
+{
+    Ptr<PGConfMT> mt(new PGConfMT());
+    // Opaque, Replace, TestOnly (1 at bit 8), no two-side, Flatten, lit.
+    const uint32 defaults = 0x00200100u;
+    EXPECT_EQ(mt->GetFlags(), defaults);
+
+    // Each flag owns exactly its bit.
+    struct Flag
+    {
+        const char* name;
+        void (PGConfMT::*enable)(bool);
+        bool (PGConfMT::*is)() const;
+        uint32 bit;
+    };
+    const Flag flags[] = {
+        {"ambient", &PGConfMT::EnableAmbient, &PGConfMT::IsAmbient, 0x00100000u},
+        {"lit by scene lights", &PGConfMT::EnableLighting, &PGConfMT::IsLighting, 0x00200000u},
+        {"forward path", &PGConfMT::EnableForwardLighting, &PGConfMT::IsForwardLighting, 0x00400000u},
+        {"scene depth", &PGConfMT::EnableSceneDepth, &PGConfMT::IsReadingSceneDepth, 0x00800000u},
+        {"scene colour", &PGConfMT::EnableSceneColor, &PGConfMT::IsReadingSceneColor, 0x01000000u},
+        {"tessellation", &PGConfMT::EnableTessellation, &PGConfMT::IsTessellation, 0x02000000u},
+        {"diffuse", &PGConfMT::EnableDiffuse, &PGConfMT::IsDiffuse, 0x04000000u},
+        {"distorted", &PGConfMT::EnableDistortion, &PGConfMT::IsDistorted, 0x08000000u},
+        {"transmission", &PGConfMT::EnableTransmission, &PGConfMT::IsTransmission, 0x10000000u},
+    };
+    for (const Flag& flag : flags)
+    {
+        Ptr<PGConfMT> one(new PGConfMT());
+        const bool wasOn = (one.Get()->*flag.is)();
+        (one.Get()->*flag.enable)(!wasOn);
+        EXPECT_EQ(one->GetFlags() ^ defaults, flag.bit) << flag.name;
+        EXPECT_NE((one.Get()->*flag.is)(), wasOn) << flag.name;
+        (one.Get()->*flag.enable)(wasOn);
+        EXPECT_EQ(one->GetFlags(), defaults) << flag.name;
+    }
+
+    // Every field at its maximum beside a few flags.
+    mt->SetBlendMode(BlendMode::Subtractive);                       // 7 at bit 0
+    mt->SetBlendAlphaMode(BlendAlphaMode::Max);                     // 2 at bit 4
+    mt->SetTranslucentDepthMode(TranslucentDepthMode::TwoPassTest); // 3 at bit 8
+    mt->SetTwoSideMode(TwoSideMode::TwoSideSeparatedPass);          // 2 at bit 12
+    mt->SetTessellationScheme(TessellationScheme::Phong);           // 2 at bit 16
+    mt->EnableForwardLighting(true);
+    mt->EnableSceneColor(true);
+    mt->EnableDistortion(true);
+    mt->EnableTransmission(true);
+    EXPECT_EQ(mt->GetFlags(), 0x19622327u);
+    EXPECT_EQ(MaterialFeature::GetField(mt->GetFlags(), MaterialFeature::kTwoSideModeShift), 2);
+
+    // The flags that own no macro add none; the word travels whole.
+    EXPECT_FALSE(HasMacro(mt.Get(), "MTL_BLEND_OPAQUE"));
+    EXPECT_TRUE(HasMacro(mt.Get(), "MTL_BLEND_SUBTRACTIVE", "1"));
+    EXPECT_EQ(mt->GetMacros().Count(), 4u); // blend, scheme, two-side mask, transmission
+    Ptr<PGConfMT> copy(new PGConfMT());
+    copy->CopyContents(*mt);
+    EXPECT_EQ(copy->GetFlags(), 0x19622327u);
+
+    // Fields are read signed: a stray high bit is not a large member.
+    EXPECT_EQ(MaterialFeature::GetField(0x0000F000u, MaterialFeature::kTwoSideModeShift), -1);
+    EXPECT_FALSE(MaterialFeature::FieldsValid(0x0000F000u));
+    EXPECT_FALSE(MaterialFeature::FieldsValid(0x00003000u)); // TwoSideMode 3 is no member
+    EXPECT_TRUE(MaterialFeature::FieldsValid(0xE0022327u));  // free high bits are not fields
+}
+
 TEST(PGCode, MaterialConfigurationFromThreeModes)
 {
     KovexTest::LogCapture log;
@@ -318,6 +385,24 @@ TEST(PGCodeSerial, LoadsBackEqualInBinaryAndXml)
         Ptr<PGFramework> other(new PGFramework());
         EXPECT_FALSE(LoadWith(bytes, other.Get()));
         EXPECT_TRUE(other->GetConfigMap().IsEmpty());
+    }
+}
+
+TEST(PGCodeSerial, MaterialFeatureWordTravels)
+{
+    for (const Class* form : {BinSerializer::StaticGetClass(), XmlSerializer::StaticGetClass()})
+    {
+        Ptr<PGMaterial> material(new PGMaterial());
+        PGConfMT* conf = material->CreateConfig(u"DEFAULT");
+        conf->EnableSceneDepth(true);
+        conf->EnableForwardLighting(true);
+        conf->EnableAmbient(true);
+        conf->SetTwoSideMode(TwoSideMode::TwoSide);
+        conf->EnableLighting(false);
+        Ptr<PGMaterial> loaded(new PGMaterial());
+        ASSERT_TRUE(LoadWith(SaveWith(form, material.Get()), loaded.Get()));
+        ASSERT_NE(loaded->GetConfig(u"DEFAULT"), nullptr);
+        EXPECT_EQ(loaded->GetConfig(u"DEFAULT")->GetFlags(), 0x00D01100u) << (form == BinSerializer::StaticGetClass() ? "binary" : "xml");
     }
 }
 

@@ -408,7 +408,32 @@ bool TKeyControl<K>::Load(Serializer* serializer)
     if (!CopyFromKey(reinterpret_cast<const KeyFrame*>(bytes.get()), K::kKeyType, interp, stored, layout->GetSize()))
         return fail();
     ProcessKeys();
+    // Authored values within bounds can still make curves that overflow (a
+    // tension of 1e30 times a value of 1e30): such keys would sample to
+    // infinity or NaN, so they are refused like any other damage.
+    if (!CurveStaysBounded())
+    {
+        Log::Format(3, u"Load key control failed: the keys make a curve that overflows.\n");
+        ClearKeys();
+        return fail();
+    }
     serializer->Leave();
+    return true;
+}
+
+template <class K>
+bool TKeyControl<K>::CurveStaysBounded() const
+{
+    // Every member of a key is a float. Four terms of at most 1e36 each
+    // cannot overflow when a segment is evaluated.
+    const unsigned floats = KeyFrame::GetKeySize(K::kKeyType, m_interp) / sizeof(float);
+    for (unsigned i = 0; i < m_numKeys; ++i)
+    {
+        const float* f = reinterpret_cast<const float*>(KeyFrame::GetKey(m_keys, i, m_keyStride));
+        for (unsigned j = 0; j < floats; ++j)
+            if (!(std::fabs(f[j]) <= 1e36f))
+                return false;
+    }
     return true;
 }
 

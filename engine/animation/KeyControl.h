@@ -111,6 +111,8 @@ protected:
 private:
     // Takes `keys` (made for `interp`) as the block.
     void Adopt(KeyFrame* keys, unsigned count, int interp);
+    // Every float of every key (coefficients included) finite and within 1e36.
+    bool CurveStaysBounded() const;
     const ValueType& ValueAt(unsigned index) const
     {
         return static_cast<const K*>(KeyFrame::GetKey(m_keys, index, m_keyStride))->value;

@@ -57,21 +57,29 @@ if grep -q "^Renderer: Vulkan" out.txt; then
   [ "$(head -c 8 "$work/frame.png" | od -An -tx1 | tr -d ' \n')" = "89504e470d0a1a0a" ]
   # On a display the frames go to a window as well (Xvfb stands in for one).
   if command -v Xvfb > /dev/null; then
-    # Xvfb picks a free display itself (tests running beside this one start
-    # their own) and names it once it accepts connections.
-    Xvfb -displayfd 3 -screen 0 800x600x24 -nolisten tcp 3> "$work/display" > /dev/null 2>&1 &
-    xvfb=$!
+    # Xvfb picks a free display itself and names it once it accepts
+    # connections. Several servers starting at once (tests running beside
+    # this one) can race for one display, so a display that does not open
+    # gets a fresh server, up to three times.
+    xvfb=
     trap 'kill $xvfb 2> /dev/null; rm -rf "$work"' EXIT
-    # A loaded machine can take many seconds to start it.
-    for _ in $(seq 600); do
-      [ -s "$work/display" ] && break
-      kill -0 $xvfb 2> /dev/null || break
-      sleep 0.1
+    for attempt in 1 2 3; do
+      [ -z "$xvfb" ] || kill $xvfb 2> /dev/null || true
+      rm -f "$work/display"
+      Xvfb -displayfd 3 -screen 0 800x600x24 -nolisten tcp 3> "$work/display" > /dev/null 2>&1 &
+      xvfb=$!
+      # A loaded machine can take many seconds to start it.
+      for _ in $(seq 600); do
+        [ -s "$work/display" ] && break
+        kill -0 $xvfb 2> /dev/null || break
+        sleep 0.1
+      done
+      n="$(head -n 1 "$work/display" 2> /dev/null || true)"
+      [ -n "$n" ] || continue
+      DISPLAY=":$n" ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" "$demo" 10 --output "$work/window.png" > out.txt
+      grep -q "^Window: 640x360 on :$n$" out.txt && break
     done
-    n="$(head -n 1 "$work/display")"
-    [ -n "$n" ] || { echo "Xvfb named no display" >&2; exit 1; }
-    DISPLAY=":$n" ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" "$demo" 10 --output "$work/window.png" > out.txt
-    grep -q "^Window: 640x360 on :$n$" out.txt || { cat out.txt >&2; exit 1; }
+    grep -q "^Window: 640x360 on :$n$" out.txt || { echo "no window after $attempt servers" >&2; cat out.txt >&2; exit 1; }
     grep -q "^Last frame written to $work/window.png$" out.txt || { cat out.txt >&2; exit 1; }
     DISPLAY=":$n" ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" "$demo" 3 --offscreen > out.txt
     if grep -q "^Window:" out.txt; then exit 1; fi

@@ -252,6 +252,8 @@ bool Node::attachChildAt(Node* child, unsigned int index)
         child->m_parent = nullptr;
         return false;
     }
+    if (child->m_ticking)
+        AddTicking(int(child->m_ticking));
     child->OnAttached();
     return true;
 }
@@ -262,8 +264,28 @@ void Node::detachChild(Node* child)
         return;
     Ptr<Node> held(child); // dies, if it must, only after the removal
     child->OnDetached();
+    if (child->m_ticking && child->m_parent == this)
+        AddTicking(-int(child->m_ticking));
     child->m_parent = nullptr;
     m_children.Remove(held);
+}
+
+void Node::AddTicking(int count)
+{
+    for (Node* n = this; n; n = n->m_parent)
+        n->m_ticking = unsigned(int(n->m_ticking) + count);
+}
+
+void Node::OnModifierAttached(const Ptr<Modifier>&)
+{
+    if (GetNumModifiers() == 1)
+        AddTicking(1);
+}
+
+void Node::OnModifierDetached(const Ptr<Modifier>&)
+{
+    if (GetNumModifiers() == 0)
+        AddTicking(-1);
 }
 
 void Node::DetachFromParent()
@@ -279,6 +301,8 @@ void Node::DetachAllChildren()
         if (child->m_parent == this)
         {
             child->OnDetached();
+            if (child->m_ticking && child->m_parent == this)
+                AddTicking(-int(child->m_ticking));
             child->m_parent = nullptr;
         }
     // Children attached by a callback meanwhile stay.
@@ -600,11 +624,15 @@ void Node::Update(float delta)
 // are asked for while the node itself is worked on.
 void Node::PrefetchChildren() const
 {
+    // Only the lines the walk touches: the reference count, the flags and
+    // links, and the final transform it writes. Fetching the whole object (most of it names and
+    // modifier tables) filled the line buffers and stalled the walk.
     for (const Ptr<Node>& child : m_children)
     {
-        const char* at = reinterpret_cast<const char*>(child.Get());
-        for (size_t offset = 0; offset < sizeof(Node); offset += 64)
-            __builtin_prefetch(at + offset);
+        const Node* n = child.Get();
+        __builtin_prefetch(n, 1); // the reference count the walk takes
+        __builtin_prefetch(&n->m_flags);
+        __builtin_prefetch(&n->m_final, 1);
     }
 }
 
@@ -620,8 +648,8 @@ void Node::UpdateAllModifiers(float delta)
         unsigned next = 0;
     };
     UpdateModifiers(delta);
-    if (!m_children.Count())
-        return;
+    if (!m_children.Count() || m_ticking <= (GetNumModifiers() ? 1u : 0u))
+        return; // nothing below ticks
     TArray<Level> stack(64);
     PrefetchChildren();
     stack.AddNew()->node = this;
@@ -634,14 +662,13 @@ void Node::UpdateAllModifiers(float delta)
             continue;
         }
         Node* child = top.node->m_children[top.next++].Get();
+        if (!child->m_ticking)
+            continue; // nothing below ticks
         bool hasModifiers = child->GetNumModifiers() != 0;
-        bool hasChildren = child->m_children.Count() != 0;
-        if (!hasModifiers && !hasChildren)
-            continue;
         Ptr<Node> held(child);
         if (hasModifiers)
             child->UpdateModifiers(delta);
-        if (child->m_children.Count())
+        if (child->m_children.Count() && child->m_ticking > (child->GetNumModifiers() ? 1u : 0u))
         {
             child->PrefetchChildren();
             Level* level = stack.AddNew();

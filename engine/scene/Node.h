@@ -234,6 +234,11 @@ public:
     virtual bool SaveChildrenDiff(Serializer* serializer, const Node* base) const;
     virtual bool canSaveChild(Node* /*child*/) const { return true; }
 
+    // Keep the count of nodes with modifiers below (see m_ticking); a
+    // derived node that overrides these calls Node's.
+    void OnModifierAttached(const Ptr<Modifier>& modifier) override;
+    void OnModifierDetached(const Ptr<Modifier>& modifier) override;
+
 private:
 public:
     struct CloneQueue; // defined in the source
@@ -244,7 +249,12 @@ private:
     bool UpdateSubtree(float delta, bool force);
     void RebuildBounds(bool addChildren, bool& anyAdded);
 
+    void AddTicking(int count);
+
     unsigned int m_flags = FLAGS_DEFAULT;
+    // Nodes of this subtree, this one included, that have a modifier: the
+    // modifier pass leaves out subtrees where it is 0.
+    unsigned int m_ticking = 0;
     Node* m_parent = nullptr;
     TResNamedMap<Ptr<Node>, const WString&> m_children;
     Ptr<PhysicsShape> m_physicsShape;

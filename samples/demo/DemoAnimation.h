@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "KovexEngine.h"
 
 // A node of a small scene graph moved by keyed animations: a walk that
@@ -12,6 +14,11 @@ public:
     // frame so that what it prints does not depend on the machine's speed.
     void Frame(unsigned frame);
     void Report() const;
+    // Saves the scene graph as ".node" in the binary and the XML form under
+    // DIR, loads both back through the resource table and prints whether
+    // each loaded tree matches (names and local transforms, node by node).
+    // False when a save or load fails or a tree differs.
+    bool RoundTrip(const std::string& dir) const;
 
 private:
     void Heard(const KovexEngine::Ptr<KovexEngine::AnimState>& state, const KovexEngine::Ptr<KovexEngine::AnimModifier>&);

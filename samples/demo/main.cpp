@@ -259,6 +259,18 @@ int main(int argc, char** argv)
                   measured * 1e6 / double(frames - 1), shortest * 1e6, longest * 1e6);
     std::fputs(report(), stdout);
     animation.Report();
+    {
+        char pattern[] = "/tmp/kovex-demo-XXXXXX";
+        bool same = mkdtemp(pattern) && animation.RoundTrip(pattern);
+        std::filesystem::remove_all(pattern);
+        if (!same)
+        {
+            std::fprintf(stderr, "The scene graph did not come back the same from its \".node\" files.\n");
+            scene.Destroy();
+            ShutDown();
+            return 1;
+        }
+    }
 
     if (vulkan)
     {

@@ -562,6 +562,74 @@ TEST(NodeModifiers, TickInKeyOrderOnceEachBeforeAndAfterTheTransformUpdate)
     EXPECT_EQ(std::count(Events().begin(), Events().end(), "update:child"), 1);
 }
 
+// The modifier pass leaves out subtrees with no modifier in them; one added
+// deep in a clean tree, carried along when its branch moves, attached
+// before its branch is, or one of two on a node that loses the other,
+// still ticks, and one that is gone does not.
+TEST(NodeModifiers, ModifiersAnywhereBelowTickThroughAttachMoveAndDetach)
+{
+    Ptr<Node> root(new Node()), a(new Node()), b(new Node()), c(new Node()), d(new Node()), e(new Node());
+    root->AttachChild(a);
+    a->AttachChild(b);
+    b->AttachChild(c);
+    root->AttachChild(d);
+    d->AttachChild(e);
+    root->Update(0);
+    auto fresh = [] {
+        Ptr<SceneModifierA> m(new SceneModifierA());
+        m->usage = 0;
+        return m;
+    };
+
+    Ptr<SceneModifierA> deep = fresh();
+    c->AttachModifier(Ptr<Modifier>(deep.Get()));
+    root->Update(0.5f);
+    EXPECT_EQ(deep->lastTick, 0.5f);
+
+    // The branch b-c moves under e: it ticks there, and not twice.
+    e->AttachChild(b);
+    Events().clear();
+    root->Update(0.25f);
+    EXPECT_EQ(deep->lastTick, 0.25f);
+    EXPECT_EQ(std::count(Events().begin(), Events().end(), "tick:SceneModifierA@"), 1);
+
+    // A second modifier on the same node; the first goes, the second ticks.
+    Ptr<SceneModifierB> other(new SceneModifierB());
+    other->usage = 0;
+    c->AttachModifier(Ptr<Modifier>(other.Get()));
+    c->DetachModifier(Ptr<Modifier>(deep.Get()));
+    root->Update(0.125f);
+    EXPECT_EQ(deep->lastTick, 0.25f);
+    EXPECT_EQ(other->lastTick, 0.125f);
+    c->DetachModifier(Ptr<Modifier>(other.Get()));
+    root->Update(2.0f);
+    EXPECT_EQ(other->lastTick, 0.125f);
+
+    // Modifiers in a branch before it is attached; the branch leaves again.
+    Ptr<Node> branch(new Node()), leaf(new Node());
+    branch->AttachChild(leaf);
+    Ptr<SceneModifierA> early = fresh();
+    leaf->AttachModifier(Ptr<Modifier>(early.Get()));
+    a->AttachChild(branch);
+    root->Update(3.0f);
+    EXPECT_EQ(early->lastTick, 3.0f);
+    a->DetachChild(branch);
+    root->Update(4.0f);
+    EXPECT_EQ(early->lastTick, 3.0f);
+    branch->Update(5.0f); // the branch alone still ticks its own
+    EXPECT_EQ(early->lastTick, 5.0f);
+
+    // Clearing every child of a node drops what they carried.
+    c->AttachModifier(Ptr<Modifier>(deep.Get()));
+    root->DetachAllChildren();
+    root->Update(6.0f);
+    EXPECT_EQ(deep->lastTick, 0.25f);
+    root->AttachChild(a);
+    root->AttachChild(d);
+    root->Update(7.0f);
+    EXPECT_EQ(deep->lastTick, 7.0f);
+}
+
 // A read of a dirty leaf under a dirty parent ticks the highest dirty
 // node's modifiers with delta 0, and only that subtree's.
 TEST(NodeModifiers, ReadingADirtyLeafTicksTheHighestDirtyAncestor)

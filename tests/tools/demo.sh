@@ -35,6 +35,9 @@ awk '/^Frames:/ {
 [ "$(grep -c '^Animation event: "walk" reached 0.50 s' out.txt)" -eq 1 ]
 grep -q '^Animated node at (.*) after 40 frames, 1 events, 1 state(s) playing' out.txt
 ! grep -q '^Animated node at (0.000, 0.000, 0.000)' out.txt
+# The scene graph saved as ".node" in both forms and loaded back the same.
+grep -q '^Scene saved as binary .node ([1-9][0-9]* bytes) and loaded back: same tree (4 nodes)$' out.txt
+grep -q '^Scene saved as XML .node ([1-9][0-9]* bytes) and loaded back: same tree (4 nodes)$' out.txt
 
 # Options after operands work too, and --data names the root.
 cp -r "$source_data" "$work/MyData"

@@ -725,3 +725,23 @@ TEST(KeyControlCurves, BezierInterpolateWalksTheCurveStraightOrHeldAndTravelsWit
     l->SetBezierInterpolate(BezierInterpolate::Step);
     ExpectNear(Sample(*l, 0.5f), straight);
 }
+
+TEST(KeyControlCurves, BezierNormalMatchesTheHermiteWithoutACache)
+{
+    auto hermite = [](float p0, float m0, float p1, float m1, float s) {
+        const float s2 = s * s, s3 = s2 * s;
+        return p0 * (2 * s3 - 3 * s2 + 1) + m0 * (s3 - 2 * s2 + s) + p1 * (-2 * s3 + 3 * s2) + m1 * (s3 - s2);
+    };
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> any(-5.0f, 5.0f);
+    for (int i = 0; i < 50; ++i)
+    {
+        const float p0 = any(rng), m0 = any(rng), m1 = any(rng), p1 = any(rng), s = (i + 0.5f) / 50.0f;
+        float out = 0.0f;
+        Bezier_Normal(out, p0, m0, m1, p1, s);
+        EXPECT_NEAR(out, hermite(p0, m0, p1, m1, s), 1e-4f);
+    }
+    Vector3 v;
+    Bezier_Normal(v, Vector3(1, 2, 3), Vector3(0, 1, 0), Vector3(1, 0, 0), Vector3(4, 5, 6), 1.0f);
+    ExpectNear(v, Vector3(4, 5, 6));
+}

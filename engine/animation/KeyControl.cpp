@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "kernel/Log.h"
+#include "reflection/PropertyRegistration.h"
 #include "serialization/Serializer.h"
 
 namespace KovexEngine {
@@ -30,11 +31,20 @@ float FloatAt(const KeyFrame* key, unsigned offset)
 } // namespace
 
 KOVEX_REGISTER_CLASS(KeyControl, u"Engine", Object)
-KOVEX_REGISTER_CLASS(FloatKeyControl, u"Engine", KeyControl)
-KOVEX_REGISTER_CLASS(Vector2KeyControl, u"Engine", KeyControl)
-KOVEX_REGISTER_CLASS(Vector3KeyControl, u"Engine", KeyControl)
-KOVEX_REGISTER_CLASS(Vector4KeyControl, u"Engine", KeyControl)
-KOVEX_REGISTER_CLASS(QuatKeyControl, u"Engine", KeyControl)
+#define KOVEX_REGISTER_KEY_CONTROL(X)                                                                     \
+    KOVEX_REGISTER_CLASS_EX(X, u"Engine")                                                                 \
+    void X::StaticConstructor(Class* cls)                                                                 \
+    {                                                                                                     \
+        RegisterBases<X, KeyControl>(cls);                                                                \
+        AddAccessor(cls, u"BezierInterpolate", &X::GetBezierInterpolate, &X::SetBezierInterpolate);       \
+        cls->ProcessClass();                                                                              \
+    }
+KOVEX_REGISTER_KEY_CONTROL(FloatKeyControl)
+KOVEX_REGISTER_KEY_CONTROL(Vector2KeyControl)
+KOVEX_REGISTER_KEY_CONTROL(Vector3KeyControl)
+KOVEX_REGISTER_KEY_CONTROL(Vector4KeyControl)
+KOVEX_REGISTER_KEY_CONTROL(QuatKeyControl)
+#undef KOVEX_REGISTER_KEY_CONTROL
 
 bool KeyControl::ValidateKeys(const KeyFrame* keys, int type, int interp, unsigned count, unsigned stride)
 {
@@ -87,7 +97,27 @@ template <class K>
 TKeyControl<K>::TKeyControl()
 {
     m_keyStride = KeyFrame::GetKeySize(K::kKeyType, m_interp);
-    m_interpolate = KeyFrame::GetInterpolateFunc(K::kKeyType, m_interp);
+    SelectInterpolateFunc();
+}
+
+template <class K>
+void TKeyControl<K>::SetBezierInterpolate(BezierInterpolate mode)
+{
+    m_bezierInterpolate = mode;
+    SelectInterpolateFunc();
+}
+
+template <class K>
+void TKeyControl<K>::SelectInterpolateFunc()
+{
+    int interp = m_interp;
+    // The linear and step functions read only time and value, which every
+    // key of this value type holds at the same place.
+    if (interp == KeyFrame::INTERP_BEZIER && m_bezierInterpolate.value == BezierInterpolate::Linear)
+        interp = KeyFrame::INTERP_LINEAR;
+    else if (interp == KeyFrame::INTERP_BEZIER && m_bezierInterpolate.value == BezierInterpolate::Step)
+        interp = KeyFrame::INTERP_STEP;
+    m_interpolate = KeyFrame::GetInterpolateFunc(K::kKeyType, interp);
 }
 
 template <class K>
@@ -128,7 +158,7 @@ void TKeyControl<K>::Adopt(KeyFrame* keys, unsigned count, int interp)
     m_numKeys = keys ? count : 0;
     m_interp = interp;
     m_keyStride = KeyFrame::GetKeySize(K::kKeyType, interp);
-    m_interpolate = KeyFrame::GetInterpolateFunc(K::kKeyType, interp);
+    SelectInterpolateFunc();
 }
 
 template <class K>
@@ -326,6 +356,7 @@ bool TKeyControl<K>::Duplicate(Object* destination, unsigned int flags) const
         return false;
     if (other == this)
         return true;
+    other->SetBezierInterpolate(m_bezierInterpolate);
     if (m_numKeys == 0)
     {
         other->ClearKeys();

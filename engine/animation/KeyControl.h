@@ -8,6 +8,7 @@
 // Editing, ProcessKeys, Load and Duplicate belong to the owning thread.
 
 #include "animation/KeyFrame.h"
+#include "reflection/EngineEnums.h"
 #include "reflection/Object.h"
 
 namespace KovexEngine {
@@ -105,6 +106,13 @@ public:
     KeyFrame::InterpolateFunc GetInterpolateFunc() const { return m_interpolate; }
     static int StaticGetKeyType() { return K::kKeyType; }
 
+    // How Bezier keys are walked between two keys: along the cubic (Curve,
+    // the default), straight (Linear) or held at the left key (Step). The
+    // tangents stay in the keys, so an editor can flip the mode back. Only
+    // Bezier keys read it; property "BezierInterpolate".
+    BezierInterpolate GetBezierInterpolate() const { return m_bezierInterpolate; }
+    void SetBezierInterpolate(BezierInterpolate mode);
+
 protected:
     void SetKeySize(unsigned stride) { m_keyStride = stride; }
 
@@ -118,11 +126,16 @@ private:
         return static_cast<const K*>(KeyFrame::GetKey(m_keys, index, m_keyStride))->value;
     }
 
+    // The table's function for m_interp, or for Bezier keys the one that
+    // m_bezierInterpolate picks.
+    void SelectInterpolateFunc();
+
     KeyFrame::InterpolateFunc m_interpolate = nullptr;
     unsigned m_numKeys = 0;
     unsigned m_keyStride = 0;
     KeyFrame* m_keys = nullptr;
     int m_interp = KeyFrame::INTERP_LINEAR;
+    BezierInterpolate m_bezierInterpolate = BezierInterpolate::Curve;
 };
 
 extern template class TKeyControl<FloatKey>;

@@ -205,11 +205,76 @@ void QuatKey::_ProcessKeys(KeyFrame* keys, unsigned count, unsigned stride)
     }
 }
 
+// --- Reflected key structs ------------------------------------------------------------
+
+template <class Key>
+const char16_t* KeyStructName();
+#define KOVEX_KEY_STRUCT_NAME(Key) \
+    template <>                    \
+    const char16_t* KeyStructName<Key>() { return u"" #Key; }
+#define KOVEX_KEY_STRUCT_NAMES(V) \
+    KOVEX_KEY_STRUCT_NAME(V##LinearKey) KOVEX_KEY_STRUCT_NAME(V##StepKey) \
+    KOVEX_KEY_STRUCT_NAME(V##BezierKey) KOVEX_KEY_STRUCT_NAME(V##TCBKey)
+KOVEX_KEY_STRUCT_NAMES(Float)
+KOVEX_KEY_STRUCT_NAMES(Vector2)
+KOVEX_KEY_STRUCT_NAMES(Vector3)
+KOVEX_KEY_STRUCT_NAMES(Vector4)
+KOVEX_KEY_STRUCT_NAMES(Quat)
+#undef KOVEX_KEY_STRUCT_NAMES
+#undef KOVEX_KEY_STRUCT_NAME
+
+// Fields in memory order: time and value, the authored fields, then what
+// ProcessKeys caches.
+template <class Key>
+void AddKeyFields(Class* cls)
+{
+    AddStructField(cls, u"Time", &Key::time);
+    AddStructField(cls, u"Value", &Key::value);
+    if constexpr (requires { &Key::tension; })
+    {
+        AddStructField(cls, u"Tension", &Key::tension);
+        AddStructField(cls, u"Continuity", &Key::continuity);
+        AddStructField(cls, u"Bias", &Key::bias);
+        AddStructField(cls, u"A", &Key::A);
+        AddStructField(cls, u"B", &Key::B);
+        if constexpr (requires { &Key::outTangent; })
+        {
+            AddStructField(cls, u"OutTangent", &Key::outTangent);
+            AddStructField(cls, u"InTangent", &Key::inTangent);
+        }
+    }
+    else if constexpr (requires { &Key::inTangent; })
+    {
+        AddStructField(cls, u"InTangent", &Key::inTangent);
+        AddStructField(cls, u"OutTangent", &Key::outTangent);
+        AddStructField(cls, u"A", &Key::A);
+        AddStructField(cls, u"B", &Key::B);
+    }
+    else if constexpr (requires { &Key::intermediate; })
+        AddStructField(cls, u"Intermediate", &Key::intermediate);
+}
+
+// Built on first need like any KOVEX_STRUCT; StaticInit asks for every one
+// while it holds the tables' lock.
+template <class Key>
+const Class* KeyStruct()
+{
+    static const Class* slot = nullptr;
+    if (slot)
+        return slot;
+    auto* cls = new TStruct<Key>(KeyStructName<Key>(), u"Engine", KOVEX_TYPE_CUSTOM);
+    slot = cls;
+    cls->SetRegistrySlot(&slot);
+    AddKeyFields<Key>(cls);
+    cls->ProcessClass();
+    return slot;
+}
+
 // --- Statics shared by the templates -------------------------------------------------
 
 #define KOVEX_KEY_COMMON(TEMPLATE, Key, INTERP)                                                         \
     TEMPLATE int Key::GetInterpType() { return INTERP; }                                              \
-    TEMPLATE const Class* Key::GetSelfStruct() { return KeyFrame::StaticGetClass(); }                 \
+    TEMPLATE const Class* Key::GetSelfStruct() { return KeyStruct<Key>(); }                           \
     TEMPLATE KeyFrame* Key::CreateKeys(unsigned count) { return NewKeys<Key>(count); }               \
     TEMPLATE void Key::DeleteKeys(KeyFrame* keys) { FreeKeys<Key>(keys); }
 

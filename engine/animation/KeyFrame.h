@@ -222,4 +222,13 @@ inline void Bezier_Fast(T& out, const T& p0, const T& t0, const T& a, const T& b
     out = ((b * t + a) * t + t0) * t + p0;
 }
 
+// The same cubic with A and B worked out from the segment's ends, for keys
+// whose cache ProcessKeys has not built (a tangent being dragged).
+template <typename T>
+inline void Bezier_Normal(T& out, const T& p0, const T& t0, const T& t1, const T& p1, float t)
+{
+    const T d = p1 - p0;
+    Bezier_Fast(out, p0, t0, d * 3.0f - (t1 + t0 * 2.0f), (t0 + t1) - d * 2.0f, t);
+}
+
 } // namespace KovexEngine

@@ -373,3 +373,44 @@ TEST(AnimOnNode, KeyedAnimationsMoveTheNodeAndCrossFade)
     EXPECT_NEAR(node->GetLocalTrans().x, 0.0f, 1e-3f);
     EXPECT_NEAR(node->GetLocalTrans().y, 6.0f, 1e-3f);
 }
+
+TEST(AnimModifierLists, DuplicatingStatesReplacesTheTargetsAndCopiesClockWeightsAndEvents)
+{
+    Ptr<Clip> a(new Clip(2.0f, u"a")), b(new Clip(1.0f, u"b")), c(new Clip(1.0f, u"c"));
+    Ptr<NodeAnimModifier> source(new NodeAnimModifier()), target(new NodeAnimModifier());
+    Listener listener;
+    Ptr<AnimState> sa = source->playAnimation(a.Get(), 0.5f, 3, false);
+    Ptr<AnimState> sb = source->playAnimation(b.Get(), 2.0f, 0, false);
+    sa->SetBlendWeight(3.0f);
+    sa->AddEvent(EventAt(0.9f, listener));
+    sb->SetPaused(true);
+    source->UpdateAnimStates(1.2f); // sa at 0.6, its event not yet reached
+    target->playAnimation(c.Get(), 1.0f, 0, false);
+
+    source->DuplicateAnimStates(target.Get());
+    ASSERT_EQ(target->GetActiveStates().Count(), 2u); // c was closed, not kept
+    for (unsigned i = 0; i < 2; ++i)
+    {
+        const Ptr<AnimState>& from = source->GetActiveStates()[i];
+        const Ptr<AnimState>& to = target->GetActiveStates()[i];
+        EXPECT_NE(from, to);
+        EXPECT_EQ(to->GetAnimation(), from->GetAnimation());
+        EXPECT_EQ(to->GetSpeed(), from->GetSpeed());
+        EXPECT_EQ(to->GetLoopTotal(), from->GetLoopTotal());
+        EXPECT_EQ(to->GetTime(), from->GetTime());
+        EXPECT_EQ(to->GetBlendWeight(), from->GetBlendWeight());
+        EXPECT_EQ(to->IsPaused(), from->IsPaused());
+        EXPECT_EQ(to->GetEvents().Count(), from->GetEvents().Count());
+    }
+    EXPECT_NEAR(BlendSum(*target), 1.0f, 1e-3f);
+    // The copy runs on its own: its event fires once, the source is untouched.
+    target->UpdateAnimStates(0.8f);
+    EXPECT_EQ(listener.fired, 1);
+    EXPECT_FLOAT_EQ(sa->GetTime(), 0.6f);
+    EXPECT_FLOAT_EQ(target->GetActiveStates()[1]->GetTime(), 0.0f); // paused copy stays put
+
+    // Duplicating into itself or into nothing changes nothing.
+    source->DuplicateAnimStates(source.Get());
+    source->DuplicateAnimStates(nullptr);
+    EXPECT_EQ(source->GetActiveStates().Count(), 2u);
+}

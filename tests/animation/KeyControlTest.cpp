@@ -8,6 +8,7 @@
 
 #include "animation/KeyControl.h"
 #include "math/MathUtil.h"
+#include "reflection/Struct.h"
 #include "serialization/BinSerializer.h"
 #include "serialization/SerializerTestSupport.h"
 #include "serialization/XmlSerializer.h"
@@ -573,4 +574,174 @@ TEST(KeyControlThreads, TablesFillOnceUnderRacingReadersAndSamplingIsShared)
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(wrong.load(), 0);
+}
+
+// --- Reflected key structs ---------------------------------------------------------------
+
+namespace {
+
+template <class Key, class Field>
+int FieldOffset(Field Key::*field)
+{
+    Key key;
+    return int(reinterpret_cast<const char*>(&(key.*field)) - reinterpret_cast<const char*>(&key));
+}
+
+struct ExpectedField
+{
+    const char16_t* name;
+    int offset;
+    const Class* type;
+};
+
+void ExpectFields(const Class* cls, const std::vector<ExpectedField>& expected)
+{
+    ASSERT_NE(cls, nullptr);
+    const auto* st = static_cast<const Struct*>(cls);
+    const TArray<const Property*>& fields = st->GetStructFields();
+    ASSERT_EQ(fields.Count(), unsigned(expected.size()));
+    for (unsigned i = 0; i < fields.Count(); ++i)
+    {
+        SCOPED_TRACE(testing::Message() << "field " << i);
+        EXPECT_EQ(fields[i]->GetName(), WString(expected[i].name));
+        EXPECT_EQ(fields[i]->GetOffset(), expected[i].offset);
+        EXPECT_EQ(fields[i]->GetClass(), expected[i].type);
+    }
+}
+
+} // namespace
+
+TEST(KeyControlTables, EverySlotAnswersItsOwnReflectedKeyStruct)
+{
+    const char16_t* names[] = {u"FloatLinearKey",   u"FloatBezierKey",   u"FloatTCBKey",   u"FloatStepKey",
+                               u"Vector2LinearKey", u"Vector2BezierKey", u"Vector2TCBKey", u"Vector2StepKey",
+                               u"Vector3LinearKey", u"Vector3BezierKey", u"Vector3TCBKey", u"Vector3StepKey",
+                               u"Vector4LinearKey", u"Vector4BezierKey", u"Vector4TCBKey", u"Vector4StepKey",
+                               u"QuatLinearKey",    u"QuatBezierKey",    u"QuatTCBKey",    u"QuatStepKey"};
+    std::vector<const Class*> seen;
+    for (int type = KOVEX_TYPE_FLOAT; type <= KOVEX_TYPE_QUATERNION; ++type)
+        for (int interp = 0; interp < KeyFrame::kNumInterpTypes; ++interp)
+        {
+            const Class* cls = KeyFrame::GetKeyStruct(type, interp);
+            ASSERT_NE(cls, nullptr);
+            EXPECT_EQ(cls->GetName(), WString(names[(type - KOVEX_TYPE_FLOAT) * 4 + interp]));
+            EXPECT_EQ(cls->GetSize(), KeyFrame::GetKeySize(type, interp));
+            EXPECT_EQ(std::find(seen.begin(), seen.end(), cls), seen.end());
+            seen.push_back(cls);
+        }
+    EXPECT_EQ(KeyFrame::GetKeyStruct(KOVEX_TYPE_VECTOR2, KeyFrame::INTERP_STEP), Vector2StepKey::GetSelfStruct());
+    EXPECT_EQ(KeyFrame::GetKeyStruct(KOVEX_TYPE_QUATERNION, KeyFrame::INTERP_TCB), QuatTCBKey::GetSelfStruct());
+    EXPECT_EQ(KeyFrame::GetKeyStruct(KOVEX_TYPE_BOOL, 0), nullptr);
+}
+
+TEST(KeyControlTables, KeyStructsListTheirFieldsInMemoryOrder)
+{
+    const Class* f = ClassOf<float>();
+    const Class* v3 = Vector3::StaticGetClass();
+    const Class* q = Quaternion::StaticGetClass();
+    using B = Vector3BezierKey;
+    ExpectFields(B::GetSelfStruct(), {{u"Time", 0, f},
+                                      {u"Value", FieldOffset(&B::value), v3},
+                                      {u"InTangent", FieldOffset(&B::inTangent), v3},
+                                      {u"OutTangent", FieldOffset(&B::outTangent), v3},
+                                      {u"A", FieldOffset(&B::A), v3},
+                                      {u"B", FieldOffset(&B::B), v3}});
+    using T = FloatTCBKey;
+    ExpectFields(T::GetSelfStruct(), {{u"Time", 0, f},
+                                      {u"Value", FieldOffset(&T::value), f},
+                                      {u"Tension", FieldOffset(&T::tension), f},
+                                      {u"Continuity", FieldOffset(&T::continuity), f},
+                                      {u"Bias", FieldOffset(&T::bias), f},
+                                      {u"A", FieldOffset(&T::A), f},
+                                      {u"B", FieldOffset(&T::B), f},
+                                      {u"OutTangent", FieldOffset(&T::outTangent), f},
+                                      {u"InTangent", FieldOffset(&T::inTangent), f}});
+    ExpectFields(QuatBezierKey::GetSelfStruct(),
+                 {{u"Time", 0, f},
+                  {u"Value", FieldOffset(&QuatBezierKey::value), q},
+                  {u"Intermediate", FieldOffset(&QuatBezierKey::intermediate), q}});
+    using QT = QuatTCBKey;
+    ExpectFields(QT::GetSelfStruct(), {{u"Time", 0, f},
+                                       {u"Value", FieldOffset(&QT::value), q},
+                                       {u"Tension", FieldOffset(&QT::tension), f},
+                                       {u"Continuity", FieldOffset(&QT::continuity), f},
+                                       {u"Bias", FieldOffset(&QT::bias), f},
+                                       {u"A", FieldOffset(&QT::A), q},
+                                       {u"B", FieldOffset(&QT::B), q}});
+    ExpectFields(Vector4LinearKey::GetSelfStruct(),
+                 {{u"Time", 0, f}, {u"Value", FieldOffset(&Vector4LinearKey::value), Vector4::StaticGetClass()}});
+
+    // A field read through reflection is the key's own field.
+    Vector2TCBKey key;
+    key.bias = -0.25f;
+    const auto* st = static_cast<const Struct*>(Vector2TCBKey::GetSelfStruct());
+    for (const Property* p : st->GetStructFields())
+        if (p->GetName() == WString(u"Bias"))
+        {
+            float bias = 0.0f;
+            ASSERT_TRUE(p->GetPropertyValue(&key, &bias));
+            EXPECT_EQ(bias, -0.25f);
+        }
+}
+
+// --- Bezier walk mode ---------------------------------------------------------------------
+
+TEST(KeyControlCurves, BezierInterpolateWalksTheCurveStraightOrHeldAndTravelsWithTheControl)
+{
+    std::vector<Vector3BezierKey> keys(2);
+    keys[0].time = 0.0f, keys[0].value = Vector3(0, 0, 0), keys[0].outTangent = Vector3(3, -1, 0);
+    keys[1].time = 2.0f, keys[1].value = Vector3(2, 4, -2), keys[1].inTangent = Vector3(0, 2, 2);
+    auto c = Vector3Control(keys, KeyFrame::INTERP_BEZIER);
+    EXPECT_EQ(c->GetBezierInterpolate().value, int(BezierInterpolate::Curve));
+    const Vector3 curve = Sample(*c, 0.5f);
+    const Vector3 straight(0.5f, 1.0f, -0.5f);
+    EXPECT_GT((curve - straight).Length(), 0.1f);
+
+    c->SetBezierInterpolate(BezierInterpolate::Linear);
+    ExpectNear(Sample(*c, 0.5f), straight);
+    c->SetBezierInterpolate(BezierInterpolate::Step);
+    ExpectNear(Sample(*c, 1.9f), keys[0].value);
+    ExpectNear(Sample(*c, 2.0f), keys[1].value); // the clamp still wins at the key
+
+    // Saved and loaded in both forms, and copied by Duplicate.
+    for (const Class* form : {BinSerializer::StaticGetClass(), XmlSerializer::StaticGetClass()})
+    {
+        Vector3KeyControl loaded;
+        ASSERT_TRUE(LoadControl(SaveControl(form, *c), loaded));
+        loaded.ProcessKeys();
+        EXPECT_EQ(loaded.GetBezierInterpolate().value, int(BezierInterpolate::Step));
+        ExpectNear(Sample(loaded, 1.9f), keys[0].value);
+    }
+    Vector3KeyControl copy;
+    ASSERT_TRUE(c->Duplicate(&copy, 0));
+    ExpectNear(Sample(copy, 1.9f), keys[0].value);
+
+    // Back to the curve: the tangents were kept. Other interpolations ignore the mode.
+    c->SetBezierInterpolate(BezierInterpolate::Curve);
+    ExpectNear(Sample(*c, 0.5f), curve);
+    std::vector<Vector3LinearKey> linear(2);
+    linear[1].time = 2.0f, linear[1].value = Vector3(2, 4, -2);
+    auto l = Vector3Control(linear, KeyFrame::INTERP_LINEAR);
+    l->SetBezierInterpolate(BezierInterpolate::Step);
+    ExpectNear(Sample(*l, 0.5f), straight);
+}
+
+TEST(KeyControlCurves, BezierNormalMatchesTheHermiteWithoutACache)
+{
+    auto hermite = [](float p0, float m0, float p1, float m1, float s) {
+        const float s2 = s * s, s3 = s2 * s;
+        return p0 * (2 * s3 - 3 * s2 + 1) + m0 * (s3 - 2 * s2 + s) + p1 * (-2 * s3 + 3 * s2) + m1 * (s3 - s2);
+    };
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> any(-5.0f, 5.0f);
+    for (int i = 0; i < 50; ++i)
+    {
+        const float p0 = any(rng), m0 = any(rng), m1 = any(rng), p1 = any(rng), s = (i + 0.5f) / 50.0f;
+        float out = 0.0f;
+        Bezier_Normal(out, p0, m0, m1, p1, s);
+        EXPECT_NEAR(out, hermite(p0, m0, p1, m1, s), 1e-4f);
+    }
+    Vector3 v;
+    Bezier_Normal(v, Vector3(1, 2, 3), Vector3(0, 1, 0), Vector3(1, 0, 0), Vector3(4, 5, 6), 1.0f);
+    ExpectNear(v, Vector3(4, 5, 6));
 }

@@ -216,6 +216,9 @@ public:
     void EnableDistortion(bool on);
     void EnableTessellation(bool on);
     void EnableTransmission(bool on);
+    void EnableForwardLighting(bool on);
+    void EnableSceneDepth(bool on);
+    void EnableSceneColor(bool on);
     BlendMode GetBlendMode();
     void SetBlendMode(BlendMode mode);
     BlendAlphaMode GetBlendAlphaMode();

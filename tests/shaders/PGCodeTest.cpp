@@ -259,6 +259,32 @@ TEST(PGCode, MaterialConfigurationFromThreeModes)
     EXPECT_EQ(material->CreateConfig(BlendMode(12), TranslucentDepthMode::NoTest, TwoSideMode::None), nullptr);
 }
 
+// The material's mirrors write the current configuration's word (making
+// "DEFAULT" first), one bit each, and leave other configurations alone.
+TEST(PGCode, MaterialMirrorsSetTheCurrentConfigurationsFlags)
+{
+    Ptr<PGMaterial> material = NewMaterial(u"PGCodeTest.mirrors");
+    PGConfMT* other = material->CreateConfig(WString(u"OTHER"));
+    ASSERT_NE(other, nullptr);
+    ASSERT_TRUE(material->SetCurConf(WString(u"OTHER")));
+    const uint32 before = other->GetFlags();
+    material->EnableForwardLighting(true);
+    material->EnableSceneDepth(true);
+    material->EnableSceneColor(true);
+    EXPECT_EQ(other->GetFlags(), before | PGConfMT::FLAG_FORWARD_LIGHTING | PGConfMT::FLAG_SCENE_DEPTH |
+                                     PGConfMT::FLAG_SCENE_COLOR);
+    material->EnableSceneDepth(false);
+    EXPECT_FALSE(other->IsReadingSceneDepth());
+    EXPECT_TRUE(other->IsForwardLighting() && other->IsReadingSceneColor());
+
+    Ptr<PGMaterial> fresh = NewMaterial(u"PGCodeTest.mirrors.fresh");
+    fresh->EnableSceneColor(true);
+    ASSERT_NE(fresh->GetCurConf(), nullptr);
+    EXPECT_EQ(*fresh->GetCurConf()->GetName(), WString(u"DEFAULT"));
+    EXPECT_TRUE(fresh->GetCurConf()->IsReadingSceneColor());
+    EXPECT_FALSE(fresh->GetCurConf()->IsForwardLighting());
+}
+
 TEST(PGCode, ReflectedPropertiesOfMaterialConfigurations)
 {
     Ptr<PGConfMT> mt(new PGConfMT());

@@ -48,14 +48,47 @@ thread_local TArray<Ptr<Node>>* t_graveyard = nullptr;
 
 const Struct* TransformStruct() { return static_cast<const Struct*>(Transform::StaticGetClass()); }
 
-// Adds `box` to `into`; true when `into` grew.
-bool AddBox(Aabb& into, const Aabb& box)
+// Adds `box` to `into`, as Aabb::Add does; true when `into` grew. Inline,
+// as are the two below, because every changed node of an update comes here.
+inline bool AddBox(Aabb& into, const Aabb& box)
 {
     if (box.IsEmpty())
         return false;
-    Aabb before = into;
-    into.Add(box);
-    return !(before == into);
+    bool grew = false;
+    for (unsigned i = 0; i < 3; ++i)
+    {
+        if (box.min[i] < into.min[i])
+        {
+            into.min[i] = box.min[i];
+            grew = true;
+        }
+        if (box.max[i] > into.max[i])
+        {
+            into.max[i] = box.max[i];
+            grew = true;
+        }
+    }
+    return grew;
+}
+
+inline float Smaller(float a, float b) { return b < a ? b : a; }
+inline float Larger(float a, float b) { return a < b ? b : a; }
+
+// A node's local box in the world: scaled first, then rotated and moved,
+// with the same arithmetic as Aabb::FromTransformedAabb.
+inline Aabb WorldBox(const Aabb& local, const Transform& final)
+{
+    const Vector3& s = final.scale;
+    Vector3 a = local.min * s, b = local.max * s;
+    Vector3 lo(Smaller(a.x, b.x), Smaller(a.y, b.y), Smaller(a.z, b.z));
+    Vector3 hi(Larger(a.x, b.x), Larger(a.y, b.y), Larger(a.z, b.z));
+    Vector3 e = (hi - lo) * 0.5f;
+    const Matrix3& r = final.rotation;
+    Vector3 center = r * ((lo + hi) * 0.5f) + final.translation;
+    Vector3 extent(std::fabs(r.m[0][0]) * e.x + std::fabs(r.m[0][1]) * e.y + std::fabs(r.m[0][2]) * e.z,
+                   std::fabs(r.m[1][0]) * e.x + std::fabs(r.m[1][1]) * e.y + std::fabs(r.m[1][2]) * e.z,
+                   std::fabs(r.m[2][0]) * e.x + std::fabs(r.m[2][1]) * e.y + std::fabs(r.m[2][2]) * e.z);
+    return {center - extent, center + extent};
 }
 
 bool SameTransformExactly(const Transform& a, const Transform& b)
@@ -80,6 +113,30 @@ struct Node::CloneQueue
 namespace {
 thread_local Node::CloneQueue* t_cloneQueue = nullptr;
 }
+
+// A root's tree in pre-order: each entry with its parent's slot and the
+// end of its subtree, and the nodes' States moved into one array in the
+// same order. A walk streams through both and touches a node's object only
+// for its virtual calls. Each entry but the root's holds a reference:
+// nodes that callbacks detach and drop during a walk stay valid until it
+// ends. The first change of shape outside a walk drops the order, moves
+// the States back into their nodes and lets the references go.
+struct Node::UpdateOrder
+{
+    struct Entry
+    {
+        Node* node;
+        unsigned parent; // slot of the parent; 0 for the root, unused
+        unsigned end;    // one past the last slot of the node's subtree
+    };
+    TArray<Entry> entries{1024};
+    State* states = nullptr;
+    unsigned depth = 0; // levels below the root
+    int walking = 0;    // walks in progress
+    bool stale = false; // a callback changed the shape during a walk
+
+    ~UpdateOrder() { delete[] states; }
+};
 
 KOVEX_REGISTER_CLASS_EX(Node, u"Engine")
 
@@ -144,10 +201,11 @@ void Node::StaticConstructor(Class* cls)
     cls->ProcessClass();
 }
 
-Node::Node() : m_finalBounds(EmptyBounds()) {}
+Node::Node() { m_ownState.bounds = EmptyBounds(); }
 
 Node::~Node()
 {
+    DropOrder();
     // Children die after this node, from the outermost destructor's loop.
     TArray<Ptr<Node>> graveyard;
     bool outermost = t_graveyard == nullptr;
@@ -252,8 +310,17 @@ bool Node::attachChildAt(Node* child, unsigned int index)
         child->m_parent = nullptr;
         return false;
     }
-    if (child->m_ticking)
-        AddTicking(int(child->m_ticking));
+    if (child->m_state->ticking)
+        AddTicking(int(child->m_state->ticking));
+    // No longer a root: its order would walk a tree that is now part of another.
+    if (child->m_order)
+    {
+        if (child->m_order->walking)
+            child->m_order->stale = true;
+        else
+            child->DropOrder();
+    }
+    NoteShapeChange();
     child->OnAttached();
     return true;
 }
@@ -264,16 +331,17 @@ void Node::detachChild(Node* child)
         return;
     Ptr<Node> held(child); // dies, if it must, only after the removal
     child->OnDetached();
-    if (child->m_ticking && child->m_parent == this)
-        AddTicking(-int(child->m_ticking));
+    if (child->m_state->ticking && child->m_parent == this)
+        AddTicking(-int(child->m_state->ticking));
     child->m_parent = nullptr;
     m_children.Remove(held);
+    NoteShapeChange();
 }
 
 void Node::AddTicking(int count)
 {
     for (Node* n = this; n; n = n->m_parent)
-        n->m_ticking = unsigned(int(n->m_ticking) + count);
+        n->m_state->ticking = unsigned(int(n->m_state->ticking) + count);
 }
 
 void Node::OnModifierAttached(const Ptr<Modifier>&)
@@ -301,8 +369,8 @@ void Node::DetachAllChildren()
         if (child->m_parent == this)
         {
             child->OnDetached();
-            if (child->m_ticking && child->m_parent == this)
-                AddTicking(-int(child->m_ticking));
+            if (child->m_state->ticking && child->m_parent == this)
+                AddTicking(-int(child->m_state->ticking));
             child->m_parent = nullptr;
         }
     // Children attached by a callback meanwhile stay.
@@ -313,6 +381,7 @@ void Node::DetachAllChildren()
     m_children.Clear();
     for (const Ptr<Node>& child : kept)
         m_children.Add(child);
+    NoteShapeChange();
 }
 
 const Ptr<Node>& Node::GetChild(unsigned int index) const
@@ -402,7 +471,7 @@ void Node::MakeChildrenTransformDirty()
     {
         Node* node = pending.Last();
         pending.Pop();
-        node->m_flags |= FLAG_TRANSFORM_DIRTY;
+        node->m_state->flags |= FLAG_TRANSFORM_DIRTY;
         for (const Ptr<Node>& child : node->m_children)
             pending.Add(child.Get());
     }
@@ -410,26 +479,26 @@ void Node::MakeChildrenTransformDirty()
 
 void Node::SetLocalXM(const Transform& local)
 {
-    m_local = local;
+    m_state->local = local;
     MakeTransformDirty();
 }
 
 void Node::SetLocalTrans(const Vector3& translation)
 {
-    m_local.translation = translation;
+    m_state->local.translation = translation;
     MakeTransformDirty();
 }
 
 void Node::SetLocalRot(const Matrix3& rotation)
 {
-    m_local.rotation = rotation;
+    m_state->local.rotation = rotation;
     MakeTransformDirty();
 }
 
 void Node::StoreLocalScale(const Vector3& scale)
 {
-    m_local.scale = scale;
-    m_local.CheckNonUniformScale();
+    m_state->local.scale = scale;
+    m_state->local.CheckNonUniformScale();
 }
 
 void Node::SetLocalScale(const Vector3& scale)
@@ -440,9 +509,9 @@ void Node::SetLocalScale(const Vector3& scale)
 
 void Node::SetLocalTRS(const Vector3& translation, const Matrix3& rotation, const Vector3& scale)
 {
-    m_local.translation = translation;
-    m_local.rotation = rotation;
-    m_local.CheckFlipped();
+    m_state->local.translation = translation;
+    m_state->local.rotation = rotation;
+    m_state->local.CheckFlipped();
     StoreLocalScale(scale);
     MakeTransformDirty();
 }
@@ -450,7 +519,7 @@ void Node::SetLocalTRS(const Vector3& translation, const Matrix3& rotation, cons
 Vector3 Node::GetLocalRotDegree() const
 {
     // The inverse of RotateEulerDegree: R = Rz * Ry * Rx.
-    const Matrix3& r = m_local.rotation;
+    const Matrix3& r = m_state->local.rotation;
     float sy = -r.m[2][0];
     sy = sy > 1 ? 1 : (sy < -1 ? -1 : sy);
     float x, y = std::asin(sy), z;
@@ -473,7 +542,7 @@ void Node::SetLocalRotDegree(const Vector3& angles) { SetLocalRot(Matrix3::Rotat
 
 void Node::SetOffsetXM(const Transform* offset)
 {
-    m_offset = offset;
+    m_state->offset = offset;
     MakeTransformDirty();
 }
 
@@ -496,15 +565,15 @@ void Node::MakeTransformClean()
 const Transform& Node::GetFinalXM()
 {
     MakeTransformClean();
-    return m_final;
+    return m_state->final;
 }
 
 Transform Node::GetWorldXMFast() const
 {
-    if (!m_offset)
-        return m_final;
+    if (!m_state->offset)
+        return m_state->final;
     Transform world;
-    Transform::Multiply(world, m_final, m_offset->Inverse());
+    Transform::Multiply(world, m_state->final, m_state->offset->Inverse());
     return world;
 }
 
@@ -521,15 +590,15 @@ Vector3 Node::GetDirection() { return GetFinalXM().rotation.Column(2); }
 void Node::SetWorldXM(const Transform& world, bool update)
 {
     KOVEX_ASSERT_MAIN_THREAD();
-    m_local = world;
+    m_state->local = world;
     if (m_parent)
     {
         m_parent->MakeTransformClean();
-        Transform::Multiply(m_local, m_parent->m_final.Inverse(), m_local);
+        Transform::Multiply(m_state->local, m_parent->m_state->final.Inverse(), m_state->local);
     }
-    m_final = world;
-    if (m_offset)
-        Transform::Multiply(m_final, world, *m_offset);
+    m_state->final = world;
+    if (m_state->offset)
+        Transform::Multiply(m_state->final, world, *m_state->offset);
     MakeTransformDirty();
     if (update)
         UpdateChildren(0);
@@ -631,8 +700,8 @@ void Node::PrefetchChildren() const
     {
         const Node* n = child.Get();
         __builtin_prefetch(n, 1); // the reference count the walk takes
-        __builtin_prefetch(&n->m_flags);
-        __builtin_prefetch(&n->m_final, 1);
+        __builtin_prefetch(&n->m_state->flags);
+        __builtin_prefetch(&n->m_state->final, 1);
     }
 }
 
@@ -648,7 +717,7 @@ void Node::UpdateAllModifiers(float delta)
         unsigned next = 0;
     };
     UpdateModifiers(delta);
-    if (!m_children.Count() || m_ticking <= (GetNumModifiers() ? 1u : 0u))
+    if (!m_children.Count() || m_state->ticking <= (GetNumModifiers() ? 1u : 0u))
         return; // nothing below ticks
     TArray<Level> stack(64);
     PrefetchChildren();
@@ -662,13 +731,13 @@ void Node::UpdateAllModifiers(float delta)
             continue;
         }
         Node* child = top.node->m_children[top.next++].Get();
-        if (!child->m_ticking)
+        if (!child->m_state->ticking)
             continue; // nothing below ticks
         bool hasModifiers = child->GetNumModifiers() != 0;
         Ptr<Node> held(child);
         if (hasModifiers)
             child->UpdateModifiers(delta);
-        if (child->m_children.Count() && child->m_ticking > (child->GetNumModifiers() ? 1u : 0u))
+        if (child->m_children.Count() && child->m_state->ticking > (child->GetNumModifiers() ? 1u : 0u))
         {
             child->PrefetchChildren();
             Level* level = stack.AddNew();
@@ -693,43 +762,44 @@ void Node::UpdateTransform()
     ForceUpdateTransform();
 }
 
-void Node::ForceUpdateTransform()
+void Node::ForceUpdateTransform() { ComputeFinal(*m_state, m_parent ? m_parent->m_state : nullptr); }
+
+// final = parent final ∘ local ∘ offset.
+void Node::ComputeFinal(State& state, const State* parent)
 {
-    UnsetFlag(FLAG_TRANSFORM_DIRTY);
-    if (m_offset)
-        Transform::Multiply(m_final, m_local, *m_offset);
+    state.flags &= ~FLAG_TRANSFORM_DIRTY;
+    if (state.offset)
+        Transform::Multiply(state.final, state.local, *state.offset);
     else
-        m_final = m_local;
-    if (m_parent)
-        Transform::Multiply(m_final, m_parent->m_final, m_final);
+        state.final = state.local;
+    if (parent)
+        Transform::Multiply(state.final, parent->final, state.final);
 }
 
 bool Node::UpdateAabb(bool changed, bool childChanged)
 {
     if (!changed && !childChanged)
         return false;
-    bool anyAdded = false;
-    RebuildBounds(childChanged, anyAdded);
-    return changed || anyAdded;
+    Aabb children = EmptyBounds();
+    if (childChanged)
+        for (const Ptr<Node>& child : m_children)
+            AddBox(children, child->m_state->bounds);
+    return RebuildBounds(*m_state, childChanged ? &children : nullptr) || changed;
 }
 
-void Node::RebuildBounds(bool addChildren, bool& anyAdded)
+// The node's own box in the world, then `children` (the union of the
+// children's boxes) when given; true when they added to the own box.
+// Adding the union at once grows the box exactly as adding each child in
+// turn would.
+bool Node::RebuildBounds(State& state, const Aabb* children)
 {
     const Aabb* local = getLocalAabbPtr();
-    if (local && !(local->max.x < local->min.x))
-    {
-        const Vector3& s = m_final.scale;
-        Vector3 a = local->min * s, b = local->max * s;
-        Transform unscaled(m_final.rotation, m_final.translation);
-        m_finalBounds = Aabb::FromTransformedAabb(Aabb(Vector3::Min(a, b), Vector3::Max(a, b)), unscaled);
-    }
+    if (local && !local->IsEmpty())
+        state.bounds = WorldBox(*local, state.final);
     else
-        m_finalBounds = EmptyBounds();
-    anyAdded = false;
-    if (addChildren)
-        for (const Ptr<Node>& child : m_children)
-            anyAdded = AddBox(m_finalBounds, child->m_finalBounds) || anyAdded;
-    UnsetFlag(FLAG_BOUNDS_DIRTY);
+        state.bounds = EmptyBounds();
+    state.flags &= ~FLAG_BOUNDS_DIRTY;
+    return children && AddBox(state.bounds, *children);
 }
 
 bool Node::UpdateWithoutModifiers(float delta)
@@ -750,15 +820,70 @@ void Node::ForceUpdate(float delta)
 void Node::ForceUpdate(float delta, const Transform* local)
 {
     if (local)
-        m_local = *local;
+        m_state->local = *local;
     ForceUpdate(delta);
 }
 
-// The post-order walk behind UpdateWithoutModifiers and ForceUpdate, on an
-// explicit stack. Each level holds its node, so a callback that detaches
-// nodes (even the one being updated) leaves nothing dangling; children are
-// read by index against the live count.
+// A node's part of an update, before its children: modifiers (ForceUpdate
+// ticks them here), the transform, and the notifications around it. True
+// when the node changed. `state` is the node's State when the caller knows
+// it cannot move (a flat walk); null means m_state, read again after each
+// callback, since one may drop the order the State lives in.
+bool Node::EnterUpdate(State* state, const State* parent, float delta, bool force)
+{
+    auto current = [&]() -> State& { return state ? *state : *m_state; };
+    // ticking is 0 on a node without modifiers, which spares the walk a
+    // read of the modifier lists.
+    if (current().ticking)
+    {
+        if (force)
+            UpdateModifiers(delta);
+        Do_Update();
+    }
+    State& now = current();
+    bool changed = force || (now.flags & (FLAG_TRANSFORM_DIRTY | FLAG_BOUNDS_DIRTY)) != 0;
+    if (force || (now.flags & FLAG_TRANSFORM_DIRTY))
+        ComputeFinal(now, state ? parent : (m_parent ? m_parent->m_state : nullptr));
+    OnUpdate(delta, changed);
+    if (current().ticking)
+        Do_PostUpdate();
+    return changed;
+}
+
+// After the children: the box (with the children's when `children` is
+// given), then the notification. True when the box changed.
+bool Node::LeaveUpdate(State& state, const Aabb* children, bool changed)
+{
+    bool boxChanged = (changed || children) && (RebuildBounds(state, children) || changed);
+    if (changed)
+        OnTransformChanged();
+    return boxChanged;
+}
+
+// Behind UpdateWithoutModifiers and ForceUpdate. A root walks its cached
+// flat order when it has one; it builds one when its shape has not changed
+// since its last update, so a tree whose shape changes every frame never
+// pays for orders it would throw away.
 bool Node::UpdateSubtree(float delta, bool force)
+{
+    if (m_parent || !m_children.Count())
+        return WalkSubtree(delta, force, false);
+    if (m_order && m_order->stale)
+        return WalkSubtree(delta, force, false); // nested in a walk whose shape changed
+    if (!m_order)
+    {
+        if (m_shapeChanged)
+            return WalkSubtree(delta, force, true);
+        BuildOrder();
+    }
+    return WalkOrder(*m_order, delta, force);
+}
+
+// The post-order walk by pointers, on an explicit stack. Each level holds
+// its node, so a callback that detaches nodes (even the one being updated)
+// leaves nothing dangling; children are read by index against the live
+// count. A root's walk clears the shape marks of its tree as it goes.
+bool Node::WalkSubtree(float delta, bool force, bool clearShapeMarks)
 {
     struct Level
     {
@@ -770,16 +895,9 @@ bool Node::UpdateSubtree(float delta, bool force)
     };
     TArray<Level> stack(64);
     auto enter = [&](Node* n, Ptr<Node>&& held) {
-        if (force)
-            n->UpdateModifiers(delta);
-        n->Do_Update();
-        bool changed = force || (n->m_flags & (FLAG_TRANSFORM_DIRTY | FLAG_BOUNDS_DIRTY)) != 0;
-        if (force)
-            n->ForceUpdateTransform();
-        else
-            n->UpdateTransform();
-        n->OnUpdate(delta, force || changed);
-        n->Do_PostUpdate();
+        if (clearShapeMarks)
+            n->m_shapeChanged = false;
+        bool changed = n->EnterUpdate(nullptr, nullptr, delta, force);
         n->PrefetchChildren();
         Level* level = stack.AddNew();
         level->node = n;
@@ -807,6 +925,170 @@ bool Node::UpdateSubtree(float delta, bool force)
         else
             stack.Last().childChanged = stack.Last().childChanged || boxChanged;
     }
+    return result;
+}
+
+// --- The flat update order -------------------------------------------------------------------------
+
+void Node::BuildOrder()
+{
+    auto* order = new UpdateOrder;
+    TArray<unsigned> open(64); // slots whose children are still being added
+    TArray<unsigned> next(64); // the next child of each
+    m_shapeChanged = false;
+    order->entries.Add({this, 0, 0});
+    open.Add(0);
+    next.Add(0);
+    while (!open.IsEmpty())
+    {
+        unsigned slot = open.Last();
+        Node* node = order->entries[slot].node;
+        unsigned& index = next.Last();
+        if (index == node->m_children.Count())
+        {
+            order->entries[slot].end = order->entries.Count();
+            open.Pop();
+            next.Pop();
+            continue;
+        }
+        Node* child = node->m_children[index++].Get();
+        child->AddRef();
+        child->m_shapeChanged = false;
+        open.Add(order->entries.Count());
+        next.Add(0);
+        order->entries.Add({child, slot, 0});
+        if (open.Count() - 1 > order->depth)
+            order->depth = open.Count() - 1;
+    }
+    unsigned count = order->entries.Count();
+    order->states = new State[count];
+    for (unsigned i = 0; i < count; ++i)
+    {
+        Node* node = order->entries[i].node;
+        order->states[i] = *node->m_state;
+        node->m_state = &order->states[i];
+    }
+    m_order = order;
+}
+
+void Node::DropOrder()
+{
+    UpdateOrder* order = m_order;
+    if (!order)
+        return;
+    m_order = nullptr;
+    // A node that another root's order has taken since keeps its State there.
+    for (unsigned i = 0; i < order->entries.Count(); ++i)
+    {
+        Node* node = order->entries[i].node;
+        if (node->m_state == &order->states[i])
+        {
+            node->m_ownState = order->states[i];
+            node->m_state = &node->m_ownState;
+        }
+    }
+    // Releasing may end nodes; each entry holds its own reference, so the
+    // ones still to come stay valid.
+    for (unsigned i = 1; i < order->entries.Count(); ++i)
+        order->entries[i].node->Release();
+    delete order;
+}
+
+// Called on a node whose children changed.
+void Node::NoteShapeChange()
+{
+    Node* node = this;
+    for (;;)
+    {
+        if (node->m_shapeChanged)
+            return; // marked before: so is every ancestor, and the root's order is gone or stale
+        node->m_shapeChanged = true;
+        if (!node->m_parent)
+            break;
+        node = node->m_parent;
+    }
+    if (UpdateOrder* order = node->m_order)
+    {
+        if (order->walking)
+            order->stale = true;
+        else
+            node->DropOrder();
+    }
+}
+
+// The same visits, in the same order, as WalkSubtree. The stack holds the
+// open ancestors of the current slot; a node is left once the walk passes
+// the end of its subtree, and its children are found from the slots alone
+// (the first follows it, each next one starts where the last one's subtree
+// ends). After a callback changes the shape, each node is checked against
+// the parent it had when the order was built, and one that moved is left
+// out with its subtree.
+bool Node::WalkOrder(UpdateOrder& order, float delta, bool force)
+{
+    struct Open
+    {
+        unsigned slot;
+        unsigned end;
+        bool changed;
+        bool childChanged;
+    };
+    // Slots ahead of the walk whose objects are asked for: enough to cover
+    // a miss to memory at the walk's pace. The States stream by themselves;
+    // the local box a dirty node will need lives in its object (often past
+    // the Node part), so once the object's first line has come in, it is
+    // asked for the box and the box's line is fetched too.
+    constexpr unsigned kAhead = 16, kBoxAhead = 8;
+    ++order.walking;
+    TArray<Open> stack(order.depth + 2);
+    stack.Reserve(order.depth + 2);
+    const UpdateOrder::Entry* entries = order.entries.Data();
+    State* states = order.states;
+    const unsigned count = order.entries.Count();
+    bool result = false;
+    auto leave = [&] {
+        Open top = stack.Last();
+        stack.Pop();
+        bool boxChanged = false;
+        if (top.changed || top.childChanged || force)
+        {
+            Aabb children = EmptyBounds();
+            bool addChildren = force || top.childChanged;
+            if (addChildren)
+                for (unsigned child = top.slot + 1; child < top.end; child = entries[child].end)
+                    if (!order.stale || entries[child].node->m_parent == entries[top.slot].node)
+                        AddBox(children, states[child].bounds);
+            boxChanged = entries[top.slot].node->LeaveUpdate(states[top.slot], addChildren ? &children : nullptr,
+                                                             top.changed);
+        }
+        if (stack.IsEmpty())
+            result = boxChanged;
+        else if (boxChanged)
+            stack.Last().childChanged = true;
+    };
+    for (unsigned i = 0; i < count; ++i)
+    {
+        if (i + kAhead < count)
+            __builtin_prefetch(entries[i + kAhead].node); // the virtual table pointer
+        if (i + kBoxAhead < count &&
+            (force || (states[i + kBoxAhead].flags & (FLAG_TRANSFORM_DIRTY | FLAG_BOUNDS_DIRTY))))
+            __builtin_prefetch(entries[i + kBoxAhead].node->getLocalAabbPtr());
+        while (!stack.IsEmpty() && stack.Last().end <= i)
+            leave();
+        const UpdateOrder::Entry& entry = entries[i];
+        Node* node = entry.node;
+        if (order.stale && i &&
+            (node->m_parent != entries[stack.Last().slot].node || node->m_state != &states[i]))
+        {
+            i = entry.end - 1; // moved by a callback: left out with its subtree
+            continue;
+        }
+        bool changed = node->EnterUpdate(&states[i], i ? &states[entry.parent] : nullptr, delta, force);
+        stack.Add({i, entry.end, changed, false});
+    }
+    while (!stack.IsEmpty())
+        leave();
+    if (--order.walking == 0 && (order.stale || m_parent))
+        DropOrder();
     return result;
 }
 
@@ -878,9 +1160,9 @@ bool Node::Duplicate(Object* destination, unsigned int flags) const
     if (!target || !Modifiable::Duplicate(destination, flags))
         return false;
     DuplicateModifiers(target, flags);
-    target->m_local = m_local;
-    target->m_final = m_final;
-    target->m_flags = m_flags;
+    target->m_state->local = m_state->local;
+    target->m_state->final = m_state->final;
+    target->m_state->flags = m_state->flags;
     if (m_children.Count() == 0)
         return true;
     // Inside another node's Duplicate: that one clones these children later.
@@ -916,8 +1198,8 @@ bool Node::IsDifferent(const Object* other) const
     if (!node || HasDiffProps(other))
         return true;
     auto differs = [](float a, float b) { return std::fabs(a - b) > 1e-6f; };
-    const Transform& a = m_local;
-    const Transform& b = node->m_local;
+    const Transform& a = m_state->local;
+    const Transform& b = node->m_state->local;
     for (unsigned i = 0; i < 3; ++i)
         if (differs(a.translation[i], b.translation[i]))
             return true;
@@ -956,11 +1238,11 @@ bool Node::SaveDiff(Serializer* serializer, const Object* base) const
     const Node* baseNode = DynamicCast<Node>(base);
     if (!SaveDiffProps(serializer, base))
         return false;
-    if (!baseNode || !SameTransformExactly(m_local, baseNode->m_local))
+    if (!baseNode || !SameTransformExactly(m_state->local, baseNode->m_state->local))
     {
         if (!serializer->Enter(kRXM))
             return false;
-        bool ok = serializer->Write(kLXM, &m_local, TransformStruct());
+        bool ok = serializer->Write(kLXM, &m_state->local, TransformStruct());
         serializer->Leave();
         if (!ok)
             return false;
@@ -1060,7 +1342,7 @@ bool Node::Save(Serializer* serializer) const
     bool ok = SaveProperties(serializer) && SaveModifiers(serializer) && serializer->Enter(kNODE);
     if (ok)
     {
-        ok = serializer->Write(kLXM, &m_local, TransformStruct()) && SavePhysicsShape(serializer) &&
+        ok = serializer->Write(kLXM, &m_state->local, TransformStruct()) && SavePhysicsShape(serializer) &&
              SaveChildren(serializer);
         serializer->Leave();
     }

@@ -69,10 +69,10 @@ public:
     ~Node() override;
 
     // --- Flags ---------------------------------------------------------------------
-    bool TestFlag(unsigned int mask) const { return (m_flags & mask) != 0; }
-    void SetFlag(unsigned int mask) { m_flags |= mask; }
-    void UnsetFlag(unsigned int mask) { m_flags &= ~mask; }
-    unsigned int GetFlags() const { return m_flags; }
+    bool TestFlag(unsigned int mask) const { return (m_state->flags & mask) != 0; }
+    void SetFlag(unsigned int mask) { m_state->flags |= mask; }
+    void UnsetFlag(unsigned int mask) { m_state->flags &= ~mask; }
+    unsigned int GetFlags() const { return m_state->flags; }
     bool IsSelfVisible() const { return TestFlag(FLAG_SELF_VISIBLE); }
     void SetSelfVisible(bool visible);
     // This node and every descendant.
@@ -108,15 +108,15 @@ public:
     bool IsSelfOrAncestorOf(const Node* node) const;
 
     // --- Transform -----------------------------------------------------------------
-    const Transform& GetLocalXM() const { return m_local; }
+    const Transform& GetLocalXM() const { return m_state->local; }
     void SetLocalXM(const Transform& local);
     // Copies without marking anything dirty.
-    void SetLocalXMFast(const Transform& local) { m_local = local; }
-    const Vector3& GetLocalTrans() const { return m_local.translation; }
+    void SetLocalXMFast(const Transform& local) { m_state->local = local; }
+    const Vector3& GetLocalTrans() const { return m_state->local.translation; }
     void SetLocalTrans(const Vector3& translation);
-    const Matrix3& GetLocalRot() const { return m_local.rotation; }
+    const Matrix3& GetLocalRot() const { return m_state->local.rotation; }
     void SetLocalRot(const Matrix3& rotation);
-    const Vector3& GetLocalScale() const { return m_local.scale; }
+    const Vector3& GetLocalScale() const { return m_state->local.scale; }
     void SetLocalScale(const Vector3& scale);
     void SetLocalTRS(const Vector3& translation, const Matrix3& rotation, const Vector3& scale);
     // Euler angles in degrees, as Matrix3 takes them.
@@ -141,16 +141,16 @@ public:
     Transform GetWorldXMFast() const;
     // The cached final transform, cleaned first.
     const Transform& GetFinalXM();
-    const Transform& GetFinalXMFast() const { return m_final; }
+    const Transform& GetFinalXMFast() const { return m_state->final; }
     const Vector3& GetFinalTrans() { return GetFinalXM().translation; }
-    const Vector3& GetFinalTransFast() const { return m_final.translation; }
+    const Vector3& GetFinalTransFast() const { return m_state->final.translation; }
     const Matrix3& GetFinalRot() { return GetFinalXM().rotation; }
     const Vector3& GetFinalScale() { return GetFinalXM().scale; }
-    const Vector3& GetFinalScaleFast() const { return m_final.scale; }
+    const Vector3& GetFinalScaleFast() const { return m_state->final.scale; }
     Vector3 GetUp();
     Vector3 GetRight();
     Vector3 GetDirection();
-    const Transform* GetOffsetXM() const { return m_offset; }
+    const Transform* GetOffsetXM() const { return m_state->offset; }
     // The caller keeps `offset` alive while it is set.
     void SetOffsetXM(const Transform* offset);
     // Flag 1 here and on every descendant.
@@ -174,11 +174,15 @@ public:
     void ForceUpdateTransform();
     bool UpdateAabb(bool changed, bool childChanged);
     void CalculateLocalBound();
+    // A root whose shape held still between two updates walks its tree in
+    // a cached flat order from then on, until the shape next changes; for
+    // tests and tools.
+    bool HasFlatUpdateOrder() const { return m_order != nullptr; }
 
     // --- Bounds --------------------------------------------------------------------
-    const Aabb& GetFinalAabb() const { return m_finalBounds; }
-    const Vector3& GetFinalBoundsMin() const { return m_finalBounds.min; }
-    const Vector3& GetFinalBoundsMax() const { return m_finalBounds.max; }
+    const Aabb& GetFinalAabb() const { return m_state->bounds; }
+    const Vector3& GetFinalBoundsMin() const { return m_state->bounds.min; }
+    const Vector3& GetFinalBoundsMax() const { return m_state->bounds.max; }
     // Empty: minimum 1e30 on each axis, maximum -1e30.
     static Aabb EmptyBounds();
 
@@ -234,34 +238,63 @@ public:
     virtual bool SaveChildrenDiff(Serializer* serializer, const Node* base) const;
     virtual bool canSaveChild(Node* /*child*/) const { return true; }
 
-    // Keep the count of nodes with modifiers below (see m_ticking); a
+    // Keep the count of nodes with modifiers below (see State::ticking); a
     // derived node that overrides these calls Node's.
     void OnModifierAttached(const Ptr<Modifier>& modifier) override;
     void OnModifierDetached(const Ptr<Modifier>& modifier) override;
 
 private:
 public:
-    struct CloneQueue; // defined in the source
+    struct CloneQueue;  // defined in the source
+    struct UpdateOrder; // defined in the source
+
+    // What every update reads and writes, kept apart from the rest of the
+    // node: a root's ordered tree keeps the States of all its nodes in one
+    // array, in walk order, so that an update streams through memory.
+    struct State
+    {
+        unsigned int flags = FLAGS_DEFAULT;
+        // Nodes of this subtree, this one included, that have a modifier:
+        // the modifier pass leaves out subtrees where it is 0, and the
+        // update skips the modifier lists of a node where it is.
+        unsigned int ticking = 0;
+        const Transform* offset = nullptr;
+        Transform local;
+        Transform final;
+        Aabb bounds;
+    };
 
 private:
     void StoreLocalScale(const Vector3& scale);
     void PrefetchChildren() const;
     bool UpdateSubtree(float delta, bool force);
-    void RebuildBounds(bool addChildren, bool& anyAdded);
+    bool WalkSubtree(float delta, bool force, bool clearShapeMarks);
+    bool EnterUpdate(State* state, const State* parent, float delta, bool force);
+    bool LeaveUpdate(State& state, const Aabb* children, bool changed);
+    static void ComputeFinal(State& state, const State* parent);
+    bool WalkOrder(UpdateOrder& order, float delta, bool force);
+    void BuildOrder();
+    void DropOrder();
+    void NoteShapeChange();
+    bool RebuildBounds(State& state, const Aabb* children);
 
     void AddTicking(int count);
 
-    unsigned int m_flags = FLAGS_DEFAULT;
-    // Nodes of this subtree, this one included, that have a modifier: the
-    // modifier pass leaves out subtrees where it is 0.
-    unsigned int m_ticking = 0;
     Node* m_parent = nullptr;
+    // Where the node's State lives: m_ownState, or its slot in the flat
+    // order of the root above it.
+    State* m_state = &m_ownState;
     TResNamedMap<Ptr<Node>, const WString&> m_children;
     Ptr<PhysicsShape> m_physicsShape;
-    Aabb m_finalBounds;
-    Transform m_local;
-    Transform m_final;
-    const Transform* m_offset = nullptr;
+    // A root's pre-order of its tree, built once the tree's shape has held
+    // still from one update to the next and dropped by the first change of
+    // shape after that; null on every other node.
+    UpdateOrder* m_order = nullptr;
+    // Set on a node whose children changed and on its ancestors (the marks
+    // stop at one already set, so a mark means every ancestor has one); a
+    // root's update clears them.
+    bool m_shapeChanged = false;
+    State m_ownState;
 };
 
 // The resource factory of ".node" files.

@@ -51,21 +51,6 @@ Matrix3 Matrix3::FromRows(const Vector3& r0, const Vector3& r1, const Vector3& r
 
 bool Matrix3::operator==(const Matrix3& o) const { return std::memcmp(m, o.m, sizeof m) == 0; }
 
-Matrix3 Matrix3::operator*(const Matrix3& o) const
-{
-    Matrix3 r;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            r.m[i][j] = m[i][0] * o.m[0][j] + m[i][1] * o.m[1][j] + m[i][2] * o.m[2][j];
-    return r;
-}
-
-float Matrix3::Determinant() const
-{
-    return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) - m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
-           m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
-}
-
 Matrix3 Matrix3::Transposed() const
 {
     return {m[0][0], m[1][0], m[2][0], m[0][1], m[1][1], m[2][1], m[0][2], m[1][2], m[2][2]};

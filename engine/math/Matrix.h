@@ -53,13 +53,26 @@ public:
     Vector3 Row(unsigned r) const { return {m[r][0], m[r][1], m[r][2]}; }
     Vector3 Column(unsigned c) const { return {m[0][c], m[1][c], m[2][c]}; }
 
-    Matrix3 operator*(const Matrix3& o) const;
+    // Inline, with the determinant: every world transform of the scene graph
+    // takes both.
+    Matrix3 operator*(const Matrix3& o) const
+    {
+        Matrix3 r;
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j)
+                r.m[i][j] = m[i][0] * o.m[0][j] + m[i][1] * o.m[1][j] + m[i][2] * o.m[2][j];
+        return r;
+    }
     Vector3 operator*(const Vector3& v) const
     {
         return {m[0][0] * v.x + m[0][1] * v.y + m[0][2] * v.z, m[1][0] * v.x + m[1][1] * v.y + m[1][2] * v.z,
                 m[2][0] * v.x + m[2][1] * v.y + m[2][2] * v.z};
     }
-    float Determinant() const;
+    float Determinant() const
+    {
+        return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) - m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
+               m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
+    }
     Matrix3 Transposed() const;
     bool Inverse(Matrix3& out) const;
     bool IsIdentity(float epsilon = 1e-6f) const;

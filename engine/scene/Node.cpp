@@ -5,6 +5,7 @@
 
 #include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
+#include "kernel/SlabHeap.h"
 #include "kernel/TimeAnalyzer.h"
 #include "reflection/FunctionRegistration.h"
 #include "reflection/PropertyRegistration.h"
@@ -202,6 +203,30 @@ void Node::StaticConstructor(Class* cls)
 }
 
 Node::Node() { m_ownState.bounds = EmptyBounds(); }
+
+namespace {
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kNodeHeap = false;
+#else
+constexpr bool kNodeHeap = true;
+#endif
+// Never destroyed: nodes may outlive every static.
+SlabHeap& NodeHeap()
+{
+    static SlabHeap* heap = new SlabHeap();
+    return *heap;
+}
+} // namespace
+
+void* Node::operator new(std::size_t size) { return kNodeHeap ? NodeHeap().Allocate(size) : ::operator new(size); }
+
+void Node::operator delete(void* block, std::size_t size)
+{
+    if (kNodeHeap)
+        NodeHeap().Free(block, size);
+    else
+        ::operator delete(block);
+}
 
 Node::~Node()
 {
@@ -464,6 +489,27 @@ void Node::MakeTransformDirty()
 
 void Node::MakeChildrenTransformDirty()
 {
+    if (!m_children.Count())
+        return;
+    // In a root's flat order the subtree is one run of States.
+    if (m_state != &m_ownState)
+    {
+        Node* root = this;
+        while (root->m_parent)
+            root = root->m_parent;
+        const UpdateOrder* order = root->m_order;
+        if (order && !order->stale)
+        {
+            auto at = reinterpret_cast<uintptr_t>(m_state), first = reinterpret_cast<uintptr_t>(order->states);
+            size_t slot = (at - first) / sizeof(State);
+            if (at >= first && slot < order->entries.Count() && order->entries[slot].node == this)
+            {
+                for (unsigned i = unsigned(slot) + 1; i < order->entries[slot].end; ++i)
+                    order->states[i].flags |= FLAG_TRANSFORM_DIRTY;
+                return;
+            }
+        }
+    }
     TArray<Node*> pending;
     for (const Ptr<Node>& child : m_children)
         pending.Add(child.Get());
@@ -1045,9 +1091,8 @@ bool Node::WalkOrder(UpdateOrder& order, float delta, bool force)
     State* states = order.states;
     const unsigned count = order.entries.Count();
     bool result = false;
-    auto leave = [&] {
-        Open top = stack.Last();
-        stack.Pop();
+    // `top` is off the stack; its parent, if any, is on top.
+    auto leave = [&](const Open& top) {
         bool boxChanged = false;
         if (top.changed || top.childChanged || force)
         {
@@ -1073,7 +1118,11 @@ bool Node::WalkOrder(UpdateOrder& order, float delta, bool force)
             (force || (states[i + kBoxAhead].flags & (FLAG_TRANSFORM_DIRTY | FLAG_BOUNDS_DIRTY))))
             __builtin_prefetch(entries[i + kBoxAhead].node->getLocalAabbPtr());
         while (!stack.IsEmpty() && stack.Last().end <= i)
-            leave();
+        {
+            Open top = stack.Last();
+            stack.Pop();
+            leave(top);
+        }
         const UpdateOrder::Entry& entry = entries[i];
         Node* node = entry.node;
         if (order.stale && i &&
@@ -1083,10 +1132,17 @@ bool Node::WalkOrder(UpdateOrder& order, float delta, bool force)
             continue;
         }
         bool changed = node->EnterUpdate(&states[i], i ? &states[entry.parent] : nullptr, delta, force);
-        stack.Add({i, entry.end, changed, false});
+        if (entry.end == i + 1)
+            leave({i, entry.end, changed, false}); // a leaf is left at once
+        else
+            stack.Add({i, entry.end, changed, false});
     }
     while (!stack.IsEmpty())
-        leave();
+    {
+        Open top = stack.Last();
+        stack.Pop();
+        leave(top);
+    }
     if (--order.walking == 0 && (order.stale || m_parent))
         DropOrder();
     return result;

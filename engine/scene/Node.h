@@ -68,6 +68,12 @@ public:
     Node();
     ~Node() override;
 
+    // Nodes, of every derived class, come from one SlabHeap: a large tree
+    // lies in few pages, which its walks feel. AddressSanitizer builds use
+    // the ordinary heap, so that it sees every node's life.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* block, std::size_t size);
+
     // --- Flags ---------------------------------------------------------------------
     bool TestFlag(unsigned int mask) const { return (m_state->flags & mask) != 0; }
     void SetFlag(unsigned int mask) { m_state->flags |= mask; }

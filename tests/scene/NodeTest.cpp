@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <random>
+#include <thread>
 
 #include "scene/SceneTestSupport.h"
 #include "kernel/EngineGlobals.h"
@@ -776,3 +777,34 @@ TEST(NodeTransformDeathTest, ReadsThatTickBelongToTheMainThread)
     EXPECT_EQ(n->GetFinalXM().translation, Vector3(1, 0, 0));
 }
 #endif
+
+// Loaders build trees on their own threads: nodes of several classes made,
+// linked and dropped on many threads at once, all from the node heap.
+TEST(NodeThreads, NodesComeAndGoOnManyThreads)
+{
+    constexpr int kThreads = 4, kRounds = 3000;
+    std::vector<std::thread> threads;
+    std::vector<unsigned> counts(kThreads, 0);
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(unsigned(t + 10));
+            Ptr<Node> root(new Node());
+            std::vector<Node*> all{root.Get()};
+            for (int round = 0; round < kRounds; ++round)
+            {
+                Ptr<Node> n = rng() % 2 ? Ptr<Node>(new Node()) : Ptr<Node>(Box(u"box").Get());
+                all[rng() % all.size()]->AttachChild(n);
+                all.push_back(n.Get());
+                if (round % 500 == 499)
+                {
+                    counts[size_t(t)] += root->GetNumChildren();
+                    root->DetachAllChildren();
+                    all.assign(1, root.Get());
+                }
+            }
+        });
+    for (std::thread& t : threads)
+        t.join();
+    for (unsigned count : counts)
+        EXPECT_GT(count, 0u);
+}

@@ -1,6 +1,8 @@
 // The scene graph on a 100,000-node tree (depth up to 12): world transforms
-// updated with 10% of the nodes marked dirty at random, beside the same
-// parent/child products over flat arrays; world boxes refreshed after 1,000
+// updated with 10% of the nodes marked dirty at random (marking one marks
+// its subtree), beside the same parent/child products over flat arrays; the
+// walk with nothing dirty, and the walk by pointers in a frame whose shape
+// changed; world boxes refreshed after 1,000
 // leaves move, beside a full recompute; the tree saved and loaded in the
 // binary form, nodes per second (the serializer's own figures are
 // BM_Serialize_* in the same run).
@@ -90,12 +92,18 @@ const std::vector<unsigned>& DirtySet()
     return set;
 }
 
-unsigned MarkDirty(SceneTree& t)
+// Marks the dirty set, as an application moving those nodes would.
+void MarkDirty(SceneTree& t)
 {
     for (unsigned i : DirtySet())
         t.nodes[i]->MakeTransformDirty();
+}
+
+// The nodes marked dirty, their subtrees included.
+unsigned CountDirty(const SceneTree& t)
+{
     unsigned dirty = 0;
-    for (Node* n : t.nodes)
+    for (const Node* n : t.nodes)
         dirty += n->TestFlag(Node::FLAG_TRANSFORM_DIRTY) ? 1 : 0;
     return dirty;
 }
@@ -103,11 +111,14 @@ unsigned MarkDirty(SceneTree& t)
 void BM_Scene_UpdateDirty10Percent(benchmark::State& state)
 {
     SceneTree& t = Tree();
-    unsigned dirty = 0;
+    t.root->Update(0); // a shape that held still since the last update
+    MarkDirty(t);
+    unsigned dirty = CountDirty(t);
+    t.root->Update(0);
     for (auto _ : state)
     {
         state.PauseTiming();
-        dirty = MarkDirty(t);
+        MarkDirty(t);
         state.ResumeTiming();
         t.root->Update(0);
     }
@@ -144,6 +155,43 @@ void BM_Scene_FlatArrayBaseline(benchmark::State& state)
             }
         benchmark::DoNotOptimize(world.data());
         benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * dirty);
+    state.counters["dirty_nodes"] = dirty;
+    state.counters["dirty_per_ms"] = benchmark::Counter(double(dirty) * double(state.iterations()) / 1000.0,
+                                                        benchmark::Counter::kIsRate);
+}
+
+// Nothing dirty: what the walk itself costs, a notification per node.
+void BM_Scene_UpdateNothingDirty(benchmark::State& state)
+{
+    SceneTree& t = Tree();
+    t.root->Update(0);
+    t.root->Update(0);
+    for (auto _ : state)
+        t.root->Update(0);
+    state.SetItemsProcessed(int64_t(state.iterations()) * kNodes);
+}
+
+// The same 10% dirty in a frame where the shape changed too (a leaf
+// detached and attached again): the walk by pointers.
+void BM_Scene_UpdateDirtyAfterAShapeChange(benchmark::State& state)
+{
+    SceneTree& t = Tree();
+    Node* leaf = t.leaves.front();
+    Node* parent = leaf->GetParent();
+    MarkDirty(t);
+    unsigned dirty = CountDirty(t);
+    t.root->Update(0);
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        MarkDirty(t);
+        Ptr<Node> held(leaf);
+        parent->DetachChild(held);
+        parent->AttachChild(held);
+        state.ResumeTiming();
+        t.root->Update(0);
     }
     state.SetItemsProcessed(int64_t(state.iterations()) * dirty);
     state.counters["dirty_nodes"] = dirty;
@@ -225,6 +273,8 @@ void BM_Scene_BinaryLoad(benchmark::State& state)
 
 BENCHMARK(BM_Scene_UpdateDirty10Percent)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_FlatArrayBaseline)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Scene_UpdateNothingDirty)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Scene_UpdateDirtyAfterAShapeChange)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_BoundsAfterMoving1000Leaves)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_BoundsFullRecompute)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_BinarySave)->Unit(benchmark::kMillisecond);

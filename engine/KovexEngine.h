@@ -22,6 +22,7 @@
 #include "kernel/RingBuffer.h"
 #include "kernel/SelfAllocator.h"
 #include "kernel/SharedString.h"
+#include "kernel/SlabHeap.h"
 #include "kernel/StringConv.h"
 #include "kernel/Strings.h"
 #include "kernel/Thread.h"

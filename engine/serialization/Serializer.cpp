@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <unordered_map>
 
 #include "io/StreamManager.h"
 #include "kernel/EngineGlobals.h"
@@ -163,6 +164,12 @@ bool Serializer_WriteHeader::End()
 
 // --- The serializer ---------------------------------------------------------------------------
 
+struct Serializer::WrittenIds
+{
+    std::unordered_map<const Object*, unsigned int> ids;
+};
+
+Serializer::Serializer() = default;
 Serializer::~Serializer() = default;
 
 AString Serializer::GetSelfHdrCode() { return AString("UKN"); }
@@ -209,7 +216,7 @@ void Serializer::Close()
 {
     m_highestId = 0;
     m_readObjects.Clear();
-    m_writtenObjects.Clear();
+    m_writtenObjects.reset();
     InternalClose();
 }
 
@@ -322,17 +329,12 @@ bool Serializer::Write(FourCC tag, const Obb& value)
 
 bool Serializer::SaveObjId(const ConstPtr<Object>& object)
 {
-    unsigned index = m_writtenObjects.Find(object.Get());
-    bool isNew = index == kNotFound;
-    unsigned number;
+    if (!m_writtenObjects)
+        m_writtenObjects = std::make_unique<WrittenIds>();
+    auto [at, isNew] = m_writtenObjects->ids.try_emplace(object.Get(), m_highestId + 1);
     if (isNew)
-    {
-        number = ++m_highestId;
-        m_writtenObjects.Insert(object.Get(), number);
-    }
-    else
-        number = m_writtenObjects[index].value;
-    Write(FourCCs::OBID, number);
+        ++m_highestId;
+    Write(FourCCs::OBID, at->second);
     return isNew;
 }
 
@@ -380,7 +382,7 @@ void Serializer::ClearSerializedObj()
 {
     m_highestId = 0;
     m_readObjects.Clear();
-    m_writtenObjects.Clear();
+    m_writtenObjects.reset();
 }
 
 // --- Paths ---------------------------------------------------------------------------------------

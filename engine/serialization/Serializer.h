@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "io/Stream.h"
 #include "kernel/SharedString.h"
 #include "reflection/Object.h"
@@ -266,7 +268,7 @@ public:
     static constexpr unsigned kMaxObjectDepth = 256;
 
 protected:
-    Serializer() = default;
+    Serializer();
     virtual void InternalClose() = 0;
     virtual bool InternalEnter(FourCC tag) = 0;
     virtual bool InternalEnterNext(FourCC tag) = 0;
@@ -283,7 +285,10 @@ protected:
     unsigned int m_highestId = 0;
     unsigned int m_loadFlags = 0;
     TMap<unsigned int, Ptr<Object>> m_readObjects;
-    TMap<const Object*, unsigned int> m_writtenObjects;
+    // Written objects and their ids: a hash map, since a save of n objects
+    // asks it n times (defined in the source).
+    struct WrittenIds;
+    std::unique_ptr<WrittenIds> m_writtenObjects;
     unsigned m_depth = 0;
 };
 

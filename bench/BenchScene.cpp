@@ -108,7 +108,17 @@ unsigned CountDirty(const SceneTree& t)
     return dirty;
 }
 
-void BM_Scene_UpdateDirty10Percent(benchmark::State& state)
+void ReportDirty(benchmark::State& state, unsigned dirty)
+{
+    state.SetItemsProcessed(int64_t(state.iterations()) * dirty);
+    state.counters["dirty_nodes"] = dirty;
+    state.counters["dirty_per_ms"] = benchmark::Counter(double(dirty) * double(state.iterations()) / 1000.0,
+                                                        benchmark::Counter::kIsRate);
+}
+
+// Marks the dirty set and updates, `shapeChange` before each update.
+template <typename ShapeChange>
+void UpdateDirtyFrames(benchmark::State& state, ShapeChange&& shapeChange)
 {
     SceneTree& t = Tree();
     t.root->Update(0); // a shape that held still since the last update
@@ -119,13 +129,16 @@ void BM_Scene_UpdateDirty10Percent(benchmark::State& state)
     {
         state.PauseTiming();
         MarkDirty(t);
+        shapeChange(t);
         state.ResumeTiming();
         t.root->Update(0);
     }
-    state.SetItemsProcessed(int64_t(state.iterations()) * dirty);
-    state.counters["dirty_nodes"] = dirty;
-    state.counters["dirty_per_ms"] = benchmark::Counter(double(dirty) * double(state.iterations()) / 1000.0,
-                                                        benchmark::Counter::kIsRate);
+    ReportDirty(state, dirty);
+}
+
+void BM_Scene_UpdateDirty10Percent(benchmark::State& state)
+{
+    UpdateDirtyFrames(state, [](SceneTree&) {});
 }
 
 // The arithmetic's floor: the same parent/child products for the same
@@ -156,10 +169,7 @@ void BM_Scene_FlatArrayBaseline(benchmark::State& state)
         benchmark::DoNotOptimize(world.data());
         benchmark::ClobberMemory();
     }
-    state.SetItemsProcessed(int64_t(state.iterations()) * dirty);
-    state.counters["dirty_nodes"] = dirty;
-    state.counters["dirty_per_ms"] = benchmark::Counter(double(dirty) * double(state.iterations()) / 1000.0,
-                                                        benchmark::Counter::kIsRate);
+    ReportDirty(state, dirty);
 }
 
 // Nothing dirty: what the walk itself costs, a notification per node.
@@ -177,26 +187,12 @@ void BM_Scene_UpdateNothingDirty(benchmark::State& state)
 // detached and attached again): the walk by pointers.
 void BM_Scene_UpdateDirtyAfterAShapeChange(benchmark::State& state)
 {
-    SceneTree& t = Tree();
-    Node* leaf = t.leaves.front();
-    Node* parent = leaf->GetParent();
-    MarkDirty(t);
-    unsigned dirty = CountDirty(t);
-    t.root->Update(0);
-    for (auto _ : state)
-    {
-        state.PauseTiming();
-        MarkDirty(t);
-        Ptr<Node> held(leaf);
-        parent->DetachChild(held);
-        parent->AttachChild(held);
-        state.ResumeTiming();
-        t.root->Update(0);
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()) * dirty);
-    state.counters["dirty_nodes"] = dirty;
-    state.counters["dirty_per_ms"] = benchmark::Counter(double(dirty) * double(state.iterations()) / 1000.0,
-                                                        benchmark::Counter::kIsRate);
+    UpdateDirtyFrames(state, [](SceneTree& t) {
+        Ptr<Node> leaf(t.leaves.front());
+        Node* parent = leaf->GetParent();
+        parent->DetachChild(leaf);
+        parent->AttachChild(leaf);
+    });
 }
 
 void BM_Scene_BoundsAfterMoving1000Leaves(benchmark::State& state)

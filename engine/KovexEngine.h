@@ -20,6 +20,7 @@
 #include "kernel/MemoryTracker.h"
 #include "kernel/RefCount.h"
 #include "kernel/RingBuffer.h"
+#include "kernel/Sanitizers.h"
 #include "kernel/SelfAllocator.h"
 #include "kernel/SharedString.h"
 #include "kernel/SlabHeap.h"

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#ifdef __SANITIZE_ADDRESS__
+#include "kernel/Sanitizers.h"
+
+#if KOVEX_ASAN
 #include <sanitizer/asan_interface.h>
 #endif
 
@@ -51,7 +53,7 @@ void ReferenceObj::CheckNotOnStack() const
     const char* self = reinterpret_cast<const char*>(this);
     const StackRange& stack = ThreadStack();
     bool onStack = self >= stack.low && self < stack.high;
-#ifdef __SANITIZE_ADDRESS__
+#if KOVEX_ASAN
     // AddressSanitizer may keep locals in a "fake stack" on the heap.
     if (void* fake = __asan_get_current_fake_stack())
         onStack = onStack || __asan_addr_is_in_fake_stack(fake, const_cast<char*>(self), nullptr, nullptr);

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__)
+#include "kernel/Sanitizers.h"
+
+#if KOVEX_ASAN
 #include <sanitizer/asan_interface.h>
 #define KOVEX_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
 #define KOVEX_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)

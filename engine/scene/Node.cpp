@@ -5,6 +5,7 @@
 
 #include "kernel/EngineGlobals.h"
 #include "kernel/Log.h"
+#include "kernel/Sanitizers.h"
 #include "kernel/SlabHeap.h"
 #include "kernel/TimeAnalyzer.h"
 #include "reflection/FunctionRegistration.h"
@@ -205,7 +206,7 @@ void Node::StaticConstructor(Class* cls)
 Node::Node() { m_ownState.bounds = EmptyBounds(); }
 
 namespace {
-#if defined(__SANITIZE_ADDRESS__)
+#if KOVEX_ASAN
 constexpr bool kNodeHeap = false;
 #else
 constexpr bool kNodeHeap = true;

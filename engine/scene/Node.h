@@ -249,9 +249,9 @@ public:
     void OnModifierAttached(const Ptr<Modifier>& modifier) override;
     void OnModifierDetached(const Ptr<Modifier>& modifier) override;
 
+    struct CloneQueue; // defined in the source
+
 private:
-public:
-    struct CloneQueue;  // defined in the source
     struct UpdateOrder; // defined in the source
 
     // What every update reads and writes, kept apart from the rest of the
@@ -270,7 +270,6 @@ public:
         Aabb bounds;
     };
 
-private:
     void StoreLocalScale(const Vector3& scale);
     void PrefetchChildren() const;
     bool UpdateSubtree(float delta, bool force);

@@ -15,13 +15,18 @@ using namespace KovexSceneTest;
 
 namespace {
 
+WString Wide(const std::string& text)
+{
+    WString out;
+    for (char c : text)
+        out += char16_t(c);
+    return out;
+}
+
 Ptr<SceneBoxNode> Box(const std::string& name)
 {
     Ptr<SceneBoxNode> n(new SceneBoxNode());
-    WString w;
-    for (char c : name)
-        w += char16_t(c);
-    n->SetName(w);
+    n->SetName(Wide(name));
     return n;
 }
 
@@ -259,10 +264,7 @@ public:
 Ptr<Mischief> Imp(const std::string& name)
 {
     Ptr<Mischief> n(new Mischief());
-    WString w;
-    for (char c : name)
-        w += char16_t(c);
-    n->SetName(w);
+    n->SetName(Wide(name));
     n->record = true;
     return n;
 }

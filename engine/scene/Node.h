@@ -24,7 +24,13 @@ class RenderAsset;
 // world-transform reads that clean the tree (GetFinalXM and kin, GetWorldXM,
 // the direction helpers, the world setters) may tick modifiers and are
 // asserted to run on the main thread in debug builds; the Fast getters only
-// read the cache.
+// read the cache. Nodes may be made and dropped on any thread: loaders
+// build trees on theirs.
+//
+// A node's flags, transforms and box live in a State that a root's update
+// may move into its flat order (and a change of the tree's shape moves
+// back): a reference the getters return stays valid until the next update
+// or change of shape of the tree, so copy what must outlive one.
 //
 // Walks, updates, clones and destruction use explicit stacks, so a tree of
 // any depth is safe; saving and loading nest as the serializer does and

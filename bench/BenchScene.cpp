@@ -195,6 +195,25 @@ void BM_Scene_UpdateDirtyAfterAShapeChange(benchmark::State& state)
     });
 }
 
+// The first change of shape after the tree held still: a leaf detached
+// and attached again, which drops the root's flat order (the States move
+// back into their nodes, the order's references go).
+void BM_Scene_FirstShapeChangeDropsTheOrder(benchmark::State& state)
+{
+    SceneTree& t = Tree();
+    Ptr<Node> leaf(t.leaves.front());
+    Node* parent = leaf->GetParent();
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        t.root->Update(0);
+        t.root->Update(0);
+        state.ResumeTiming();
+        parent->DetachChild(leaf);
+        parent->AttachChild(leaf);
+    }
+}
+
 void BM_Scene_BoundsAfterMoving1000Leaves(benchmark::State& state)
 {
     SceneTree& t = Tree();
@@ -271,6 +290,7 @@ BENCHMARK(BM_Scene_UpdateDirty10Percent)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_FlatArrayBaseline)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_UpdateNothingDirty)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_UpdateDirtyAfterAShapeChange)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Scene_FirstShapeChangeDropsTheOrder)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_BoundsAfterMoving1000Leaves)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_BoundsFullRecompute)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Scene_BinarySave)->Unit(benchmark::kMillisecond);

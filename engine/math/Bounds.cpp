@@ -31,32 +31,14 @@ bool Aabb::Intersects(const Aabb& b) const
              b.max.z < min.z);
 }
 
-namespace {
-
-// The box around a linearly mapped box: centre mapped, extent through |M|.
-Aabb MapBox(const Aabb& box, const Matrix3& linear, const Vector3& translation)
-{
-    if (box.IsEmpty())
-        return box;
-    Vector3 center = linear * box.Center() + translation;
-    Vector3 e = box.Extent();
-    Vector3 extent;
-    for (int i = 0; i < 3; ++i)
-        extent[unsigned(i)] = std::fabs(linear.m[i][0]) * e.x + std::fabs(linear.m[i][1]) * e.y +
-                              std::fabs(linear.m[i][2]) * e.z;
-    return {center - extent, center + extent};
-}
-
-} // namespace
-
 Aabb Aabb::FromTransformedAabb(const Aabb& box, const Transform& t)
 {
-    return MapBox(box, t.rotation.ScaledColumns(t.scale), t.translation);
+    return FromMappedAabb(box, t.rotation.ScaledColumns(t.scale), t.translation);
 }
 
 Aabb Aabb::FromTransformedAabb(const Aabb& box, const Matrix4& matrix)
 {
-    return MapBox(box, matrix.Upper3x3(), matrix.Translation());
+    return FromMappedAabb(box, matrix.Upper3x3(), matrix.Translation());
 }
 
 bool Sphere::Intersects(const Sphere& o) const
@@ -94,7 +76,7 @@ void Obb::GetCorners(Vector3 out[8]) const
 Aabb Obb::ToAabb() const
 {
     Aabb local(-extent, extent);
-    return MapBox(local, axes, center);
+    return Aabb::FromMappedAabb(local, axes, center);
 }
 
 } // namespace KovexEngine

@@ -33,6 +33,21 @@ public:
     // The box around `box` transformed by `transform` (scale included).
     static Aabb FromTransformedAabb(const Aabb& box, const Transform& transform);
     static Aabb FromTransformedAabb(const Aabb& box, const Matrix4& matrix);
+    // The box around `box` mapped by `linear`, then moved: the centre
+    // mapped, the extent through |linear|. Inline: every changed node of a
+    // scene update takes it.
+    static Aabb FromMappedAabb(const Aabb& box, const Matrix3& linear, const Vector3& translation)
+    {
+        if (box.IsEmpty())
+            return box;
+        Vector3 center = linear * box.Center() + translation;
+        Vector3 e = box.Extent();
+        Vector3 extent;
+        for (unsigned i = 0; i < 3; ++i)
+            extent[i] = std::fabs(linear.m[i][0]) * e.x + std::fabs(linear.m[i][1]) * e.y +
+                        std::fabs(linear.m[i][2]) * e.z;
+        return {center - extent, center + extent};
+    }
 };
 
 class KOVEX_API Sphere

@@ -76,21 +76,15 @@ inline bool AddBox(Aabb& into, const Aabb& box)
 inline float Smaller(float a, float b) { return b < a ? b : a; }
 inline float Larger(float a, float b) { return a < b ? b : a; }
 
-// A node's local box in the world: scaled first, then rotated and moved,
-// with the same arithmetic as Aabb::FromTransformedAabb.
+// A node's local box in the world: scaled first, then rotated and moved
+// (Aabb::FromTransformedAabb with the scale already applied, inline).
 inline Aabb WorldBox(const Aabb& local, const Transform& final)
 {
     const Vector3& s = final.scale;
     Vector3 a = local.min * s, b = local.max * s;
-    Vector3 lo(Smaller(a.x, b.x), Smaller(a.y, b.y), Smaller(a.z, b.z));
-    Vector3 hi(Larger(a.x, b.x), Larger(a.y, b.y), Larger(a.z, b.z));
-    Vector3 e = (hi - lo) * 0.5f;
-    const Matrix3& r = final.rotation;
-    Vector3 center = r * ((lo + hi) * 0.5f) + final.translation;
-    Vector3 extent(std::fabs(r.m[0][0]) * e.x + std::fabs(r.m[0][1]) * e.y + std::fabs(r.m[0][2]) * e.z,
-                   std::fabs(r.m[1][0]) * e.x + std::fabs(r.m[1][1]) * e.y + std::fabs(r.m[1][2]) * e.z,
-                   std::fabs(r.m[2][0]) * e.x + std::fabs(r.m[2][1]) * e.y + std::fabs(r.m[2][2]) * e.z);
-    return {center - extent, center + extent};
+    Aabb scaled(Vector3(Smaller(a.x, b.x), Smaller(a.y, b.y), Smaller(a.z, b.z)),
+                Vector3(Larger(a.x, b.x), Larger(a.y, b.y), Larger(a.z, b.z)));
+    return Aabb::FromMappedAabb(scaled, final.rotation, final.translation);
 }
 
 bool SameTransformExactly(const Transform& a, const Transform& b)

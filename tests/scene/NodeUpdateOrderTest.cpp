@@ -8,6 +8,7 @@
 #include <functional>
 #include <random>
 
+#include "kernel/StringConv.h"
 #include "scene/SceneTestSupport.h"
 
 using namespace KovexEngine;
@@ -15,18 +16,10 @@ using namespace KovexSceneTest;
 
 namespace {
 
-WString Wide(const std::string& text)
-{
-    WString out;
-    for (char c : text)
-        out += char16_t(c);
-    return out;
-}
-
 Ptr<SceneBoxNode> Box(const std::string& name)
 {
     Ptr<SceneBoxNode> n(new SceneBoxNode());
-    n->SetName(Wide(name));
+    n->SetName(StringConvFuncs::ToWString(name.c_str()));
     return n;
 }
 
@@ -264,7 +257,7 @@ public:
 Ptr<Mischief> Imp(const std::string& name)
 {
     Ptr<Mischief> n(new Mischief());
-    n->SetName(Wide(name));
+    n->SetName(StringConvFuncs::ToWString(name.c_str()));
     n->record = true;
     return n;
 }
